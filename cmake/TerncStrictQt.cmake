@@ -1,0 +1,37 @@
+# Compile settings shared by the library, the host, the tests and the tools.
+add_library(terncl_build_settings INTERFACE)
+target_compile_definitions(terncl_build_settings INTERFACE
+  QT_NO_CAST_FROM_ASCII
+  QT_NO_CAST_TO_ASCII
+  QT_NO_CAST_FROM_BYTEARRAY
+  QT_NO_NARROWING_CONVERSIONS_IN_CONNECT
+  QT_NO_URL_CAST_FROM_STRING
+  QT_STRICT_ITERATORS
+  QT_NO_KEYWORDS
+  QT_DISABLE_DEPRECATED_UP_TO=0x060400)
+target_compile_options(terncl_build_settings INTERFACE
+  -Wall -Wextra
+  # Error sources name files relative to the repository root.
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+if(TERNCL_WARNINGS_AS_ERRORS)
+  target_compile_options(terncl_build_settings INTERFACE -Werror)
+endif()
+if(TERNCL_SANITIZE)
+  target_compile_options(terncl_build_settings INTERFACE
+    -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(terncl_build_settings INTERFACE -fsanitize=address,undefined)
+endif()
+
+# Adds a library sub-directory's sources and public headers to the library.
+# Every header except *_p.h is public and installed under include/ with its path below src/.
+function(terncl_add_sources)
+  cmake_parse_arguments(ARG "" "" "SOURCES;HEADERS" ${ARGN})
+  target_sources(ternclshared PRIVATE ${ARG_SOURCES} ${ARG_HEADERS})
+  foreach(header IN LISTS ARG_HEADERS)
+    get_filename_component(abs "${header}" ABSOLUTE)
+    file(RELATIVE_PATH rel "${PROJECT_SOURCE_DIR}/src" "${abs}")
+    if(NOT rel MATCHES "_p\\.h$")
+      set_property(GLOBAL APPEND PROPERTY TERNCL_PUBLIC_HEADERS "${rel}")
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,3 @@
+#include "qtcloneableobject.h"
+
+QtCloneableObject::QtCloneableObject(QObject* parent) : QObject(parent) {}

@@ -1,0 +1,5 @@
+#include "qtobj.h"
+
+QtObj::QtObj(QObject* parent) : QObject(parent) {}
+
+QtObj::~QtObj() = default;

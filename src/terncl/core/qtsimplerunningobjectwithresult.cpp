@@ -1,0 +1,6 @@
+#include "qtsimplerunningobjectwithresult.h"
+
+QtSimpleRunningObjectWithResult::QtSimpleRunningObjectWithResult(QObject* parent)
+    : QtRunningObjectWithResult(parent)
+{
+}

@@ -1,0 +1,159 @@
+#include "support/recordinglogger.h"
+
+#include <terncl/core/abstracterror.h>
+#include <terncl/core/qtabstracterror.h>
+#include <terncl/core/sourceplace.h>
+#include <terncl/core/windowserrorcategory.h>
+
+#include <QFile>
+#include <QMetaProperty>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTextStream>
+
+namespace {
+class PrefixConverter : public QtAbstractErrorToString
+{
+public:
+    QString toString(const AbstractError& error, bool shortText) const override
+    {
+        return (shortText ? QStringLiteral("short:") : QStringLiteral("long:")) +
+               QString::fromStdString(error.description);
+    }
+};
+} // namespace
+
+class TestAbstractError : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void textForm()
+    {
+        QCOMPARE(AbstractError().toText(),
+                 QStringLiteral("{ERROR: |CODE|: 0, |CATEGORY|: , |SOURCE|: , |DESCRIPTION|: }"));
+        const AbstractError error(403, AbstractError::HttpError, "src/x,1", "a, \"b\"");
+        QCOMPARE(error.toText(), QStringLiteral("{ERROR: |CODE|: 403, |CATEGORY|: HttpError, "
+                                                "|SOURCE|: src/x,1, |DESCRIPTION|: a, \"b\"}"));
+        QVERIFY(!AbstractError().isSet());
+        QVERIFY(error.isSet());
+    }
+
+    void fileErrorTakesTheDeviceError()
+    {
+        QTemporaryDir dir;
+        QFile file(dir.filePath(QStringLiteral("missing/none.bin")));
+        QVERIFY(!file.open(QIODevice::ReadOnly));
+        const AbstractError error(file, "here,7");
+        QCOMPARE(error.code, static_cast<int>(QFileDevice::OpenError));
+        QCOMPARE(error.category, std::string("QtFileError"));
+        QCOMPARE(error.source, std::string("here,7"));
+        QCOMPARE(QString::fromStdString(error.description), file.errorString());
+    }
+
+    void sourcePlaceIsRelativeWithoutExtension()
+    {
+        const int line = __LINE__ + 1;
+        const std::string place = TERNCL_SOURCE_PLACE;
+        QCOMPARE(QString::fromStdString(place),
+                 QStringLiteral("tests/terncl/core/tst_abstracterror,%1").arg(line));
+        QCOMPARE(QString::fromStdString(terncl::sourcePlace("./a/b.c/file.cpp", 3)),
+                 QStringLiteral("a/b.c/file,3"));
+        QCOMPARE(QString::fromStdString(terncl::sourcePlace("a/b.c/noext", 3)),
+                 QStringLiteral("a/b.c/noext,3"));
+    }
+
+    void failedAssertionLogsAndContinues()
+    {
+        RecordingLogger logger;
+        int sideEffects = 0;
+        const int line = __LINE__ + 1;
+        TERNCL_ASSERT(++sideEffects == 2);
+        TERNCL_ASSERT(++sideEffects == 2);
+        QCOMPARE(sideEffects, 2);
+        QCOMPARE(logger.lines(), QStringList{QStringLiteral("ASSERTION FAILED: ++sideEffects == 2, "
+                                                            "tests/terncl/core/tst_abstracterror,%1")
+                                                 .arg(line)});
+    }
+
+    void windowsCategory()
+    {
+        const auto& category = WindowsErrorCategory::instance();
+        QCOMPARE(QString::fromLatin1(category.name()), QStringLiteral("windows"));
+        QCOMPARE(QString::fromStdString(category.message(5)), QStringLiteral("windows unknown error"));
+        QVERIFY(std::error_code(5, category) == std::errc::permission_denied);
+        QVERIFY(std::error_code(12007, category) == std::errc::address_not_available);
+        QVERIFY(std::error_code(12029, category) == std::errc::host_unreachable);
+        QVERIFY(std::error_code(12030, category) == std::errc::connection_aborted);
+        QVERIFY(std::error_code(12031, category) == std::errc::connection_reset);
+        const auto other = category.default_error_condition(42);
+        QCOMPARE(other.value(), 42);
+        QVERIFY(&other.category() == &category);
+    }
+
+    void setErrorKeepsTheOldTextForTheSameKind()
+    {
+        QtAbstractError wrapper(QSharedPointer<PrefixConverter>::create(),
+                                AbstractError(403, "HttpError", "a,1", "first"));
+        QSignalSpy changed(&wrapper, &QtAbstractError::changed);
+
+        wrapper.setError(AbstractError(403, "HttpError", "b,2", "second"));
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(wrapper.description(), QStringLiteral("first"));
+        QCOMPARE(wrapper.source(), QStringLiteral("a,1"));
+
+        wrapper.setError(AbstractError(403, "GenericError", "c,3", "third"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(wrapper.category(), QStringLiteral("GenericError"));
+        QCOMPARE(wrapper.description(), QStringLiteral("third"));
+        QCOMPARE(wrapper.displayTextShort(), QStringLiteral("short:third"));
+        QCOMPARE(wrapper.displayTextLong(), QStringLiteral("long:third"));
+
+        QtAbstractError none(nullptr, AbstractError());
+        QSignalSpy noneChanged(&none, &QtAbstractError::changed);
+        none.setError(AbstractError(0, "Other", "x", "y"));
+        QCOMPARE(noneChanged.count(), 0);
+        QCOMPARE(none.category(), QString());
+        QCOMPARE(none.displayTextShort(), QString());
+    }
+
+    void settersEmitOnlyOnRealChange()
+    {
+        QtAbstractError wrapper(nullptr, AbstractError(1, "GenericError", "", ""));
+        QSignalSpy changed(&wrapper, &QtAbstractError::changed);
+        wrapper.setCategory(QStringLiteral("GenericError"));
+        wrapper.setCode(1);
+        QCOMPARE(changed.count(), 0);
+        wrapper.setCategory(QStringLiteral("QtFileError"));
+        wrapper.setCode(2);
+        QCOMPARE(changed.count(), 2);
+
+        const QString text = QStringLiteral("Ошибка: файл «загрузка» ✓ 😀");
+        wrapper.setDescription(text);
+        QCOMPARE(changed.count(), 3);
+        QCOMPARE(wrapper.description(), text);
+        wrapper.setDescription(text);
+        QCOMPARE(changed.count(), 3);
+        QCOMPARE(QString::fromStdString(wrapper.error().description), text);
+    }
+
+    void propertiesInOrder()
+    {
+        const QMetaObject& mo = QtAbstractError::staticMetaObject;
+        const QStringList expected{QStringLiteral("code"),        QStringLiteral("category"),
+                                   QStringLiteral("description"), QStringLiteral("source"),
+                                   QStringLiteral("displayTextShort"),
+                                   QStringLiteral("displayTextLong")};
+        for (int i = 0; i < expected.size(); ++i) {
+            const QMetaProperty property = mo.property(mo.propertyOffset() + i);
+            QCOMPARE(QString::fromLatin1(property.name()), expected.at(i));
+            QVERIFY(property.hasNotifySignal());
+            QCOMPARE(property.isWritable(), i < 4);
+        }
+        QCOMPARE(QMetaType::fromName("AbstractError"), QMetaType::fromType<AbstractError>());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAbstractError)
+#include "tst_abstracterror.moc"

@@ -1,0 +1,123 @@
+#include <terncl/core/qtcompositerunningobject.h>
+#include <terncl/core/qtrunningobject.h>
+
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+class Switch : public QtRunningObject
+{
+public:
+    using QtRunningObject::setRunning;
+};
+
+class Composite : public QtCompositeRunningObject
+{
+public:
+    using QtCompositeRunningObject::addRunningObject;
+    using QtCompositeRunningObject::removeRunningObject;
+};
+} // namespace
+
+class TestRunningObjects : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void setRunningEmitsOnlyOnChange()
+    {
+        Switch object;
+        QSignalSpy spy(&object, &QtRunningObject::running);
+        QVERIFY(object.setRunning(true));
+        QVERIFY(!object.setRunning(true));
+        QCOMPARE(spy.count(), 1);
+        QVERIFY(object.isRunning());
+
+        // A receiver that flips the state back makes setRunning report false.
+        connect(&object, &QtRunningObject::running, &object, [&](bool on) {
+            if (!on)
+                object.setRunning(true);
+        });
+        QVERIFY(!object.setRunning(false));
+        QVERIFY(object.isRunning());
+    }
+
+    void compositeFollowsItsChildren()
+    {
+        Composite composite;
+        Switch first, second;
+        QSignalSpy spy(&composite, &QtRunningObject::running);
+        composite.addRunningObject(&first);
+        composite.addRunningObject(&second);
+        QCOMPARE(spy.count(), 0);
+
+        first.setRunning(true);
+        second.setRunning(true);
+        QVERIFY(composite.isRunning());
+        first.setRunning(false);
+        QVERIFY(composite.isRunning());
+        second.setRunning(false);
+        QVERIFY(!composite.isRunning());
+        QCOMPARE(spy.count(), 2);
+    }
+
+    void addAndRemoveAreAsymmetric()
+    {
+        Composite composite;
+        Switch running, idle;
+        running.setRunning(true);
+        composite.addRunningObject(&running);
+        QVERIFY(composite.isRunning());
+
+        // Removing an idle child (or one never added) only breaks its connections.
+        composite.addRunningObject(&idle);
+        composite.removeRunningObject(&idle);
+        QVERIFY(composite.isRunning());
+        idle.setRunning(true);
+        idle.setRunning(false);
+        QVERIFY(composite.isRunning());
+
+        // Removing the running child re-evaluates what is left.
+        composite.removeRunningObject(&running);
+        QVERIFY(!composite.isRunning());
+        running.setRunning(false);
+        running.setRunning(true);
+        QVERIFY(!composite.isRunning());
+
+        composite.addRunningObject(nullptr);
+        composite.removeRunningObject(nullptr);
+        QVERIFY(!composite.isRunning());
+    }
+
+    void destroyedChildIsSkipped()
+    {
+        Composite composite;
+        Switch other;
+        composite.addRunningObject(&other);
+        {
+            Switch doomed;
+            composite.addRunningObject(&doomed);
+            doomed.setRunning(true);
+            QVERIFY(composite.isRunning());
+        }
+        // The next re-evaluation no longer sees the destroyed child.
+        other.setRunning(true);
+        other.setRunning(false);
+        QVERIFY(!composite.isRunning());
+    }
+
+    void duplicatesRemoveTheLastEntry()
+    {
+        Composite composite;
+        Switch child;
+        composite.addRunningObject(&child);
+        composite.addRunningObject(&child);
+        child.setRunning(true);
+        composite.removeRunningObject(&child);
+        // The remaining entry still counts, but its connection went with the removal.
+        QVERIFY(composite.isRunning());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestRunningObjects)
+#include "tst_runningobjects.moc"
