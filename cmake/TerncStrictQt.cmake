@@ -35,3 +35,17 @@ function(terncl_add_sources)
     endif()
   endforeach()
 endfunction()
+
+# The library is built from pieces, each with its own source list, test list and test-support
+# list. A build can leave pieces out (work in progress elsewhere) with TERNCL_SKIP_PIECES.
+set(TERNCL_SKIP_PIECES "" CACHE STRING "Pieces left out of this build")
+set(TERNCL_PIECES utils model packs segments writers filenames processes ffmpeg)
+
+# Includes "<dir>/<prefix><piece>.cmake" for every piece that is present and not skipped.
+macro(terncl_include_pieces dir prefix)
+  foreach(piece IN LISTS TERNCL_PIECES)
+    if(NOT piece IN_LIST TERNCL_SKIP_PIECES AND EXISTS "${dir}/${prefix}${piece}.cmake")
+      include("${dir}/${prefix}${piece}.cmake")
+    endif()
+  endforeach()
+endmacro()

@@ -28,9 +28,3 @@ terncl_add_sources(
     terncl/inet/qt/download/abstractnetworkconsumersstats.cpp
     terncl/inet/qt/download/networkconsumerbase.cpp)
 
-# Each later piece of the download subsystem keeps its own list beside this one.
-foreach(piece model packs segments)
-  if(EXISTS "${CMAKE_CURRENT_LIST_DIR}/sources-${piece}.cmake")
-    include("${CMAKE_CURRENT_LIST_DIR}/sources-${piece}.cmake")
-  endif()
-endforeach()
