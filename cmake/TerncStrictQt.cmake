@@ -49,3 +49,10 @@ macro(terncl_include_pieces dir prefix)
     endif()
   endforeach()
 endmacro()
+
+# Fuzzing builds instrument the whole library so that libFuzzer sees coverage inside it.
+if(TERNCL_BUILD_FUZZERS)
+  target_compile_options(terncl_build_settings INTERFACE
+    -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  target_link_options(terncl_build_settings INTERFACE -fsanitize=address,undefined)
+endif()
