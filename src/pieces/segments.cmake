@@ -1,0 +1,6 @@
+# The independent segments downloader and the files operations it relies on.
+terncl_add_sources(
+  HEADERS
+    terncl/inet/qt/download/abstractdownloadsourceinfo.h
+  SOURCES
+    terncl/inet/qt/download/abstractdownloadsourceinfo.cpp)
