@@ -1,0 +1,1 @@
+terncl_add_test(tst_utilityobjects terncl/core/tst_utilityobjects.cpp)
