@@ -1,0 +1,3 @@
+if(TARGET ternclhost)
+  add_subdirectory(host)
+endif()

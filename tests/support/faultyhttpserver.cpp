@@ -1,0 +1,161 @@
+#include "faultyhttpserver.h"
+
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+
+namespace {
+QByteArray statusLine(int status) {
+    static const QHash<int, QByteArray> reasons{{200, "OK"},
+                                                {206, "Partial Content"},
+                                                {403, "Forbidden"},
+                                                {404, "Not Found"},
+                                                {416, "Range Not Satisfiable"},
+                                                {500, "Internal Server Error"},
+                                                {503, "Service Unavailable"}};
+    return "HTTP/1.1 " + QByteArray::number(status) + ' ' + reasons.value(status, "Status") +
+           "\r\n";
+}
+
+// Parses "bytes=a-b" / "bytes=a-" against a resource of the given size.
+bool parseRange(const QByteArray& header, qint64 size, qint64* first, qint64* last) {
+    static const QRegularExpression re(QStringLiteral(R"(^bytes=(\d+)-(\d*)$)"));
+    const auto match = re.match(QString::fromLatin1(header.trimmed()));
+    if (!match.hasMatch())
+        return false;
+    *first = match.captured(1).toLongLong();
+    *last = match.captured(2).isEmpty() ? size - 1 : qMin(match.captured(2).toLongLong(), size - 1);
+    return *first < size && *first <= *last;
+}
+} // namespace
+
+FaultyHttpServer::FaultyHttpServer(QObject* parent)
+    : QObject(parent)
+    , m_server(new QTcpServer(this)) {
+    connect(m_server, &QTcpServer::newConnection, this, &FaultyHttpServer::onNewConnection);
+}
+
+FaultyHttpServer::~FaultyHttpServer() = default;
+
+bool FaultyHttpServer::listen() {
+    return m_server->listen(QHostAddress::LocalHost, 0);
+}
+
+QUrl FaultyHttpServer::url(const QString& path) const {
+    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server->serverPort()).arg(path));
+}
+
+void FaultyHttpServer::setResource(const QString& path, const QByteArray& body) {
+    m_resources.insert(path, body);
+}
+
+void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
+    m_faults.insert(path, fault);
+}
+
+void FaultyHttpServer::clearFaults() {
+    m_faults.clear();
+}
+
+int FaultyHttpServer::requestCount(const QString& path) const {
+    int count = 0;
+    for (const auto& entry : m_log)
+        count += entry.path == path ? 1 : 0;
+    return count;
+}
+
+void FaultyHttpServer::onNewConnection() {
+    while (QTcpSocket* socket = m_server->nextPendingConnection()) {
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+            m_buffers.remove(socket);
+            socket->deleteLater();
+        });
+    }
+}
+
+void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
+    QByteArray& buffer = m_buffers[socket];
+    buffer += socket->readAll();
+    int end;
+    while ((end = buffer.indexOf("\r\n\r\n")) >= 0) {
+        const QList<QByteArray> lines = buffer.left(end).split('\n');
+        buffer.remove(0, end + 4);
+        const QList<QByteArray> request = lines.value(0).trimmed().split(' ');
+        QByteArray range;
+        for (const auto& line : lines) {
+            if (line.toLower().startsWith("range:"))
+                range = line.mid(6).trimmed();
+        }
+        answer(socket, QString::fromLatin1(request.value(1)), range);
+    }
+}
+
+const FaultyHttpServer::Fault* FaultyHttpServer::takeFault(const QString& path) {
+    auto it = m_faults.find(path);
+    if (it == m_faults.end() || it->times == 0)
+        return nullptr;
+    if (it->times > 0)
+        --it->times;
+    return &it.value();
+}
+
+void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range) {
+    const Fault* fault = takeFault(path);
+    LogEntry entry{path, range, 0};
+    if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
+        entry.status = m_resources.contains(path) ? fault->value : 404;
+        m_log.append(entry);
+        const QByteArray body = "error page " + QByteArray::number(entry.status);
+        socket->write(statusLine(entry.status) +
+                      "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        return;
+    }
+    const QByteArray& resource = m_resources.value(path);
+    qint64 first = 0, last = resource.size() - 1;
+    const bool honourRange = !range.isEmpty() && !(fault && fault->kind == FaultKind::IgnoreRange);
+    if (honourRange && !parseRange(range, resource.size(), &first, &last)) {
+        entry.status = 416;
+        m_log.append(entry);
+        socket->write(statusLine(416) + "Content-Range: bytes */" +
+                      QByteArray::number(resource.size()) + "\r\nContent-Length: 0\r\n\r\n");
+        return;
+    }
+    entry.status = honourRange ? 206 : 200;
+    m_log.append(entry);
+    const QByteArray body = resource.mid(first, last - first + 1);
+    QByteArray head = statusLine(entry.status) +
+                      "Accept-Ranges: bytes\r\nContent-Length: " + QByteArray::number(body.size()) +
+                      "\r\n";
+    if (honourRange)
+        head += "Content-Range: bytes " + QByteArray::number(first) + '-' +
+                QByteArray::number(last) + '/' + QByteArray::number(resource.size()) + "\r\n";
+    sendBody(socket, head + "\r\n", body, fault);
+}
+
+void FaultyHttpServer::sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
+                                const Fault* fault) {
+    socket->write(head);
+    if (fault && fault->kind == FaultKind::DropAfterBytes) {
+        socket->write(body.left(fault->value));
+        socket->flush();
+        socket->abort();
+        return;
+    }
+    if (!fault || fault->kind != FaultKind::SlowBody || fault->value <= 0) {
+        socket->write(body);
+        return;
+    }
+    // Paced in tenths of a second so that the client sees a steady trickle.
+    const int chunk = qMax(1, fault->value / 10);
+    auto* timer = new QTimer(socket);
+    auto offset = std::make_shared<qint64>(0);
+    connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
+        socket->write(body.mid(*offset, chunk));
+        *offset += chunk;
+        if (*offset >= body.size())
+            timer->stop();
+    });
+    timer->start(100);
+}

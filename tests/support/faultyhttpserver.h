@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+class QTcpServer;
+class QTcpSocket;
+
+// A small HTTP/1.1 server on loopback for the failures a real server does not produce on
+// demand: error statuses, connections dropped mid-body, a 200 in answer to a range request,
+// slow bodies. It serves in-memory resources with correct Range handling otherwise, and keeps
+// an access log. Runs in the thread of its owner (the test's event loop).
+class FaultyHttpServer : public QObject {
+    Q_OBJECT
+
+public:
+    enum class FaultKind { Status, DropAfterBytes, IgnoreRange, SlowBody };
+
+    struct Fault {
+        FaultKind kind = FaultKind::Status;
+        int value = 0;  // status code, bytes before the drop, or bytes per second
+        int times = -1; // how many requests get the fault; -1 every one
+    };
+
+    struct LogEntry {
+        QString path;
+        QByteArray range; // the Range header as received, empty without one
+        int status = 0;
+    };
+
+    explicit FaultyHttpServer(QObject* parent = nullptr);
+    ~FaultyHttpServer() override;
+
+    bool listen(); // on 127.0.0.1 and an ephemeral port
+    QUrl url(const QString& path) const;
+
+    void setResource(const QString& path, const QByteArray& body);
+    void setFault(const QString& path, const Fault& fault);
+    void clearFaults();
+
+    QList<LogEntry> accessLog() const { return m_log; }
+    int requestCount(const QString& path) const;
+
+private:
+    struct Connection;
+    void onNewConnection();
+    void onReadyRead(QTcpSocket* socket);
+    void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader);
+    void sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
+                  const Fault* fault);
+    const Fault* takeFault(const QString& path);
+
+    QTcpServer* m_server;
+    QHash<QString, QByteArray> m_resources;
+    QHash<QString, Fault> m_faults;
+    QHash<QTcpSocket*, QByteArray> m_buffers;
+    QList<LogEntry> m_log;
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QList>
+#include <QProcess>
+#include <QString>
+#include <QTemporaryDir>
+#include <QUrl>
+
+// Runs Debian's nginx without privileges on loopback and an ephemeral port, serving one folder,
+// for as long as the object lives. Its access log tells which resources were fetched.
+class NginxServer {
+public:
+    struct Access {
+        QString path;
+        int status = 0;
+        QString range; // the Range header, "-" without one
+    };
+
+    explicit NginxServer(QString rootDir);
+    ~NginxServer();
+
+    static QString executable(); // empty when nginx is not installed
+    // limitRate: bytes per second per connection, 0 for none.
+    bool start(QString* error, qint64 limitRate = 0);
+    void stop();
+
+    int port() const { return m_port; }
+    QUrl url(const QString& path) const;
+    QList<Access> accessLog() const;
+
+private:
+    QString writeConfig(qint64 limitRate) const;
+
+    QString m_root;
+    QTemporaryDir m_dir;
+    QProcess m_process;
+    int m_port = 0;
+};
