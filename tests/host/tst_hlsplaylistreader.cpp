@@ -84,7 +84,7 @@ private Q_SLOTS:
             << QStringLiteral("Playlist line 3: invalid byte range");
         QTest::newRow("dangling tag") << QByteArray("#EXTM3U\n#EXTINF:1,\n")
                                       << QStringLiteral("Playlist line 3: a tag expects a URI");
-        QTest::newRow("binary") << QByteArray("#EXTM3U\n#EXTINF:1,\n\x01\xff\xfe:\n", 14)
+        QTest::newRow("binary") << QByteArray("#EXTM3U\n#EXTINF:1,\n\x01\xff\xfe:\n")
                                 << QStringLiteral("Playlist line");
     }
 
