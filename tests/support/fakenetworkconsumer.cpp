@@ -2,39 +2,32 @@
 
 FakeNetworkConsumer::FakeNetworkConsumer(qint64 id, QObject* parent)
     : AbstractNetworkConsumerWithExtraTasks(parent)
-    , m_id(id)
-{
-}
+    , m_id(id) {}
 
-void FakeNetworkConsumer::setNetworkSettings(const AbstractNetworkConsumerSettings& settings)
-{
+void FakeNetworkConsumer::setNetworkSettings(const AbstractNetworkConsumerSettings& settings) {
     ++networkSettingsCalls;
     m_networkSettings = settings;
 }
 
-void FakeNetworkConsumer::setNetworkUsageSettings(const NetworkUsageSettings& settings)
-{
+void FakeNetworkConsumer::setNetworkUsageSettings(const NetworkUsageSettings& settings) {
     if (settings == m_usageSettings)
         return;
     m_usageSettings = settings;
     receivedUsageSettings.append(settings);
 }
 
-qint64 FakeNetworkConsumer::speed(NetworkTrafficDirection direction, bool) const
-{
+qint64 FakeNetworkConsumer::speed(NetworkTrafficDirection direction, bool) const {
     return m_speeds.value(static_cast<int>(direction));
 }
 
-void FakeNetworkConsumer::clearLastError()
-{
+void FakeNetworkConsumer::clearLastError() {
     m_lastError = {};
     m_lastErrorTime = {};
     m_sslErrors.clear();
     m_unknownHost = {};
 }
 
-void FakeNetworkConsumer::setConnections(const QtHostAndPort& endpoint, int count)
-{
+void FakeNetworkConsumer::setConnections(const QtHostAndPort& endpoint, int count) {
     const int before = m_connections.value(endpoint).count;
     if (before == count)
         return;
@@ -47,19 +40,16 @@ void FakeNetworkConsumer::setConnections(const QtHostAndPort& endpoint, int coun
     Q_EMIT connectionsMapChangedDelta(delta);
 }
 
-void FakeNetworkConsumer::setSpeed(NetworkTrafficDirection direction, qint64 bytesPerSecond)
-{
+void FakeNetworkConsumer::setSpeed(NetworkTrafficDirection direction, qint64 bytesPerSecond) {
     m_speeds[static_cast<int>(direction)] = bytesPerSecond;
 }
 
-void FakeNetworkConsumer::failWith(const AbstractError& error, const QDateTime& time)
-{
+void FakeNetworkConsumer::failWith(const AbstractError& error, const QDateTime& time) {
     m_lastError = error;
     m_lastErrorTime = time;
 }
 
-void FakeNetworkConsumer::setRunningState(bool running)
-{
+void FakeNetworkConsumer::setRunningState(bool running) {
     if (m_running == running)
         return;
     m_running = running;
@@ -67,13 +57,11 @@ void FakeNetworkConsumer::setRunningState(bool running)
 }
 
 void FakeNetworkConsumer::requestAuthentication(const QtNetworkAuthScope& scope,
-                                                QAuthenticator* authenticator)
-{
+                                                QAuthenticator* authenticator) {
     Q_EMIT authenticationRequired(scope, authenticator);
 }
 
-bool FakeNetworkConsumer::askAcceptUnknownHost(const QtSslHost& host)
-{
+bool FakeNetworkConsumer::askAcceptUnknownHost(const QtSslHost& host) {
     bool accept = false;
     Q_EMIT sslAcceptUnknownHostRequired(host, &accept);
     return accept;

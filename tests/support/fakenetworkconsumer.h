@@ -7,8 +7,7 @@
 
 // A network consumer whose state a test sets directly: connections (announced as deltas),
 // speeds, the last error and the running flag. It records the usage settings it receives.
-class FakeNetworkConsumer : public AbstractNetworkConsumerWithExtraTasks
-{
+class FakeNetworkConsumer : public AbstractNetworkConsumerWithExtraTasks {
     Q_OBJECT
 
 public:

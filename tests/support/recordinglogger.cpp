@@ -4,13 +4,11 @@
 
 #include <QMutexLocker>
 
-class RecordingLogger::Sink : public QtAppLogger
-{
+class RecordingLogger::Sink : public QtAppLogger {
 public:
     int verbosityLevel() const override { return Debug; }
     quint64 categories() const override { return AllCategories; }
-    void log(int, quint64, const QString& text) override
-    {
+    void log(int, quint64, const QString& text) override {
         QMutexLocker lock(&mutex);
         lines.append(text);
     }
@@ -21,29 +19,24 @@ public:
 
 RecordingLogger::RecordingLogger()
     : m_sink(new Sink)
-    , m_previous(QtAppDefaultLogger::instance())
-{
+    , m_previous(QtAppDefaultLogger::instance()) {
     QtAppDefaultLogger::setInstance(m_sink);
 }
 
-RecordingLogger::~RecordingLogger()
-{
+RecordingLogger::~RecordingLogger() {
     QtAppDefaultLogger::setInstance(m_previous);
 }
 
-QStringList RecordingLogger::lines() const
-{
+QStringList RecordingLogger::lines() const {
     QMutexLocker lock(&m_sink->mutex);
     return m_sink->lines;
 }
 
-bool RecordingLogger::contains(const QString& line) const
-{
+bool RecordingLogger::contains(const QString& line) const {
     return lines().contains(line);
 }
 
-QStringList RecordingLogger::linesStartingWith(const QString& prefix) const
-{
+QStringList RecordingLogger::linesStartingWith(const QString& prefix) const {
     QStringList found;
     for (const auto& line : lines()) {
         if (line.startsWith(prefix))
@@ -52,8 +45,7 @@ QStringList RecordingLogger::linesStartingWith(const QString& prefix) const
     return found;
 }
 
-void RecordingLogger::clear()
-{
+void RecordingLogger::clear() {
     QMutexLocker lock(&m_sink->mutex);
     m_sink->lines.clear();
 }

@@ -8,8 +8,7 @@
 
 // Installs itself as the default logger for its lifetime and keeps every line, so that tests
 // can assert exact log lines. Restores the previous logger when destroyed.
-class RecordingLogger
-{
+class RecordingLogger {
 public:
     RecordingLogger();
     ~RecordingLogger();

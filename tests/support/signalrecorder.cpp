@@ -1,8 +1,7 @@
 #include "signalrecorder.h"
 
 namespace {
-QString listText(const QVariantList& list)
-{
+QString listText(const QVariantList& list) {
     QStringList items;
     for (const auto& item : list)
         items.append(item.toString());
@@ -10,8 +9,7 @@ QString listText(const QVariantList& list)
 }
 } // namespace
 
-void SignalRecorder::append(const QString& name, const QVariantList& args)
-{
+void SignalRecorder::append(const QString& name, const QVariantList& args) {
     QStringList texts;
     for (const auto& arg : args) {
         if (arg.canConvert<QString>())
