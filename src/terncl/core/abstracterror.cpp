@@ -9,34 +9,27 @@ AbstractError::AbstractError(int errorCode, std::string errorCategory, std::stri
     : code(errorCode)
     , category(std::move(errorCategory))
     , source(std::move(errorSource))
-    , description(std::move(errorDescription))
-{
-}
+    , description(std::move(errorDescription)) {}
 
 AbstractError::AbstractError(const QFileDevice& file, std::string errorSource)
     : code(static_cast<int>(file.error()))
     , category(QtFileError)
     , source(std::move(errorSource))
-    , description(file.errorString().toStdString())
-{
-}
+    , description(file.errorString().toStdString()) {}
 
-bool AbstractError::operator==(const AbstractError& other) const
-{
+bool AbstractError::operator==(const AbstractError& other) const {
     return code == other.code && category == other.category && source == other.source &&
            description == other.description;
 }
 
-QString AbstractError::toText() const
-{
+QString AbstractError::toText() const {
     QString text;
     QTextStream stream(&text);
     stream << *this;
     return text;
 }
 
-QTextStream& operator<<(QTextStream& stream, const AbstractError& error)
-{
+QTextStream& operator<<(QTextStream& stream, const AbstractError& error) {
     stream << "{ERROR: |CODE|: " << error.code
            << ", |CATEGORY|: " << QString::fromStdString(error.category)
            << ", |SOURCE|: " << QString::fromStdString(error.source)
@@ -44,8 +37,7 @@ QTextStream& operator<<(QTextStream& stream, const AbstractError& error)
     return stream;
 }
 
-QDebug operator<<(QDebug debug, const AbstractError& error)
-{
+QDebug operator<<(QDebug debug, const AbstractError& error) {
     QDebugStateSaver saver(debug);
     debug.noquote().nospace() << error.toText();
     return debug;

@@ -14,8 +14,7 @@ class QDebug;
 // The one value in which every failure of the library travels. Code 0 means no error; the
 // meaning of any other code depends on the category ("GenericError", "QtFileError",
 // "QtNetworkError", "HttpError", "AbstractDownloadError"). The texts are UTF-8.
-class TERNCL_EXPORT AbstractError
-{
+class TERNCL_EXPORT AbstractError {
     Q_DECLARE_TR_FUNCTIONS(AbstractError)
 
 public:
@@ -31,8 +30,7 @@ public:
     std::string description;
 
     AbstractError() = default;
-    AbstractError(int code, std::string category, std::string source,
-                  std::string description = {});
+    AbstractError(int code, std::string category, std::string source, std::string description = {});
     // The error of a failed file operation: QFileDevice::error() as the code, "QtFileError",
     // the caller's place and the device's error string.
     AbstractError(const QFileDevice& file, std::string source);

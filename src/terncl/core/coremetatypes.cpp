@@ -5,8 +5,7 @@
 
 namespace {
 // Types of the core that travel in queued signals or are looked up by name.
-void registerCoreMetaTypes()
-{
+void registerCoreMetaTypes() {
     qRegisterMetaType<AbstractError>("AbstractError");
     qRegisterMetaType<QtStringsPairVector>("QtStringsPairVector");
 }

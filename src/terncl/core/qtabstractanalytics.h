@@ -6,8 +6,7 @@
 #include <QVariantHash>
 
 // A sink for named analytics events with parameters.
-class TERNCL_EXPORT QtAbstractAnalytics : public QObject
-{
+class TERNCL_EXPORT QtAbstractAnalytics : public QObject {
     Q_OBJECT
 
 public:

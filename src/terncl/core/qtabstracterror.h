@@ -8,8 +8,7 @@
 
 // Exposes one AbstractError to the user interface as properties. Lives in its parent's thread.
 // changed() fires only when the kind of error changes (see setError), not on every new text.
-class TERNCL_EXPORT QtAbstractError : public QObject
-{
+class TERNCL_EXPORT QtAbstractError : public QObject {
     Q_OBJECT
     Q_PROPERTY(int code READ code WRITE setCode NOTIFY changed)
     Q_PROPERTY(QString category READ category WRITE setCategory NOTIFY changed)

@@ -3,8 +3,7 @@
 #include <terncl/core/qtabstractanalytics.h>
 
 // Analytics that records nothing: every event is dropped.
-class TERNCL_EXPORT QtAnalyticsDummy : public QtAbstractAnalytics
-{
+class TERNCL_EXPORT QtAnalyticsDummy : public QtAbstractAnalytics {
     Q_OBJECT
 
 public:

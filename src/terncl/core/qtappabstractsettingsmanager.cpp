@@ -1,8 +1,8 @@
 #include "qtappabstractsettingsmanager.h"
 
-QtAppAbstractSettingsManager::QtAppAbstractSettingsManager(QObject* parent) : QObject(parent) {}
+QtAppAbstractSettingsManager::QtAppAbstractSettingsManager(QObject* parent)
+    : QObject(parent) {}
 
-void QtAppAbstractSettingsManager::setValue(const QString& name, const QString& value)
-{
+void QtAppAbstractSettingsManager::setValue(const QString& name, const QString& value) {
     setValues(QtStringsPairVector{{name, value}});
 }

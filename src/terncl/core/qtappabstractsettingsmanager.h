@@ -9,8 +9,7 @@
 
 // The application's settings, read and changed by name. Storage, defaults and persistence
 // belong to the concrete manager; an implementation only needs setValues to handle changes.
-class TERNCL_EXPORT QtAppAbstractSettingsManager : public QObject
-{
+class TERNCL_EXPORT QtAppAbstractSettingsManager : public QObject {
     Q_OBJECT
 
 public:

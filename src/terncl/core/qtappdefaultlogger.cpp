@@ -8,20 +8,17 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcTerncl, "terncl", QtWarningMsg)
 
-QMutex& instanceMutex()
-{
+QMutex& instanceMutex() {
     static QMutex mutex;
     return mutex;
 }
 
-QSharedPointer<QtAppLogger>& installedLogger()
-{
+QSharedPointer<QtAppLogger>& installedLogger() {
     static QSharedPointer<QtAppLogger> logger;
     return logger;
 }
 
-QSharedPointer<QtAppLogger> builtInLogger()
-{
+QSharedPointer<QtAppLogger> builtInLogger() {
     static const QSharedPointer<QtAppLogger> logger(new QtAppDefaultLogger);
     return logger;
 }
@@ -30,31 +27,26 @@ QSharedPointer<QtAppLogger> builtInLogger()
 
 QtAppDefaultLogger::QtAppDefaultLogger() = default;
 
-QSharedPointer<QtAppLogger> QtAppDefaultLogger::instance()
-{
+QSharedPointer<QtAppLogger> QtAppDefaultLogger::instance() {
     QMutexLocker lock(&instanceMutex());
     const auto& logger = installedLogger();
     return logger ? logger : builtInLogger();
 }
 
-void QtAppDefaultLogger::setInstance(const QSharedPointer<QtAppLogger>& logger)
-{
+void QtAppDefaultLogger::setInstance(const QSharedPointer<QtAppLogger>& logger) {
     QMutexLocker lock(&instanceMutex());
     installedLogger() = logger;
 }
 
-int QtAppDefaultLogger::verbosityLevel() const
-{
+int QtAppDefaultLogger::verbosityLevel() const {
     return Debug;
 }
 
-quint64 QtAppDefaultLogger::categories() const
-{
+quint64 QtAppDefaultLogger::categories() const {
     return AllCategories;
 }
 
-void QtAppDefaultLogger::log(int level, quint64, const QString& text)
-{
+void QtAppDefaultLogger::log(int level, quint64, const QString& text) {
     switch (level) {
     case Critical:
         qCCritical(lcTerncl).noquote() << text;
@@ -72,8 +64,7 @@ void QtAppDefaultLogger::log(int level, quint64, const QString& text)
 }
 
 namespace terncl {
-void logLine(int level, quint64 categories, const QString& text)
-{
+void logLine(int level, quint64 categories, const QString& text) {
     const auto logger = QtAppDefaultLogger::instance();
     if (logger->isEnabled(level, categories))
         logger->log(level, categories, text);

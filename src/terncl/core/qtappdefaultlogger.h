@@ -7,8 +7,7 @@
 // Holds the process-wide logger. Until a host installs one, lines go to Qt's message handler
 // under the logging category "terncl" (warnings and above unless QT_LOGGING_RULES says more),
 // at the Qt level matching the line's level.
-class TERNCL_EXPORT QtAppDefaultLogger : public QtAppLogger
-{
+class TERNCL_EXPORT QtAppDefaultLogger : public QtAppLogger {
 public:
     QtAppDefaultLogger();
 

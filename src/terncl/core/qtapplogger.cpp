@@ -2,7 +2,6 @@
 
 QtAppLogger::~QtAppLogger() = default;
 
-bool QtAppLogger::isEnabled(int level, quint64 categoriesMask) const
-{
+bool QtAppLogger::isEnabled(int level, quint64 categoriesMask) const {
     return level <= verbosityLevel() && (categories() & categoriesMask) != 0;
 }

@@ -8,8 +8,7 @@
 // The host's logger. Every class of the library logs through the instance that
 // QtAppDefaultLogger hands out; a host installs its own to route lines elsewhere.
 // log() may be called from any thread, so implementations must be thread-safe.
-class TERNCL_EXPORT QtAppLogger
-{
+class TERNCL_EXPORT QtAppLogger {
 public:
     enum Level : int { Critical = 0, Warning = 1, Info = 2, Debug = 3 };
 

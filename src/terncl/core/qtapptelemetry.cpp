@@ -2,10 +2,13 @@
 #include "qtanalyticsdummy.h"
 #include "qtapptelemetrysender.h"
 
-QtAppTelemetrySender::QtAppTelemetrySender(QObject* parent) : QtRunningObject(parent) {}
+QtAppTelemetrySender::QtAppTelemetrySender(QObject* parent)
+    : QtRunningObject(parent) {}
 
-QtAbstractAnalytics::QtAbstractAnalytics(QObject* parent) : QObject(parent) {}
+QtAbstractAnalytics::QtAbstractAnalytics(QObject* parent)
+    : QObject(parent) {}
 
-QtAnalyticsDummy::QtAnalyticsDummy(QObject* parent) : QtAbstractAnalytics(parent) {}
+QtAnalyticsDummy::QtAnalyticsDummy(QObject* parent)
+    : QtAbstractAnalytics(parent) {}
 
 void QtAnalyticsDummy::logEvent(const QString&, const QVariantHash&) {}

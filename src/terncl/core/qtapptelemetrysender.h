@@ -4,8 +4,7 @@
 #include <terncl/core/qtrunningobject.h>
 
 // Sends the host's telemetry items (events and health reports). The transport is the host's.
-class TERNCL_EXPORT QtAppTelemetrySender : public QtRunningObject
-{
+class TERNCL_EXPORT QtAppTelemetrySender : public QtRunningObject {
     Q_OBJECT
 
 public:
@@ -14,8 +13,7 @@ public:
     // Queues one item and returns its id, which sendingItem and finishedItem carry.
     Q_INVOKABLE virtual qint64 send(bool isHealthReport, const QString& category,
                                     const QString& event, const QString& description) = 0;
-    Q_INVOKABLE qint64 send(bool isHealthReport, const QString& category, const QString& event)
-    {
+    Q_INVOKABLE qint64 send(bool isHealthReport, const QString& category, const QString& event) {
         return send(isHealthReport, category, event, QString());
     }
     Q_INVOKABLE virtual void enable(bool value) = 0;

@@ -1,3 +1,4 @@
 #include "qtcloneableobject.h"
 
-QtCloneableObject::QtCloneableObject(QObject* parent) : QObject(parent) {}
+QtCloneableObject::QtCloneableObject(QObject* parent)
+    : QObject(parent) {}

@@ -5,8 +5,7 @@
 #include <QObject>
 
 // The application object that modules receive. The library only hands it on.
-class TERNCL_EXPORT QtCloneableObject : public QObject
-{
+class TERNCL_EXPORT QtCloneableObject : public QObject {
     Q_OBJECT
 
 public:

@@ -1,9 +1,9 @@
 #include "qtcompositerunningobject.h"
 
-QtCompositeRunningObject::QtCompositeRunningObject(QObject* parent) : QtRunningObject(parent) {}
+QtCompositeRunningObject::QtCompositeRunningObject(QObject* parent)
+    : QtRunningObject(parent) {}
 
-void QtCompositeRunningObject::addRunningObject(QPointer<QtRunningObject> child)
-{
+void QtCompositeRunningObject::addRunningObject(QPointer<QtRunningObject> child) {
     m_children.append(child);
     if (!child)
         return;
@@ -13,8 +13,7 @@ void QtCompositeRunningObject::addRunningObject(QPointer<QtRunningObject> child)
         setRunning(true);
 }
 
-void QtCompositeRunningObject::removeRunningObject(QPointer<QtRunningObject> child)
-{
+void QtCompositeRunningObject::removeRunningObject(QPointer<QtRunningObject> child) {
     if (!child)
         return;
     for (auto i = m_children.size() - 1; i >= 0; --i) {
@@ -28,8 +27,7 @@ void QtCompositeRunningObject::removeRunningObject(QPointer<QtRunningObject> chi
         updateRunningState();
 }
 
-void QtCompositeRunningObject::updateRunningState()
-{
+void QtCompositeRunningObject::updateRunningState() {
     for (const auto& child : std::as_const(m_children)) {
         if (child && child->isRunning()) {
             setRunning(true);

@@ -7,8 +7,7 @@
 
 // Runs exactly while at least one of its live children runs. Children are guarded pointers:
 // a destroyed child leaves a null entry that every walk skips.
-class TERNCL_EXPORT QtCompositeRunningObject : public QtRunningObject
-{
+class TERNCL_EXPORT QtCompositeRunningObject : public QtRunningObject {
     Q_OBJECT
 
 public:

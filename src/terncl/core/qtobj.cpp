@@ -1,5 +1,6 @@
 #include "qtobj.h"
 
-QtObj::QtObj(QObject* parent) : QObject(parent) {}
+QtObj::QtObj(QObject* parent)
+    : QObject(parent) {}
 
 QtObj::~QtObj() = default;

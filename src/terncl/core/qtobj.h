@@ -6,8 +6,7 @@
 
 // The root of the library's QObject classes, so that any of them is recognised by
 // qobject_cast<QtObj*>.
-class TERNCL_EXPORT QtObj : public QObject
-{
+class TERNCL_EXPORT QtObj : public QObject {
     Q_OBJECT
 
 public:

@@ -8,8 +8,7 @@
 
 // An object that is either running or not and announces each change once by running(bool).
 // isRunning() may be read from any thread; setRunning runs in the object's thread.
-class TERNCL_EXPORT QtRunningObject : public QObject
-{
+class TERNCL_EXPORT QtRunningObject : public QObject {
     Q_OBJECT
 
 public:

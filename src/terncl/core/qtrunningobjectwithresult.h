@@ -4,8 +4,7 @@
 #include <terncl/core/qtrunningobject.h>
 
 // A running object that keeps the error of its last run (code 0 after success).
-class TERNCL_EXPORT QtRunningObjectWithResult : public QtRunningObject
-{
+class TERNCL_EXPORT QtRunningObjectWithResult : public QtRunningObject {
     Q_OBJECT
 
 public:

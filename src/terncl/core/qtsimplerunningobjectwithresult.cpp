@@ -1,6 +1,4 @@
 #include "qtsimplerunningobjectwithresult.h"
 
 QtSimpleRunningObjectWithResult::QtSimpleRunningObjectWithResult(QObject* parent)
-    : QtRunningObjectWithResult(parent)
-{
-}
+    : QtRunningObjectWithResult(parent) {}

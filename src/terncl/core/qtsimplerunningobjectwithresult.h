@@ -4,8 +4,7 @@
 
 // The base of the application's simple jobs: start one run, or abort the run in progress.
 // The library never calls these itself.
-class TERNCL_EXPORT QtSimpleRunningObjectWithResult : public QtRunningObjectWithResult
-{
+class TERNCL_EXPORT QtSimpleRunningObjectWithResult : public QtRunningObjectWithResult {
     Q_OBJECT
 
 public:

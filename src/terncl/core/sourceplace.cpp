@@ -7,8 +7,7 @@
 
 namespace terncl {
 
-std::string sourcePlace(const char* file, int line)
-{
+std::string sourcePlace(const char* file, int line) {
     std::string path = file ? file : "";
     if (path.rfind("./", 0) == 0)
         path.erase(0, 2);
@@ -19,8 +18,7 @@ std::string sourcePlace(const char* file, int line)
     return path + "," + std::to_string(line);
 }
 
-void reportFailedAssertion(const char* expression, const char* file, int line)
-{
+void reportFailedAssertion(const char* expression, const char* file, int line) {
     const QString text = QStringLiteral("ASSERTION FAILED: ") + QString::fromUtf8(expression) +
                          QStringLiteral(", ") + QString::fromStdString(sourcePlace(file, line));
     QtAppDefaultLogger::instance()->log(QtAppLogger::Critical, QtAppLogger::General, text);

@@ -1,17 +1,14 @@
 #include "windowserrorcategory.h"
 
-const char* WindowsErrorCategory::name() const noexcept
-{
+const char* WindowsErrorCategory::name() const noexcept {
     return "windows";
 }
 
-std::string WindowsErrorCategory::message(int) const
-{
+std::string WindowsErrorCategory::message(int) const {
     return "windows unknown error";
 }
 
-std::error_condition WindowsErrorCategory::default_error_condition(int code) const noexcept
-{
+std::error_condition WindowsErrorCategory::default_error_condition(int code) const noexcept {
     switch (code) {
     case 5: // ERROR_ACCESS_DENIED
         return std::errc::permission_denied;
@@ -28,8 +25,7 @@ std::error_condition WindowsErrorCategory::default_error_condition(int code) con
     }
 }
 
-const WindowsErrorCategory& WindowsErrorCategory::instance()
-{
+const WindowsErrorCategory& WindowsErrorCategory::instance() {
     static const WindowsErrorCategory category;
     return category;
 }

@@ -6,8 +6,7 @@
 
 // The error category "windows" for Win32 and WinINet error numbers. Its messages are generic;
 // it exists so that those numbers compare with the portable std::errc conditions.
-class TERNCL_EXPORT WindowsErrorCategory : public std::error_category
-{
+class TERNCL_EXPORT WindowsErrorCategory : public std::error_category {
 public:
     const char* name() const noexcept override;
     std::string message(int code) const override;

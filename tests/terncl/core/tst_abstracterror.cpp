@@ -13,24 +13,20 @@
 #include <QTextStream>
 
 namespace {
-class PrefixConverter : public QtAbstractErrorToString
-{
+class PrefixConverter : public QtAbstractErrorToString {
 public:
-    QString toString(const AbstractError& error, bool shortText) const override
-    {
+    QString toString(const AbstractError& error, bool shortText) const override {
         return (shortText ? QStringLiteral("short:") : QStringLiteral("long:")) +
                QString::fromStdString(error.description);
     }
 };
 } // namespace
 
-class TestAbstractError : public QObject
-{
+class TestAbstractError : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void textForm()
-    {
+    void textForm() {
         QCOMPARE(AbstractError().toText(),
                  QStringLiteral("{ERROR: |CODE|: 0, |CATEGORY|: , |SOURCE|: , |DESCRIPTION|: }"));
         const AbstractError error(403, AbstractError::HttpError, "src/x,1", "a, \"b\"");
@@ -40,8 +36,7 @@ private Q_SLOTS:
         QVERIFY(error.isSet());
     }
 
-    void fileErrorTakesTheDeviceError()
-    {
+    void fileErrorTakesTheDeviceError() {
         QTemporaryDir dir;
         QFile file(dir.filePath(QStringLiteral("missing/none.bin")));
         QVERIFY(!file.open(QIODevice::ReadOnly));
@@ -52,8 +47,7 @@ private Q_SLOTS:
         QCOMPARE(QString::fromStdString(error.description), file.errorString());
     }
 
-    void sourcePlaceIsRelativeWithoutExtension()
-    {
+    void sourcePlaceIsRelativeWithoutExtension() {
         const int line = __LINE__ + 1;
         const std::string place = TERNCL_SOURCE_PLACE;
         QCOMPARE(QString::fromStdString(place),
@@ -64,24 +58,24 @@ private Q_SLOTS:
                  QStringLiteral("a/b.c/noext,3"));
     }
 
-    void failedAssertionLogsAndContinues()
-    {
+    void failedAssertionLogsAndContinues() {
         RecordingLogger logger;
         int sideEffects = 0;
         const int line = __LINE__ + 1;
         TERNCL_ASSERT(++sideEffects == 2);
         TERNCL_ASSERT(++sideEffects == 2);
         QCOMPARE(sideEffects, 2);
-        QCOMPARE(logger.lines(), QStringList{QStringLiteral("ASSERTION FAILED: ++sideEffects == 2, "
-                                                            "tests/terncl/core/tst_abstracterror,%1")
-                                                 .arg(line)});
+        QCOMPARE(logger.lines(),
+                 QStringList{QStringLiteral("ASSERTION FAILED: ++sideEffects == 2, "
+                                            "tests/terncl/core/tst_abstracterror,%1")
+                                 .arg(line)});
     }
 
-    void windowsCategory()
-    {
+    void windowsCategory() {
         const auto& category = WindowsErrorCategory::instance();
         QCOMPARE(QString::fromLatin1(category.name()), QStringLiteral("windows"));
-        QCOMPARE(QString::fromStdString(category.message(5)), QStringLiteral("windows unknown error"));
+        QCOMPARE(QString::fromStdString(category.message(5)),
+                 QStringLiteral("windows unknown error"));
         QVERIFY(std::error_code(5, category) == std::errc::permission_denied);
         QVERIFY(std::error_code(12007, category) == std::errc::address_not_available);
         QVERIFY(std::error_code(12029, category) == std::errc::host_unreachable);
@@ -92,8 +86,7 @@ private Q_SLOTS:
         QVERIFY(&other.category() == &category);
     }
 
-    void setErrorKeepsTheOldTextForTheSameKind()
-    {
+    void setErrorKeepsTheOldTextForTheSameKind() {
         QtAbstractError wrapper(QSharedPointer<PrefixConverter>::create(),
                                 AbstractError(403, "HttpError", "a,1", "first"));
         QSignalSpy changed(&wrapper, &QtAbstractError::changed);
@@ -118,8 +111,7 @@ private Q_SLOTS:
         QCOMPARE(none.displayTextShort(), QString());
     }
 
-    void settersEmitOnlyOnRealChange()
-    {
+    void settersEmitOnlyOnRealChange() {
         QtAbstractError wrapper(nullptr, AbstractError(1, "GenericError", "", ""));
         QSignalSpy changed(&wrapper, &QtAbstractError::changed);
         wrapper.setCategory(QStringLiteral("GenericError"));
@@ -138,11 +130,12 @@ private Q_SLOTS:
         QCOMPARE(QString::fromStdString(wrapper.error().description), text);
     }
 
-    void propertiesInOrder()
-    {
+    void propertiesInOrder() {
         const QMetaObject& mo = QtAbstractError::staticMetaObject;
-        const QStringList expected{QStringLiteral("code"),        QStringLiteral("category"),
-                                   QStringLiteral("description"), QStringLiteral("source"),
+        const QStringList expected{QStringLiteral("code"),
+                                   QStringLiteral("category"),
+                                   QStringLiteral("description"),
+                                   QStringLiteral("source"),
                                    QStringLiteral("displayTextShort"),
                                    QStringLiteral("displayTextLong")};
         for (int i = 0; i < expected.size(); ++i) {

@@ -5,27 +5,23 @@
 #include <QTest>
 
 namespace {
-class Switch : public QtRunningObject
-{
+class Switch : public QtRunningObject {
 public:
     using QtRunningObject::setRunning;
 };
 
-class Composite : public QtCompositeRunningObject
-{
+class Composite : public QtCompositeRunningObject {
 public:
     using QtCompositeRunningObject::addRunningObject;
     using QtCompositeRunningObject::removeRunningObject;
 };
 } // namespace
 
-class TestRunningObjects : public QObject
-{
+class TestRunningObjects : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void setRunningEmitsOnlyOnChange()
-    {
+    void setRunningEmitsOnlyOnChange() {
         Switch object;
         QSignalSpy spy(&object, &QtRunningObject::running);
         QVERIFY(object.setRunning(true));
@@ -42,8 +38,7 @@ private Q_SLOTS:
         QVERIFY(object.isRunning());
     }
 
-    void compositeFollowsItsChildren()
-    {
+    void compositeFollowsItsChildren() {
         Composite composite;
         Switch first, second;
         QSignalSpy spy(&composite, &QtRunningObject::running);
@@ -61,8 +56,7 @@ private Q_SLOTS:
         QCOMPARE(spy.count(), 2);
     }
 
-    void addAndRemoveAreAsymmetric()
-    {
+    void addAndRemoveAreAsymmetric() {
         Composite composite;
         Switch running, idle;
         running.setRunning(true);
@@ -89,8 +83,7 @@ private Q_SLOTS:
         QVERIFY(!composite.isRunning());
     }
 
-    void destroyedChildIsSkipped()
-    {
+    void destroyedChildIsSkipped() {
         Composite composite;
         Switch other;
         composite.addRunningObject(&other);
@@ -106,8 +99,7 @@ private Q_SLOTS:
         QVERIFY(!composite.isRunning());
     }
 
-    void duplicatesRemoveTheLastEntry()
-    {
+    void duplicatesRemoveTheLastEntry() {
         Composite composite;
         Switch child;
         composite.addRunningObject(&child);

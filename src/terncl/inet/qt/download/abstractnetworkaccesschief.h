@@ -22,8 +22,7 @@ class QtAbstractSslCertificatesKeeper;
 
 // The application's owner of network access. It announces what needs the user or the global
 // settings: credentials, proxy credentials and TLS errors of replies, and settings changes.
-class TERNCL_EXPORT AbstractNetworkAccessChief : public QObject
-{
+class TERNCL_EXPORT AbstractNetworkAccessChief : public QObject {
     Q_OBJECT
 
 public:

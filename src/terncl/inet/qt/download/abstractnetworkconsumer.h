@@ -18,8 +18,7 @@ class QAuthenticator;
 // made of downloads, a pack of consumers. Lives in one thread; every operation is called there.
 // Connect authenticationRequired and sslAcceptUnknownHostRequired directly before starting the
 // consumer: both carry out-parameters that must be filled before the emitting call returns.
-class TERNCL_EXPORT AbstractNetworkConsumer : public QtObj
-{
+class TERNCL_EXPORT AbstractNetworkConsumer : public QtObj {
     Q_OBJECT
 
 public:

@@ -2,11 +2,11 @@
 
 #include "abstractnetworkconsumer.h"
 
-AbstractNetworkConsumersStats::AbstractNetworkConsumersStats(QObject* parent) : QObject(parent) {}
+AbstractNetworkConsumersStats::AbstractNetworkConsumersStats(QObject* parent)
+    : QObject(parent) {}
 
 void AbstractNetworkConsumersStats::registerConsumer(AbstractNetworkConsumer* consumer,
-                                                     bool doRegister)
-{
+                                                     bool doRegister) {
     if (!consumer)
         return;
     if (doRegister)
@@ -23,8 +23,7 @@ void AbstractNetworkConsumersStats::registerConsumer(AbstractNetworkConsumer* co
 }
 
 void AbstractNetworkConsumersStats::onConsumerConnectionsMapChangedDelta(
-    const QtConnectionsMap& delta)
-{
+    const QtConnectionsMap& delta) {
     terncl::applyConnectionsDelta(m_connectionsMap, delta);
     Q_EMIT connectionsMapChangedDelta(delta);
 }

@@ -8,8 +8,7 @@ class AbstractNetworkConsumer;
 
 // Holds the merged connections map of any number of consumers, kept current from their
 // deltas, and passes every change on as a delta of its own. Main thread only.
-class TERNCL_EXPORT AbstractNetworkConsumersStats : public QObject
-{
+class TERNCL_EXPORT AbstractNetworkConsumersStats : public QObject {
     Q_OBJECT
 
 public:

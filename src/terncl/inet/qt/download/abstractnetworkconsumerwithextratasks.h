@@ -4,8 +4,7 @@
 
 // A consumer that can be running while it moves no bytes (file operations, merging).
 // isRunning() and running(bool) always agree; running is emitted only on a change.
-class TERNCL_EXPORT AbstractNetworkConsumerWithExtraTasks : public AbstractNetworkConsumer
-{
+class TERNCL_EXPORT AbstractNetworkConsumerWithExtraTasks : public AbstractNetworkConsumer {
     Q_OBJECT
 
 public:

@@ -12,15 +12,13 @@
 
 #include <QCoreApplication>
 
-AbstractNetworkConsumer::AbstractNetworkConsumer(QObject* parent) : QtObj(parent) {}
+AbstractNetworkConsumer::AbstractNetworkConsumer(QObject* parent)
+    : QtObj(parent) {}
 
 AbstractNetworkConsumerWithExtraTasks::AbstractNetworkConsumerWithExtraTasks(QObject* parent)
-    : AbstractNetworkConsumer(parent)
-{
-}
+    : AbstractNetworkConsumer(parent) {}
 
-bool QtNetworkAuthScope::operator<(const QtNetworkAuthScope& other) const
-{
+bool QtNetworkAuthScope::operator<(const QtNetworkAuthScope& other) const {
     if (kind != other.kind)
         return kind < other.kind;
     if (url != other.url)
@@ -28,46 +26,37 @@ bool QtNetworkAuthScope::operator<(const QtNetworkAuthScope& other) const
     return realm < other.realm;
 }
 
-QtAbstractNetworkAuthRequestor::QtAbstractNetworkAuthRequestor(QObject* parent) : QObject(parent)
-{
-}
+QtAbstractNetworkAuthRequestor::QtAbstractNetworkAuthRequestor(QObject* parent)
+    : QObject(parent) {}
 
 QtAbstractTwoWayNetworkAuthRequestor::QtAbstractTwoWayNetworkAuthRequestor(QObject* parent)
-    : QtAbstractNetworkAuthRequestor(parent)
-{
-}
+    : QtAbstractNetworkAuthRequestor(parent) {}
 
 QtAbstractNetworkPasswordsKeeper::QtAbstractNetworkPasswordsKeeper(QObject* parent)
-    : QObject(parent)
-{
-}
+    : QObject(parent) {}
 
-QtAbstractKnownSslHostsKeeper::QtAbstractKnownSslHostsKeeper(QObject* parent) : QObject(parent) {}
+QtAbstractKnownSslHostsKeeper::QtAbstractKnownSslHostsKeeper(QObject* parent)
+    : QObject(parent) {}
 
 QtAbstractSslCertificatesKeeper::QtAbstractSslCertificatesKeeper(QObject* parent)
-    : QObject(parent)
-{
-}
+    : QObject(parent) {}
 
-AbstractNetworkAccessChief::AbstractNetworkAccessChief(QObject* parent) : QObject(parent) {}
+AbstractNetworkAccessChief::AbstractNetworkAccessChief(QObject* parent)
+    : QObject(parent) {}
 
 AbstractNetworkAccessChief::~AbstractNetworkAccessChief() = default;
 
-QtNetworkProxyFactory::QtNetworkProxyFactory(QObject* parent) : QObject(parent) {}
+QtNetworkProxyFactory::QtNetworkProxyFactory(QObject* parent)
+    : QObject(parent) {}
 
 QtAppSystemDefaultUserAgentManager::QtAppSystemDefaultUserAgentManager(QObject* parent)
-    : QObject(parent)
-{
-}
+    : QObject(parent) {}
 
 QtAppSystemDefaultWebBrowserManager::QtAppSystemDefaultWebBrowserManager(QObject* parent)
-    : QObject(parent)
-{
-}
+    : QObject(parent) {}
 
 namespace {
-void registerNetworkMetaTypes()
-{
+void registerNetworkMetaTypes() {
     qRegisterMetaType<QtHostAndPort>("QtHostAndPort");
     qRegisterMetaType<QtConnectionsMapEntry>("QtConnectionsMapEntry");
     qRegisterMetaType<QtConnectionsMap>("QtConnectionsMap");

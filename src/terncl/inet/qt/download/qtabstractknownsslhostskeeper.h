@@ -6,8 +6,7 @@
 #include <QObject>
 
 // The store of TLS hosts that the user accepted.
-class TERNCL_EXPORT QtAbstractKnownSslHostsKeeper : public QObject
-{
+class TERNCL_EXPORT QtAbstractKnownSslHostsKeeper : public QObject {
     Q_OBJECT
 
 public:

@@ -7,8 +7,7 @@
 #include <QObject>
 
 // Obtains credentials for a scope (asks the user, looks them up) and reports them.
-class TERNCL_EXPORT QtAbstractNetworkAuthRequestor : public QObject
-{
+class TERNCL_EXPORT QtAbstractNetworkAuthRequestor : public QObject {
     Q_OBJECT
 
 public:

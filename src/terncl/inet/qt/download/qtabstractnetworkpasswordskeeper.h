@@ -7,8 +7,7 @@
 #include <QObject>
 
 // Stores credentials per scope.
-class TERNCL_EXPORT QtAbstractNetworkPasswordsKeeper : public QObject
-{
+class TERNCL_EXPORT QtAbstractNetworkPasswordsKeeper : public QObject {
     Q_OBJECT
 
 public:

@@ -7,8 +7,7 @@
 #include <QSslCertificate>
 
 // The store of certificates the application trusts beyond the system's.
-class TERNCL_EXPORT QtAbstractSslCertificatesKeeper : public QObject
-{
+class TERNCL_EXPORT QtAbstractSslCertificatesKeeper : public QObject {
     Q_OBJECT
 
 public:

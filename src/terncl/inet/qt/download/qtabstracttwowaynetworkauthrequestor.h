@@ -4,8 +4,7 @@
 
 // A requestor whose answer comes from outside: it announces authRequested and takes the
 // answer through setAuth.
-class TERNCL_EXPORT QtAbstractTwoWayNetworkAuthRequestor : public QtAbstractNetworkAuthRequestor
-{
+class TERNCL_EXPORT QtAbstractTwoWayNetworkAuthRequestor : public QtAbstractNetworkAuthRequestor {
     Q_OBJECT
 
 public:

@@ -6,8 +6,7 @@
 #include <QString>
 
 // Tells the user agent that the system's default browser sends.
-class TERNCL_EXPORT QtAppSystemDefaultUserAgentManager : public QObject
-{
+class TERNCL_EXPORT QtAppSystemDefaultUserAgentManager : public QObject {
     Q_OBJECT
 
 public:

@@ -6,8 +6,7 @@
 #include <QString>
 
 // Tells which browser is the system default (its name, as the platform reports it).
-class TERNCL_EXPORT QtAppSystemDefaultWebBrowserManager : public QObject
-{
+class TERNCL_EXPORT QtAppSystemDefaultWebBrowserManager : public QObject {
     Q_OBJECT
 
 public:

@@ -7,13 +7,11 @@
 #include <QString>
 
 // A server endpoint, the key of connections maps.
-struct QtHostAndPort
-{
+struct QtHostAndPort {
     QString host;
     int port = 0;
 
-    bool operator==(const QtHostAndPort& other) const
-    {
+    bool operator==(const QtHostAndPort& other) const {
         return host == other.host && port == other.port;
     }
     bool operator!=(const QtHostAndPort& other) const { return !(*this == other); }

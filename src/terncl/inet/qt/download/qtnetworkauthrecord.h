@@ -4,14 +4,12 @@
 #include <QString>
 
 // Credentials for one scope.
-struct QtNetworkAuthRecord
-{
+struct QtNetworkAuthRecord {
     QString user;
     QString password;
 
     bool isEmpty() const { return user.isEmpty() && password.isEmpty(); }
-    bool operator==(const QtNetworkAuthRecord& other) const
-    {
+    bool operator==(const QtNetworkAuthRecord& other) const {
         return user == other.user && password == other.password;
     }
     bool operator!=(const QtNetworkAuthRecord& other) const { return !(*this == other); }

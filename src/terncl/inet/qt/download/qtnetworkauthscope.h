@@ -7,8 +7,7 @@
 #include <QUrl>
 
 // Where credentials apply: a kind (server or proxy), the address and the realm.
-struct QtNetworkAuthScope
-{
+struct QtNetworkAuthScope {
     enum Kind : int { Server = 0, Proxy = 1 };
 
     int kind = Server;
@@ -16,8 +15,7 @@ struct QtNetworkAuthScope
     QString realm;
 
     bool isValid() const { return url.isValid(); }
-    bool operator==(const QtNetworkAuthScope& other) const
-    {
+    bool operator==(const QtNetworkAuthScope& other) const {
         return kind == other.kind && realm == other.realm && url == other.url;
     }
     bool operator!=(const QtNetworkAuthScope& other) const { return !(*this == other); }

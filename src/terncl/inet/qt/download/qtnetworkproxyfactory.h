@@ -6,8 +6,7 @@
 #include <QObject>
 
 // The application's proxy choice; queryProxy stays pure so that the subclass decides.
-class TERNCL_EXPORT QtNetworkProxyFactory : public QObject, public QNetworkProxyFactory
-{
+class TERNCL_EXPORT QtNetworkProxyFactory : public QObject, public QNetworkProxyFactory {
     Q_OBJECT
 
 public:

@@ -9,13 +9,11 @@
 #include <QTest>
 
 namespace {
-QtHostAndPort endpoint(const char* host, int port)
-{
+QtHostAndPort endpoint(const char* host, int port) {
     return {QString::fromLatin1(host), port};
 }
 
-QtConnectionsMap mapOf(std::initializer_list<std::pair<QtHostAndPort, int>> entries)
-{
+QtConnectionsMap mapOf(std::initializer_list<std::pair<QtHostAndPort, int>> entries) {
     QtConnectionsMap map;
     for (const auto& [key, count] : entries)
         map[key].count = count;
@@ -23,13 +21,11 @@ QtConnectionsMap mapOf(std::initializer_list<std::pair<QtHostAndPort, int>> entr
 }
 } // namespace
 
-class TestNetworkConsumerBase : public QObject
-{
+class TestNetworkConsumerBase : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void hostAndPortHashCombinesBothFields()
-    {
+    void hostAndPortHashCombinesBothFields() {
         const QtHostAndPort key = endpoint("example.org", 443);
         const size_t seed = 7;
         size_t expected = seed ^ (qHash(key.host, 0) + 0x9e3779b9 + (seed << 6) + (seed >> 2));
@@ -38,8 +34,7 @@ private Q_SLOTS:
         QVERIFY(qHash(endpoint("example.org", 80)) != qHash(key));
     }
 
-    void deltasMergeAndUnregisterNegates()
-    {
+    void deltasMergeAndUnregisterNegates() {
         AbstractNetworkConsumersStats stats;
         QSignalSpy deltas(&stats, &AbstractNetworkConsumersStats::connectionsMapChangedDelta);
         FakeNetworkConsumer first(1), second(2), idle(3);
@@ -67,12 +62,12 @@ private Q_SLOTS:
         QVERIFY(!stats.connectionsMap().contains(endpoint("b", 80)));
 
         QtConnectionsMap map = mapOf({{endpoint("b", 80), 1}});
-        terncl::applyConnectionsDelta(map, mapOf({{endpoint("b", 80), -1}, {endpoint("c", 21), -1}}));
+        terncl::applyConnectionsDelta(map,
+                                      mapOf({{endpoint("b", 80), -1}, {endpoint("c", 21), -1}}));
         QCOMPARE(map, mapOf({{endpoint("c", 21), -1}}));
     }
 
-    void sslHostEquality()
-    {
+    void sslHostEquality() {
         const QtSslHostPublicKey rsa{QByteArrayLiteral("key"), 1};
         const QtSslHostPublicKey ec{QByteArrayLiteral("key"), 2};
         const QtSslHost host(endpoint("h", 443), rsa);
@@ -85,8 +80,7 @@ private Q_SLOTS:
         QVERIFY(!QtSslHost(endpoint("h", 0), {}).empty());
     }
 
-    void authScopeOrdersByKindUrlThenRealm()
-    {
+    void authScopeOrdersByKindUrlThenRealm() {
         const QtNetworkAuthScope a{0, QUrl(QStringLiteral("http://a/")), QStringLiteral("z")};
         const QtNetworkAuthScope b{0, QUrl(QStringLiteral("http://b/")), QStringLiteral("a")};
         const QtNetworkAuthScope proxy{1, QUrl(QStringLiteral("http://a/")), QString()};
@@ -99,8 +93,7 @@ private Q_SLOTS:
         QVERIFY(a.isValid());
     }
 
-    void usageSettingsCompareAllFields()
-    {
+    void usageSettingsCompareAllFields() {
         NetworkUsageSettings base;
         NetworkUsageSettings changed = base;
         changed.lowPriority = true;
@@ -118,8 +111,7 @@ private Q_SLOTS:
         QVERIFY(consumer.lastUnknownSslHost().empty());
     }
 
-    void metaTypesUnderTheirNames()
-    {
+    void metaTypesUnderTheirNames() {
         for (const char* name : {"QtConnectionsMap", "QtHostAndPort", "QtSslHost",
                                  "QtNetworkAuthScope", "NetworkTrafficDirection", "bool*"})
             QVERIFY2(QMetaType::fromName(name).isValid(), name);
