@@ -1,0 +1,2 @@
+terncl_add_test(tst_abstractnetworkconsumerspack
+  terncl/inet/qt/download/tst_abstractnetworkconsumerspack.cpp)
