@@ -1,2 +1,4 @@
 terncl_add_test(tst_abstractnetworkconsumerspack
   terncl/inet/qt/download/tst_abstractnetworkconsumerspack.cpp)
+terncl_add_test(tst_abstractnetworkconsumerswithextrataskspack
+  terncl/inet/qt/download/tst_abstractnetworkconsumerswithextrataskspack.cpp)
