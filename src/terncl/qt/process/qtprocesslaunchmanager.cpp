@@ -19,6 +19,19 @@ void registerProcessMetaTypes() {
     qRegisterMetaType<QtProcessLaunchManager::Sandbox>("QtProcessLaunchManager::Sandbox");
 }
 
+// Says which program failed and how, for logs and for the host's error texts.
+QString failureText(const QProcess* process, QProcess::ProcessError error) {
+    switch (error) {
+    case QProcess::FailedToStart:
+        return QStringLiteral("could not start %1: %2")
+            .arg(process->program(), process->errorString());
+    case QProcess::Crashed:
+        return QStringLiteral("%1 crashed or was killed").arg(process->program());
+    default:
+        return QStringLiteral("%1 failed: %2").arg(process->program(), process->errorString());
+    }
+}
+
 bool isBatchFile(const QString& path) {
     return path.endsWith(QLatin1String(".bat"), Qt::CaseInsensitive);
 }
@@ -252,7 +265,7 @@ void QtProcessLaunchManager::failToStart(int id, QProcess* process, const QStrin
     log(id, QStringLiteral("process failed to start: %1").arg(reason));
     const AbstractError error(
         ProcessFailedErrorCode, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
-        QStringLiteral("%1: %2").arg(process->program(), reason).toStdString());
+        QStringLiteral("could not start %1: %2").arg(process->program(), reason).toStdString());
     retireProcess(process);
     onFinished(id, error, 0, {}, {}, false);
 }
@@ -278,9 +291,9 @@ void QtProcessLaunchManager::onProcessErrorOccurred(QProcess::ProcessError proce
     if (!takeProcessId(process, &id) || !m_items.contains(id))
         return;
     log(id, QStringLiteral("process failed with error: %1").arg(int(processError)));
-    const AbstractError error(
-        ProcessFailedErrorCode, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
-        QStringLiteral("%1: %2").arg(process->program(), process->errorString()).toStdString());
+    const AbstractError error(ProcessFailedErrorCode, AbstractError::GenericError,
+                              TERNCL_SOURCE_PLACE,
+                              failureText(process, processError).toStdString());
     // A crashed child's last words are already buffered; they help more than they cost.
     QByteArray output, errorOutput;
     if (processError != QProcess::FailedToStart) {
