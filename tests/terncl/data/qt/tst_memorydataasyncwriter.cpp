@@ -1,0 +1,105 @@
+#include "support/signalrecorder.h"
+
+#include <terncl/data/qt/memorydataasyncwriter.h>
+
+#include <QTest>
+#include <QThread>
+
+class TestMemoryDataAsyncWriter : public QObject {
+    Q_OBJECT
+
+private:
+    QThread m_writersThread;
+    QByteArray m_target;
+    MemoryDataAsyncWriter* m_writer = nullptr;
+    SignalRecorder m_events;
+
+    void expectEvents(const QStringList& expected) {
+        m_writer->emitAllDataIsProcessed();
+        QTRY_COMPARE(m_events.events(), expected + QStringList{QStringLiteral("all()")});
+        m_events.clear();
+    }
+
+private Q_SLOTS:
+    void initTestCase() { m_writersThread.start(); }
+    void init() {
+        m_target.clear();
+        m_writer = new MemoryDataAsyncWriter(&m_target);
+        m_writer->moveToThread(&m_writersThread);
+        const AbstractDataAsyncProcessor* base = m_writer;
+        m_events.record(base, &AbstractDataAsyncProcessor::opened, QStringLiteral("opened"));
+        m_events.record(base, &AbstractDataAsyncProcessor::closed, QStringLiteral("closed"));
+        m_events.record(base, &AbstractDataAsyncProcessor::dataProcessed,
+                        QStringLiteral("dataProcessed"));
+        m_events.record(base, &AbstractDataAsyncProcessor::allDataIsProcessed,
+                        QStringLiteral("all"));
+    }
+    void cleanup() {
+        QMetaObject::invokeMethod(
+            m_writer, [this] { delete m_writer; }, Qt::BlockingQueuedConnection);
+        m_events.clear();
+    }
+    void cleanupTestCase() {
+        m_writersThread.quit();
+        m_writersThread.wait();
+    }
+
+    void writesAtOffsetsAndFillsGaps() {
+        m_writer->processData(QByteArrayLiteral("early"));
+        QCOMPARE(m_writer->processedData(), QByteArrayLiteral("early"));
+        expectEvents({});
+        QVERIFY(m_target.isEmpty());
+
+        m_writer->open(QStringLiteral("ignored"), 10, true);
+        expectEvents({QStringLiteral("opened()"), QStringLiteral("dataProcessed(5)")});
+        QVERIFY(m_writer->isOpen());
+        QCOMPARE(m_target.size(), 15);
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("early"));
+
+        // processData runs on the calling thread: the target has changed on return.
+        m_writer->processData(QByteArrayLiteral("12"));
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("early12"));
+        m_writer->processData(QByteArray());
+        expectEvents({QStringLiteral("dataProcessed(2)"), QStringLiteral("dataProcessed(0)")});
+
+        // Writing inside the existing length overwrites and never shrinks.
+        m_writer->seek(11);
+        expectEvents({});
+        m_writer->processData(QByteArrayLiteral("AR"));
+        QCOMPARE(m_target.size(), 17);
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("eARly12"));
+        m_writer->processData(QByteArrayLiteral("LY"));
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("eARLY12"));
+
+        QCOMPARE(m_writer->lastError().code, 0);
+        QVERIFY(!m_writer->lastErrorTime().isValid());
+    }
+
+    void seekAndCloseDropPendingData() {
+        m_writer->processData(QByteArrayLiteral("one"));
+        m_writer->seek(4);
+        expectEvents({});
+        QVERIFY(m_writer->processedData().isEmpty());
+
+        m_writer->processData(QByteArrayLiteral("two"));
+        m_writer->open(QString(), 0);
+        m_writer->open(QString(), 8); // already open: nothing
+        expectEvents({QStringLiteral("opened()"), QStringLiteral("dataProcessed(3)")});
+        QCOMPARE(m_target, QByteArrayLiteral("two"));
+
+        m_writer->close();
+        m_writer->close();
+        expectEvents({QStringLiteral("closed()")});
+        QVERIFY(!m_writer->isOpen());
+        QVERIFY(m_writer->processedData().isEmpty());
+
+        m_writer->processData(QByteArrayLiteral("three"));
+        m_writer->wipePendingDataOut();
+        m_writer->open(QString(), 1);
+        expectEvents({QStringLiteral("opened()")});
+        QCOMPARE(m_target, QByteArrayLiteral("two"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestMemoryDataAsyncWriter)
+#include "tst_memorydataasyncwriter.moc"
