@@ -1,0 +1,45 @@
+#include "hostdownloadsfactory.h"
+
+#include "httpdownload.h"
+
+#include <terncl/core/sourceplace.h>
+
+#include <QUrl>
+
+const QString HostDownloadsFactory::HttpModule = QStringLiteral("http");
+
+HostDownloadsFactory::HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
+                                           QObject* parent)
+    : AbstractDownloadsSimpleFactory(parent)
+    , m_network(network)
+    , m_writersThread(writersThread) {}
+
+QSharedPointer<AbstractDownload>
+HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
+                                     AbstractError& error) {
+    return createModuleDownload(info.moduleName, info, {}, error);
+}
+
+QSharedPointer<AbstractDownload>
+HostDownloadsFactory::createModuleDownload(const QString& moduleName,
+                                           const AbstractDownloadPersistentInfo& info,
+                                           const QVariant&, AbstractError& error) {
+    const QUrl url(info.resourceUrl);
+    const bool http =
+        url.scheme() == QStringLiteral("http") || url.scheme() == QStringLiteral("https");
+    if (!m_network || (!moduleName.isEmpty() && moduleName != HttpModule) || !http) {
+        error = AbstractError(
+            1, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
+            QStringLiteral("no download can fetch %1").arg(info.resourceUrl).toStdString());
+        return {};
+    }
+    QSharedPointer<HttpDownload> download(new HttpDownload(m_nextId++, m_network),
+                                          &QObject::deleteLater);
+    download->setInfo(info);
+    download->setWritersThread(m_writersThread);
+    HttpDownload::Options options;
+    options.maxRetries = m_maxRetries;
+    download->setOptions(options);
+    ++m_created;
+    return download;
+}

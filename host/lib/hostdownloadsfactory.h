@@ -1,0 +1,37 @@
+#pragma once
+
+#include <terncl/inet/qt/download/abstractdownloadssimplefactory.h>
+
+#include <QNetworkAccessManager>
+#include <QPointer>
+
+class QThread;
+
+// Makes the host's downloads. Every record becomes an HttpDownload (the only protocol the host
+// speaks), with a new id, the shared network access manager and the writers thread.
+class HostDownloadsFactory final : public AbstractDownloadsSimpleFactory {
+    Q_OBJECT
+
+public:
+    static const QString HttpModule; // "http"
+
+    HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
+                         QObject* parent = nullptr);
+
+    QSharedPointer<AbstractDownload> createDownload(const AbstractDownloadPersistentInfo& info,
+                                                    AbstractError& error) override;
+    QSharedPointer<AbstractDownload>
+    createModuleDownload(const QString& moduleName, const AbstractDownloadPersistentInfo& info,
+                         const QVariant& initData, AbstractError& error) override;
+
+    // Transient-failure retries of the downloads it makes.
+    void setMaxRetries(int retries) { m_maxRetries = retries; }
+    int createdCount() const { return m_created; }
+
+private:
+    QPointer<QNetworkAccessManager> m_network;
+    QThread* m_writersThread;
+    qint64 m_nextId = 1;
+    int m_maxRetries = 5;
+    int m_created = 0;
+};
