@@ -1,0 +1,244 @@
+#include <terncl/inet/qt/download/abstractdownloadpersistentinfo.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTest>
+
+namespace {
+AbstractDownloadFileInfo sampleFile() {
+    AbstractDownloadFileInfo file;
+    file.name = QStringLiteral("video/part 1.ts");
+    file.contentType = QStringLiteral("video/mp2t");
+    file.lastModified = QDateTime(QDate(2024, 5, 1), QTime(10, 20, 30, 456), Qt::UTC);
+    file.fileType = AbstractFileType::Video;
+    file.size = 5000;
+    file.sections = {{0, 3000, 3000}, {3000, 2000, 120}};
+    file.priority = AbstractDownloadFileInfo::HighPriority;
+    file.writeOffset = 1024;
+    file.tmpPath = QStringLiteral("/tmp/part 1.ts.part");
+    file.flags = AbstractDownloadFileInfo::Created | (quint64(1) << 63);
+    file.resumeSupport = AbstractDownloadFileInfo::ResumeSupported;
+    file.extra.insert(QStringLiteral("checksum"), QStringLiteral("abc"));
+    return file;
+}
+
+AbstractDownloadPersistentInfo sampleRecord() {
+    AbstractDownloadPersistentInfo info;
+    info.originators = {QStringLiteral("AbstractDownloadsPack #5"),
+                        QStringLiteral("IndependentSegmentsDownloader #12")};
+    info.downloadType = AbstractDownloadType::Resource;
+    info.downloadSubtype = 4;
+    info.resourceUrl = QStringLiteral("https://example.org/a%20b.m3u8?x=1");
+    info.customData = {
+        {QStringLiteral("options"),
+         QVariantList{QVariantHash{{QStringLiteral("o"), quint64(1) << 63},
+                                   {QStringLiteral("v"), QStringLiteral("on")}}}},
+        {QStringLiteral("downloadedSegmentsTotalBytes"), qint64(1) << 40},
+        {QStringLiteral("currentSegmentFile"), sampleFile().toVariantHash()},
+        {QStringLiteral("currentSegmentDownloadHasResumeSupport"), true},
+        {QStringLiteral("ratio"), 0.25},
+        {QStringLiteral("nothing"), QVariant()},
+    };
+    info.supportedOptions = ~quint64(0);
+    info.uuid = QUuid::fromString(QStringLiteral("{0b5e5cbf-7d0c-4c44-8e1a-4c1f7f3b8a11}"));
+    info.moduleName = QStringLiteral("downloadsm3ustm");
+    info.state = AbstractDownloadPersistentInfo::Finished;
+    info.flags = AbstractDownloadPersistentInfo::Private |
+                 AbstractDownloadPersistentInfo::SizeQueryOnly |
+                 AbstractDownloadPersistentInfo::PartOfParentDownload;
+    info.destinationPath = QStringLiteral("/home/u/Downloads/ü");
+    info.name = QStringLiteral("a b.ts");
+    info.title = QStringLiteral("A page: \"quoted\"");
+    info.referrer = QStringLiteral("https://example.org/");
+    info.requestData = QByteArray("\x00\xff\x01 binary", 10);
+    info.files = {sampleFile(), AbstractDownloadFileInfo()};
+    info.savedFilePath = QStringLiteral("/home/u/Downloads/a b.ts");
+    info.receivedBody = QStringLiteral("<html>\n</html>");
+    info.creationTime = QDateTime(QDate(2024, 5, 1), QTime(10, 20, 30), Qt::UTC);
+    info.extra.insert(QStringLiteral("futureField"), QVariantHash{{QStringLiteral("k"), 1}});
+    return info;
+}
+} // namespace
+
+class TestAbstractDownloadPersistentInfo : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void roundTripsKeepEveryField() {
+        const auto info = sampleRecord();
+        const auto hash = info.toVariantHash();
+        QCOMPARE(hash.value(QStringLiteral("formatVersion")).toInt(), 1);
+        QCOMPARE(hash.value(QStringLiteral("futureField")).toHash().value(QStringLiteral("k")), 1);
+        QCOMPARE(AbstractDownloadPersistentInfo::fromVariantHash(hash), info);
+
+        bool ok = false;
+        const auto json = info.toJson();
+        const auto fromJson = AbstractDownloadPersistentInfo::fromJson(json, &ok);
+        QVERIFY(ok);
+        QCOMPARE(fromJson, info);
+        QCOMPARE(fromJson.toJson(), json);
+        QCOMPARE(fromJson.files.first().flags, sampleFile().flags);
+        QCOMPARE(
+            fromJson.customData.value(QStringLiteral("downloadedSegmentsTotalBytes")).toLongLong(),
+            qint64(1) << 40);
+
+        QCOMPARE(AbstractDownloadPersistentInfo::fromVariantHash({}),
+                 AbstractDownloadPersistentInfo());
+    }
+
+    void fileRecordUsesTheSharedKeys() {
+        const auto hash = sampleFile().toVariantHash();
+        QCOMPARE(hash.value(QStringLiteral("priority")).toInt(), 3);
+        QCOMPARE(hash.value(QStringLiteral("writeOffset")).toLongLong(), 1024);
+        QCOMPARE(hash.value(QStringLiteral("tmpPath")).toString(),
+                 QStringLiteral("/tmp/part 1.ts.part"));
+        QCOMPARE(hash.value(QStringLiteral("flags")).toULongLong(), sampleFile().flags);
+        const auto sections = hash.value(QStringLiteral("sections")).toList();
+        QCOMPARE(sections.size(), 2);
+        const auto second = sections.at(1).toHash();
+        QCOMPARE(second.value(QStringLiteral("offset")).toLongLong(), 3000);
+        QCOMPARE(second.value(QStringLiteral("size")).toLongLong(), 2000);
+        QCOMPARE(second.value(QStringLiteral("done")).toLongLong(), 120);
+        QCOMPARE(AbstractDownloadFileInfo::fromVariantHash(hash), sampleFile());
+
+        // A record written with only the shared keys reads back what it says.
+        const QVariantHash minimal{
+            {QStringLiteral("priority"), 1},
+            {QStringLiteral("sections"), QVariantList{QVariantHash{{QStringLiteral("offset"), 0},
+                                                                   {QStringLiteral("size"), -1},
+                                                                   {QStringLiteral("done"), 77}}}},
+            {QStringLiteral("writeOffset"), 9},
+            {QStringLiteral("tmpPath"), QStringLiteral("t")},
+            {QStringLiteral("flags"), 2},
+        };
+        const auto file = AbstractDownloadFileInfo::fromVariantHash(minimal);
+        QCOMPARE(file.size, -1);
+        QCOMPARE(file.downloadedBytes(), 77);
+        QCOMPARE(file.sections.first().size, -1);
+        QCOMPARE(file.writeOffset, 9);
+        QVERIFY(file.testFlag(AbstractDownloadFileInfo::Preallocated));
+        QVERIFY(file.extra.isEmpty());
+    }
+
+    void newerRecordsLoseNothing() {
+        auto hash = sampleRecord().toVariantHash();
+        hash.insert(QStringLiteral("formatVersion"), 7);
+        hash.insert(QStringLiteral("mirrors"), QVariantList{QStringLiteral("https://m1/")});
+        auto files = hash.value(QStringLiteral("files")).toList();
+        auto first = files.first().toHash();
+        first.insert(QStringLiteral("hashes"), QVariantHash{{QStringLiteral("md5"), 1}});
+        files[0] = first;
+        hash.insert(QStringLiteral("files"), files);
+
+        const auto info = AbstractDownloadPersistentInfo::fromVariantHash(hash);
+        QCOMPARE(info.toVariantHash(), hash);
+        const auto throughJson = AbstractDownloadPersistentInfo::fromJson(info.toJson());
+        QCOMPARE(throughJson.toVariantHash(), hash);
+    }
+
+    void malformedRecordsLoadWhatTheyCan_data() {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<bool>("parsed");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<int>("files");
+        QTest::addColumn<qint64>("downloaded");
+
+        QTest::newRow("not json") << QByteArray("{\"name\": ") << false << QString() << 0 << 0LL;
+        QTest::newRow("array") << QByteArray("[1, 2]") << false << QString() << 0 << 0LL;
+        QTest::newRow("empty") << QByteArray() << false << QString() << 0 << 0LL;
+        QTest::newRow("files not a list")
+            << QByteArray(R"({"name": "n", "files": "abc", "state": {"x": 1}})") << true
+            << QStringLiteral("n") << 0 << 0LL;
+        QTest::newRow("file not a map")
+            << QByteArray(R"({"name": 5, "files": [1, "x", null, {"size": "12"}]})") << true
+            << QStringLiteral("5") << 1 << 0LL;
+        QTest::newRow("sections of the wrong type")
+            << QByteArray(R"({"files": [{"sections": [3, {"done": "abc"}, {"done": 1e300},
+                              {"done": -4}, {"done": 10.5}, {"done": 40}], "size": []}]})")
+            << true << QString() << 1 << 40LL;
+        QTest::newRow("sections not a list")
+            << QByteArray(R"({"files": [{"sections": {"done": 5}}], "name": ["n"]})") << true
+            << QString() << 1 << 0LL;
+    }
+
+    void malformedRecordsLoadWhatTheyCan() {
+        QFETCH(QByteArray, json);
+        QFETCH(bool, parsed);
+        QFETCH(QString, name);
+        QFETCH(int, files);
+        QFETCH(qint64, downloaded);
+
+        bool ok = !parsed;
+        const auto info = AbstractDownloadPersistentInfo::fromJson(json, &ok);
+        QCOMPARE(ok, parsed);
+        QCOMPARE(info.name, name);
+        QCOMPARE(info.files.size(), files);
+        QCOMPARE(info.downloadedBytes(), downloaded);
+        if (files > 0)
+            QCOMPARE(info.files.first().size,
+                     QTest::currentDataTag() == QByteArray("file not a map") ? 12 : -1);
+        // Whatever was salvaged converts back and reads the same again.
+        QCOMPARE(AbstractDownloadPersistentInfo::fromJson(info.toJson()), info);
+    }
+
+    void wrongTypesFallBackToDefaults() {
+        const auto info = AbstractDownloadPersistentInfo::fromJson(
+            R"({"flags": [1], "supportedOptions": "x", "uuid": "nope", "state": "1",
+                "requestData": "!!", "originators": ["a", 1], "customData": "text",
+                "downloadType": 1e20, "destinationPath": {"p": 1}, "title": "kept"})");
+        QCOMPARE(info.flags, 0u);
+        QCOMPARE(info.supportedOptions, 0u);
+        QVERIFY(info.uuid.isNull());
+        QCOMPARE(info.state, 1); // a number in a text is still read
+        QVERIFY(info.requestData.isEmpty());
+        QCOMPARE(info.originators, QList<QString>{QStringLiteral("a")});
+        QVERIFY(info.customData.isEmpty());
+        QCOMPARE(info.downloadType, AbstractDownloadType::Unknown);
+        QVERIFY(info.destinationPath.isEmpty());
+        QCOMPARE(info.title, QStringLiteral("kept"));
+    }
+
+    void totalsCountEveryFile() {
+        auto info = sampleRecord();
+        info.files[1].priority = AbstractDownloadFileInfo::NotSelected;
+        info.files[1].sections = {{0, -1, 500}};
+        QCOMPARE(info.downloadedBytes(), 3000 + 120 + 500);
+        QCOMPARE(info.totalSize(), 5000); // the unselected file of unknown size is left out
+        info.files[1].priority = AbstractDownloadFileInfo::LowPriority;
+        QCOMPARE(info.totalSize(), -1);
+        QVERIFY(!info.files.first().isComplete());
+        info.files.clear();
+        QCOMPARE(info.totalSize(), -1);
+        QCOMPARE(info.downloadedBytes(), 0);
+    }
+
+    void updateFieldsFollowsTheMode() {
+        auto info = sampleRecord();
+        AbstractDownloadPersistentInfo source;
+        source.flags = 0x1 | AbstractDownloadPersistentInfo::Private;
+        source.name = QStringLiteral("renamed");
+
+        QVERIFY(info.updateFields(source, AbstractDownloadPersistentInfo::FieldFlags,
+                                  BitFlagsUpdateMode::Set));
+        QCOMPARE(info.flags, sampleRecord().flags | 0x1);
+        QVERIFY(info.updateFields(source, AbstractDownloadPersistentInfo::FieldFlags,
+                                  BitFlagsUpdateMode::Clear));
+        QCOMPARE(info.flags, AbstractDownloadPersistentInfo::SizeQueryOnly |
+                                 AbstractDownloadPersistentInfo::PartOfParentDownload);
+        QVERIFY(info.updateFields(source, AbstractDownloadPersistentInfo::FieldFlags,
+                                  BitFlagsUpdateMode::Replace));
+        QCOMPARE(info.flags, source.flags);
+        QVERIFY(!info.updateFields(source, AbstractDownloadPersistentInfo::FieldFlags,
+                                   BitFlagsUpdateMode::Replace));
+
+        // Only the named groups move.
+        QVERIFY(info.updateFields(source, AbstractDownloadPersistentInfo::FieldNames,
+                                  BitFlagsUpdateMode::Replace));
+        QCOMPARE(info.name, QStringLiteral("renamed"));
+        QVERIFY(info.title.isEmpty());
+        QCOMPARE(info.destinationPath, sampleRecord().destinationPath);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAbstractDownloadPersistentInfo)
+#include "tst_abstractdownloadpersistentinfo.moc"
