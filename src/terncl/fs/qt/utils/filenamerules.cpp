@@ -138,8 +138,11 @@ QString FileNameRules::sanitizedFileName(const QString& name, bool limitLength,
     if (isReservedDeviceName(result))
         result = replacement;
     chopTrailingSpacesAndDots(result);
-    if (limitLength && result.size() > maxFileNameLength)
+    if (limitLength && result.size() > maxFileNameLength) {
         cutToMaxLength(result);
+        // A name without a dot loses its end, which may leave a space there again.
+        chopTrailingSpacesAndDots(result);
+    }
     return result;
 }
 

@@ -83,6 +83,9 @@ private Q_SLOTS:
 
         const QString noDot = QString(247, QLatin1Char('n')) + QStringLiteral("xy");
         QCOMPARE(FileNameRules::sanitizedFileName(noDot, true, sanitize), noDot.left(248));
+        // The cut end of a name without a dot is trimmed again.
+        const QString spaceAtCut = QString(247, QLatin1Char('n')) + QStringLiteral(" xy");
+        QCOMPARE(FileNameRules::sanitizedFileName(spaceAtCut, true, sanitize), noDot.left(247));
         const QString limit = QString(248, QLatin1Char('n'));
         QCOMPARE(FileNameRules::sanitizedFileName(limit, true, sanitize), limit);
 
