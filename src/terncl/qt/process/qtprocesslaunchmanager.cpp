@@ -136,7 +136,12 @@ void QtProcessLaunchManager::abortList(const QList<int>& ids) {
 }
 
 void QtProcessLaunchManager::abortAll() {
-    abortList(m_items.keys());
+    // The items may only be read in the manager's thread.
+    if (QThread::currentThread() != thread()) {
+        QMetaObject::invokeMethod(this, &QtProcessLaunchManager::abortAll, Qt::QueuedConnection);
+        return;
+    }
+    doAbortList(m_items.keys());
 }
 
 void QtProcessLaunchManager::doAbortList(const QList<int>& ids) {

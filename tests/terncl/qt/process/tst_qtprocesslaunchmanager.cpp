@@ -247,20 +247,24 @@ private Q_SLOTS:
     void launchAndAbortFromAnotherThread() {
         QtProcessLaunchManager manager(nullptr);
         Events events(&manager);
-        QScopedPointer<QThread> thread(QThread::create([&] {
+        const auto inThread = [](const std::function<void()>& work) {
+            QScopedPointer<QThread> thread(QThread::create(work));
+            thread->start();
+            return thread->wait();
+        };
+        QVERIFY(inThread([&] {
             launchChild(manager, 1, {QStringLiteral("echo"), QStringLiteral("hi")});
             launchChild(manager, 2, {QStringLiteral("hang")});
+            launchChild(manager, 3, {QStringLiteral("hang")});
         }));
-        thread->start();
-        QVERIFY(thread->wait());
         QTRY_VERIFY(events.has(QStringLiteral("finished 1 0 0")));
         QCOMPARE(events.data[1], QByteArray("hi\n"));
 
-        QTRY_VERIFY(events.data[2].startsWith("pid"));
-        thread.reset(QThread::create([&] { manager.abortList({2}); }));
-        thread->start();
-        QVERIFY(thread->wait());
+        QTRY_VERIFY(events.data[2].startsWith("pid") && events.data[3].startsWith("pid"));
+        QVERIFY(inThread([&] { manager.abortList({2}); }));
         QTRY_VERIFY(events.has(QStringLiteral("finished 2 4 0")));
+        QVERIFY(inThread([&] { manager.abortAll(); }));
+        QTRY_VERIFY(events.has(QStringLiteral("finished 3 4 0")));
     }
 
     void sandboxedLaunchesFollowTheFallbackRule() {
