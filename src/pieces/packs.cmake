@@ -6,3 +6,9 @@ terncl_add_sources(
   SOURCES
     terncl/inet/qt/download/abstractnetworkconsumerspack.cpp
     terncl/inet/qt/download/abstractnetworkconsumerswithextrataskspack.cpp)
+# The downloads pack is a download: it needs the download base of the model piece.
+if(NOT "model" IN_LIST TERNCL_SKIP_PIECES)
+  terncl_add_sources(
+    HEADERS terncl/inet/qt/download/abstractdownloadspack.h
+    SOURCES terncl/inet/qt/download/abstractdownloadspack.cpp)
+endif()

@@ -1,0 +1,233 @@
+#include "support/fakedownload.h"
+#include "support/signalrecorder.h"
+
+#include <terncl/inet/qt/download/abstractdownloadspack.h>
+
+#include <QSequentialIterable>
+#include <QTest>
+#include <QThread>
+
+namespace {
+
+using Pack = AbstractDownloadsPack;
+using DownloadPtr = AbstractDownloadsPack::DownloadPtr;
+using Task = AbstractDownloadTask;
+
+// A download that reports whatever tasks it is told to, running or not, and may refuse a
+// writers thread.
+class ReportingDownload : public FakeDownload {
+public:
+    using FakeDownload::FakeDownload;
+
+    quint64 currentTasks() const override { return tasks; }
+    AbstractDownloadTasksProgress tasksProgress() const override { return progress; }
+    bool setWritersThread(QThread* thread) override {
+        FakeDownload::setWritersThread(thread);
+        return acceptsWritersThread;
+    }
+
+    quint64 tasks = 0;
+    AbstractDownloadTasksProgress progress;
+    bool acceptsWritersThread = true;
+};
+
+using ReportingPtr = QSharedPointer<ReportingDownload>;
+
+ReportingPtr runningChild(qint64 id) {
+    auto child = ReportingPtr::create(id);
+    child->startRunning();
+    return child;
+}
+
+AbstractDownloadSettings someSettings() {
+    AbstractDownloadSettings settings;
+    settings.temporaryFolder = QStringLiteral("/tmp/parts");
+    settings.flags = AbstractDownloadSettings::SkipPreallocation;
+    return settings;
+}
+
+} // namespace
+
+class TestAbstractDownloadsPack : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void emptyPackHasNothingToReport() {
+        Pack pack(1);
+        Pack other(2);
+        QCOMPARE(pack.currentTasks(), quint64(0));
+        QVERIFY(pack.tasksProgress().isEmpty());
+        QVERIFY(!pack.isQueryingInfo());
+        QVERIFY(!pack.isStopping());
+        QVERIFY(!pack.isRunning());
+        QVERIFY(!pack.setWritersThread(QThread::currentThread()));
+        QCOMPARE(pack.settings(), AbstractDownloadSettings());
+        QCOMPARE(pack.settings().existingFileReaction, AbstractDownloadExistingFileReaction::Ask);
+        QVERIFY(pack.supportedDestinations().isEmpty());
+        QCOMPARE(&pack.info(), &other.info());
+
+        // Option helpers of the base write nowhere near the shared record.
+        pack.backupOptions();
+        QVERIFY(other.info().customData.isEmpty());
+        QVERIFY(!pack.setInfo(AbstractDownloadPersistentInfo()));
+    }
+
+    void settingsStickToLaterChildren() {
+        Pack pack(1);
+        const auto early = ReportingPtr::create(2);
+        pack.addDownload(early);
+        QCOMPARE(early->setSettingsCalls(), 0);
+
+        pack.setSettings(someSettings());
+        QCOMPARE(early->settings(), someSettings());
+
+        const auto late = ReportingPtr::create(3);
+        AbstractDownloadSettings seenWhenAdded;
+        connect(&pack, &Pack::downloadsAdded, this, [&] { seenWhenAdded = late->settings(); });
+        pack.addDownload(late);
+        QCOMPARE(seenWhenAdded, someSettings());
+
+        pack.removeDownload(2);
+        pack.removeDownload(3);
+        QCOMPARE(pack.settings(), someSettings());
+    }
+
+    void commandsAndThreadsReachEveryChild() {
+        Pack pack(1);
+        const auto third = ReportingPtr::create(30);
+        const auto first = ReportingPtr::create(10);
+        const auto second = ReportingPtr::create(20);
+        SignalRecorder starts;
+        starts.record<AbstractNetworkConsumerWithExtraTasks>(
+            third.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("30"));
+        starts.record<AbstractNetworkConsumerWithExtraTasks>(
+            first.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("10"));
+        starts.record<AbstractNetworkConsumerWithExtraTasks>(
+            second.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("20"));
+        pack.addDownloads({third, first, second});
+
+        pack.doCommand(AbstractDownloadCommand::Start);
+        QCOMPARE(starts.events(),
+                 QStringList({QStringLiteral("10(true)"), QStringLiteral("20(true)"),
+                              QStringLiteral("30(true)")}));
+        QVERIFY(pack.isRunning());
+
+        // Every child is asked even after one took the thread.
+        first->acceptsWritersThread = false;
+        third->acceptsWritersThread = false;
+        QThread writers;
+        QVERIFY(pack.setWritersThread(&writers));
+        QCOMPARE(third->writersThread(), &writers);
+        second->acceptsWritersThread = false;
+        QVERIFY(!pack.setWritersThread(&writers));
+    }
+
+    void tasksAndPredicatesCoverRunningChildrenOnly() {
+        Pack pack(1);
+        const auto downloading = runningChild(1);
+        downloading->tasks = quint64(Task::Downloading);
+        downloading->progress = {{Task::Downloading, {10, 100}}};
+        const auto merging = runningChild(2);
+        merging->tasks = Task::Downloading | Task::Merging;
+        merging->progress = {{Task::Downloading, {5, 50}}, {Task::Merging, {1, 2}}};
+        const auto idle = ReportingPtr::create(3);
+        idle->tasks = quint64(Task::Verifying);
+        idle->progress = {{Task::Verifying, {7, 7}}};
+        pack.addDownloads({downloading, merging, idle});
+
+        QCOMPARE(pack.currentTasks(), Task::Downloading | Task::Merging);
+        const AbstractDownloadTasksProgress expected{{Task::Downloading, {15, 150}},
+                                                     {Task::Merging, {1, 2}}};
+        QCOMPARE(pack.tasksProgress(), expected);
+
+        downloading->setQueryingInfo(true);
+        QVERIFY(!pack.isQueryingInfo());
+        merging->setQueryingInfo(true);
+        QVERIFY(pack.isQueryingInfo()); // the idle child's false does not count
+
+        downloading->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
+        merging->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
+        downloading->doCommand(AbstractDownloadCommand::Stop);
+        QVERIFY(!pack.isStopping());
+        merging->doCommand(AbstractDownloadCommand::Stop);
+        QVERIFY(pack.isStopping());
+
+        downloading->completeStop();
+        merging->completeStop();
+        QVERIFY(!pack.isStopping());
+        QVERIFY(!pack.isQueryingInfo());
+        QCOMPARE(pack.currentTasks(), quint64(0));
+    }
+
+    void childrenSignalsComeOutOfThePack() {
+        Pack pack(1);
+        SignalRecorder recorder;
+        recorder.record<Pack>(&pack, &Pack::downloadsAdded, QStringLiteral("added"));
+        recorder.record<Pack>(&pack, &Pack::beforeDownloadsRemoved, QStringLiteral("before"));
+        recorder.record<Pack>(&pack, &Pack::downloadsRemoved, QStringLiteral("removed"));
+        recorder.record<Pack>(&pack, &Pack::downloadRunning, QStringLiteral("downloadRunning"));
+        recorder.record<AbstractNetworkConsumerWithExtraTasks>(
+            &pack, &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("running"));
+        recorder.record<AbstractDownload>(&pack, &AbstractDownload::changed,
+                                          QStringLiteral("changed"));
+        const auto a = ReportingPtr::create(1);
+        const auto b = ReportingPtr::create(2);
+        const auto c = ReportingPtr::create(3);
+
+        pack.addDownloads({c, a, b});
+        a->startRunning();
+        b->receive(10);
+        a->fail(AbstractError(5, AbstractError::GenericError, "here"));
+        QCOMPARE(pack.lastError().code, 5);
+        QCOMPARE(recorder.events(),
+                 QStringList({QStringLiteral("added([3,1,2])"), QStringLiteral("running(true)"),
+                              QStringLiteral("downloadRunning(1, true)"),
+                              QStringLiteral("changed(false)"), QStringLiteral("changed(true)"),
+                              QStringLiteral("downloadRunning(1, false)"),
+                              QStringLiteral("running(false)")}));
+
+        // Removed children no longer reach the pack, one at a time or several at once.
+        recorder.clear();
+        pack.removeDownload(1);
+        pack.removeDownloads({2, 3, 4});
+        a->receive(1);
+        b->receive(1);
+        c->startRunning();
+        QCOMPARE(
+            recorder.events(),
+            QStringList({QStringLiteral("before([1])"), QStringLiteral("removed([1])"),
+                         QStringLiteral("before([2,3,4])"), QStringLiteral("removed([2,3,4])")}));
+        QVERIFY(pack.downloads().isEmpty());
+    }
+
+    void downloadsAreReachableThroughTheMetaObject() {
+        Pack pack(1);
+        QCOMPARE(QMetaType::fromName("AbstractDownloadsPack::DownloadPtr"),
+                 QMetaType::fromType<DownloadPtr>());
+        QCOMPARE(QMetaType::fromName("QVector<AbstractDownloadsPack::DownloadPtr>"),
+                 QMetaType::fromType<QList<DownloadPtr>>());
+
+        const DownloadPtr child = ReportingPtr::create(7);
+        QVERIFY(QMetaObject::invokeMethod(&pack, "addDownload",
+                                          Q_ARG(AbstractDownloadsPack::DownloadPtr, child)));
+        QList<DownloadPtr> all;
+        QVERIFY(QMetaObject::invokeMethod(
+            &pack, "downloads", Q_RETURN_ARG(QList<AbstractDownloadsPack::DownloadPtr>, all)));
+        QCOMPARE(all, QList<DownloadPtr>({child}));
+        QCOMPARE(pack.download(7), child);
+        QCOMPARE(pack.downloadsIds(), QList<qint64>({7}));
+
+        QCOMPARE(QVariant::fromValue(child).value<QObject*>(), child.get());
+        // The iterables read the variants in place, so those must outlive them.
+        const QVariant allVariant = QVariant::fromValue(all);
+        const auto list = allVariant.value<QSequentialIterable>();
+        QCOMPARE(list.size(), 1);
+        QCOMPARE(list.at(0).value<DownloadPtr>(), child);
+        const QVariant idsVariant = QVariant::fromValue(pack.downloadsIds());
+        const auto ids = idsVariant.value<QSequentialIterable>();
+        QCOMPARE(ids.at(0).toLongLong(), 7);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAbstractDownloadsPack)
+#include "tst_abstractdownloadspack.moc"
