@@ -1,0 +1,97 @@
+#pragma once
+
+#include "hlsplaylistreader.h"
+#include "recordstore.h"
+
+#include <terncl/core/abstracterror.h>
+
+#include <QElapsedTimer>
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QSharedPointer>
+#include <QThread>
+#include <QTimer>
+#include <QUrl>
+
+#include <optional>
+
+class AbstractDownload;
+class AbstractDownloadsSpeedMeter;
+class HostDownloadsFactory;
+class QtFfmpegAvMerger;
+class QtFfmpegManager;
+class QTextStream;
+
+// One run of tern-get: finds out what the URL is (a file or an HLS playlist), restores a saved
+// record for the same URL and output or starts a new one, runs the download while showing its
+// progress, keeps the record saved, and ends with an exit code. Main thread.
+class TernGetJob : public QObject {
+    Q_OBJECT
+
+public:
+    struct Options {
+        QUrl url;
+        QString output; // empty: named after the resource
+        qint64 limitRate = 0;
+        QString stateDir;
+        int retries = 5;
+        bool progressBar = false; // a single redrawn line instead of periodic lines
+    };
+
+    explicit TernGetJob(Options options, QObject* parent = nullptr);
+    ~TernGetJob() override;
+
+    void start();
+    // Stops the download, saves its record and finishes with exit code 130.
+    void interrupt();
+
+Q_SIGNALS:
+    void finished(int exitCode);
+
+private:
+    enum class Kind { File, Hls };
+
+    void probe(const QUrl& url, int depth);
+    void onProbeAnswer(QNetworkReply* reply, int depth);
+    void startFile(const QString& contentName);
+    void startHls(const HlsPlaylistReader::Playlist& playlist, const QUrl& playlistUrl);
+    void resumeSaved(const RecordStore::Entry& entry);
+    void launch(const QSharedPointer<AbstractDownload>& download);
+    void onRunning(bool running);
+    void onChanged(bool critical);
+    void onSegmentFinished();
+    void completeFile();
+    void save();
+    void showProgress(bool final);
+    void fail(const AbstractError& error);
+    void fail(const QString& text);
+    void finish(int exitCode);
+
+    QString outputPath(const QString& suggestedName) const;
+    QString key() const;
+    QString resultPath() const;
+
+    Options m_options;
+    RecordStore m_store;
+    QNetworkAccessManager m_network;
+    QThread m_writers;
+    QSharedPointer<HostDownloadsFactory> m_factory;
+    QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter;
+    QSharedPointer<QtFfmpegManager> m_ffmpeg;
+    QSharedPointer<QtFfmpegAvMerger> m_merger;
+    QSharedPointer<AbstractDownload> m_download;
+
+    std::optional<AbstractDownloadPersistentInfo> m_savedRecord;
+    Kind m_kind = Kind::File;
+    QString m_output;
+    QUrl m_playlistUrl;
+    int m_segmentsTotal = 0;
+    int m_segmentsDone = 0;
+    bool m_interrupted = false;
+    bool m_finished = false;
+    QTimer m_progressTimer;
+    QTimer m_saveTimer;
+    QElapsedTimer m_clock;
+    qint64 m_startBytes = 0;
+    QTextStream* m_err;
+};
