@@ -2,5 +2,7 @@
 terncl_add_sources(
   HEADERS
     terncl/inet/qt/download/abstractdownloadsourceinfo.h
+    terncl/inet/qt/download/abstractdownloadfileops.h
   SOURCES
-    terncl/inet/qt/download/abstractdownloadsourceinfo.cpp)
+    terncl/inet/qt/download/abstractdownloadsourceinfo.cpp
+    terncl/inet/qt/download/abstractdownloadfileops.cpp)
