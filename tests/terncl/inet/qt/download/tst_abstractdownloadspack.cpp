@@ -97,19 +97,14 @@ private Q_SLOTS:
         const auto third = ReportingPtr::create(30);
         const auto first = ReportingPtr::create(10);
         const auto second = ReportingPtr::create(20);
-        SignalRecorder starts;
-        starts.record<AbstractNetworkConsumerWithExtraTasks>(
-            third.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("30"));
-        starts.record<AbstractNetworkConsumerWithExtraTasks>(
-            first.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("10"));
-        starts.record<AbstractNetworkConsumerWithExtraTasks>(
-            second.get(), &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("20"));
+        QList<qint64> started;
+        for (const auto& child : {third, first, second})
+            connect(child.get(), &AbstractDownload::running, this,
+                    [&started, id = child->id()] { started.append(id); });
         pack.addDownloads({third, first, second});
 
         pack.doCommand(AbstractDownloadCommand::Start);
-        QCOMPARE(starts.events(),
-                 QStringList({QStringLiteral("10(true)"), QStringLiteral("20(true)"),
-                              QStringLiteral("30(true)")}));
+        QCOMPARE(started, QList<qint64>({10, 20, 30}));
         QVERIFY(pack.isRunning());
 
         // Every child is asked even after one took the thread.
@@ -151,12 +146,6 @@ private Q_SLOTS:
         QVERIFY(!pack.isStopping());
         merging->doCommand(AbstractDownloadCommand::Stop);
         QVERIFY(pack.isStopping());
-
-        downloading->completeStop();
-        merging->completeStop();
-        QVERIFY(!pack.isStopping());
-        QVERIFY(!pack.isQueryingInfo());
-        QCOMPARE(pack.currentTasks(), quint64(0));
     }
 
     void childrenSignalsComeOutOfThePack() {
@@ -166,10 +155,9 @@ private Q_SLOTS:
         recorder.record<Pack>(&pack, &Pack::beforeDownloadsRemoved, QStringLiteral("before"));
         recorder.record<Pack>(&pack, &Pack::downloadsRemoved, QStringLiteral("removed"));
         recorder.record<Pack>(&pack, &Pack::downloadRunning, QStringLiteral("downloadRunning"));
-        recorder.record<AbstractNetworkConsumerWithExtraTasks>(
-            &pack, &AbstractNetworkConsumerWithExtraTasks::running, QStringLiteral("running"));
-        recorder.record<AbstractDownload>(&pack, &AbstractDownload::changed,
-                                          QStringLiteral("changed"));
+        using Consumer = AbstractNetworkConsumerWithExtraTasks;
+        recorder.record<Consumer>(&pack, &Consumer::running, QStringLiteral("running"));
+        recorder.record<AbstractDownload>(&pack, &Pack::changed, QStringLiteral("changed"));
         const auto a = ReportingPtr::create(1);
         const auto b = ReportingPtr::create(2);
         const auto c = ReportingPtr::create(3);
@@ -214,8 +202,6 @@ private Q_SLOTS:
         QVERIFY(QMetaObject::invokeMethod(
             &pack, "downloads", Q_RETURN_ARG(QList<AbstractDownloadsPack::DownloadPtr>, all)));
         QCOMPARE(all, QList<DownloadPtr>({child}));
-        QCOMPARE(pack.download(7), child);
-        QCOMPARE(pack.downloadsIds(), QList<qint64>({7}));
 
         QCOMPARE(QVariant::fromValue(child).value<QObject*>(), child.get());
         // The iterables read the variants in place, so those must outlive them.

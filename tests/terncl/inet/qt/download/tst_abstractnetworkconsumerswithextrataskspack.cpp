@@ -121,33 +121,6 @@ private Q_SLOTS:
         QVERIFY(!pack.isRunning());
     }
 
-    void networkWorkIsDoneByTheInnerPack() {
-        Pack pack;
-        const FakePtr first = runningItem(1);
-        const FakePtr second = runningItem(2);
-        first->setConnections({QStringLiteral("h"), 443}, 1);
-        first->setSpeed(NetworkTrafficDirection::Download, 700);
-        second->setConnections({QStringLiteral("h"), 443}, 2);
-        second->setSpeed(NetworkTrafficDirection::Download, 300);
-        int deltas = 0;
-        connect(&pack, &AbstractNetworkConsumer::connectionsMapChangedDelta, this,
-                [&deltas] { ++deltas; });
-        pack.addItems({first, second});
-
-        QCOMPARE(deltas, 2);
-        QCOMPARE(pack.connectionsMap().value({QStringLiteral("h"), 443}).count, 3);
-        QCOMPARE(pack.speed(NetworkTrafficDirection::Download, false), 1000);
-        pack.setNetworkUsageSettings({1000, 0, 0, 0, false});
-        QCOMPARE(first->networkUsageSettings().downloadSpeedLimit, 500);
-        QCOMPARE(pack.networkUsageSettings().downloadSpeedLimit, 1000);
-        QCOMPARE(pack.item(2), Base::ItemPtr(second));
-        QCOMPARE(pack.items(), QList<Base::ItemPtr>({first, second}));
-
-        connect(&pack, &AbstractNetworkConsumer::sslAcceptUnknownHostRequired, this,
-                [](const QtSslHost&, bool* accept) { *accept = true; });
-        QVERIFY(second->askAcceptUnknownHost({}));
-    }
-
     void metaTypesAreRegisteredByName() {
         Pack pack;
         QCOMPARE(QMetaType::fromName("AbstractNetworkConsumersWithExtraTasksPack::ItemPtr"),
