@@ -104,8 +104,8 @@ QList<AbstractDownloadsPack::DownloadPtr> AbstractDownloadsPack::downloads() con
     const auto items = m_items.items();
     result.reserve(items.size());
     for (const auto& item : items) {
-        if (asDownload(item))
-            result.append(qSharedPointerObjectCast<AbstractDownload>(item));
+        if (auto download = qSharedPointerObjectCast<AbstractDownload>(item))
+            result.append(std::move(download));
     }
     return result;
 }

@@ -16,11 +16,6 @@ void registerWithExtraTasksPackMetaTypes() {
     Q_UNUSED(registered);
 }
 
-AbstractNetworkConsumerWithExtraTasks*
-withExtraTasks(const AbstractNetworkConsumersPack::ItemPtr& item) {
-    return qobject_cast<AbstractNetworkConsumerWithExtraTasks*>(item.get());
-}
-
 } // namespace
 
 Q_COREAPP_STARTUP_FUNCTION(registerWithExtraTasksPackMetaTypes)
@@ -102,9 +97,8 @@ AbstractNetworkConsumersWithExtraTasksPack::items() const {
     const QList<AbstractNetworkConsumersPack::ItemPtr> all = m_pack.items();
     result.reserve(all.size());
     for (const auto& candidate : all) {
-        if (withExtraTasks(candidate))
-            result.append(
-                qSharedPointerObjectCast<AbstractNetworkConsumerWithExtraTasks>(candidate));
+        if (auto item = qSharedPointerObjectCast<AbstractNetworkConsumerWithExtraTasks>(candidate))
+            result.append(std::move(item));
     }
     return result;
 }
