@@ -12,7 +12,7 @@ const QString kRangeSize = QStringLiteral("rangeSize");
 QVariantList headersToList(const QList<std::pair<QByteArray, QByteArray>>& headers) {
     QVariantList list;
     for (const auto& [name, value] : headers)
-        list.append(QVariantList{QString::fromLatin1(name), QString::fromLatin1(value)});
+        list.append(QVariant(QVariantList{QString::fromLatin1(name), QString::fromLatin1(value)}));
     return list;
 }
 

@@ -1,0 +1,198 @@
+#pragma once
+
+#include <terncl/core/abstracterror.h>
+#include <terncl/inet/qt/download/abstractdownload.h>
+#include <terncl/inet/qt/download/abstractdownloadfilesopscompanion.h>
+#include <terncl/inet/qt/download/abstractdownloadsourceinfo.h>
+#include <terncl/ternclshared_export.h>
+
+#include <QDateTime>
+#include <QList>
+#include <QPointer>
+#include <QSharedPointer>
+#include <QWeakPointer>
+
+#include <memory>
+
+class AbstractDownloadsSimpleFactory;
+class AbstractDownloadsSpeedMeter;
+class QtFfmpegAvMerger;
+
+// A download whose resource is a list of independent segments (the fragments of a streaming
+// playlist, byte ranges of one file) fetched one after another, each by a child download of its
+// own, into one target file. It speaks no network protocol: for every segment it asks the
+// factory for a child, starts it and, when the child has finished, adds the child's bytes to the
+// running total ("downloadedSegmentsTotalBytes") and goes on with the next segment. After the
+// last one it cuts the file to the total, remuxes it when asked to (self-merge), runs the
+// standard files operation (moving the file from its temporary path to its destination name)
+// and marks the record finished. The half-done segment survives a restart: its source and file
+// record are kept in custom data ("currentSegmentSource", "currentSegmentFile",
+// "currentSegmentDownloadHasResumeSupport") and the same child is recreated from them. The
+// application supplies the segments with setSegmentsSources; after a restart of the program it
+// supplies those not yet fetched, starting with the one stored under "currentSegmentSource".
+// Lives on the main thread.
+//
+// What a child is given, and must do (the contract of the factory's downloads):
+// - The child's record has resourceUrl = the segment source's URL, and its custom data holds the
+//   whole source under "segmentSource" (AbstractDownloadSourceInfo::toVariantHash(): request
+//   headers and byte range). Its flags carry the parent's Private and SizeQueryOnly bits and
+//   always PartOfParentDownload; its originators name the parent.
+// - It has exactly one file record: tmpPath = the parent's target file on disk (the parent's
+//   file tmpPath if set, else destinationPath + "/" + name), writeOffset = the segments total at
+//   its creation, sections relative to the segment itself (offset 0 is the segment's first
+//   byte). When the parent has no file record yet, the child's has neither name nor tmpPath: the
+//   child names the file and the parent takes its name, and its tmpPath if it set one.
+// - It writes its bytes at writeOffset + section offset + done through a FileDataAsyncWriter on
+//   the writers thread handed to it with setWritersThread, never truncates or preallocates that
+//   file, counts a byte as done only once the writer has flushed it, and reports finished only
+//   after its last byte is on disk. Its file's resumeSupport says whether a half-done segment
+//   can continue where it stopped; if not, it is fetched again from its first byte.
+// - It is not interactive, and it stops on the Stop command with running(false).
+class TERNCL_EXPORT IndependentSegmentsDownloader : public AbstractDownload {
+    Q_OBJECT
+
+public:
+    // Codes of the "GenericError"s this download stops with.
+    enum ErrorCode : int {
+        // The factory is gone, a child stopped unfinished without an error, or the file could
+        // not be cut to the total.
+        GenericFailureCode = 1,
+        // The stored segment source differs from the list, a segment finished with zero bytes,
+        // or there is no file record at the end.
+        InconsistentSegmentsCode = 2,
+        StopCommandCode = 4,
+        ChildCreationFailedCode = 7,
+    };
+
+    // Custom-data keys of the record.
+    static const QString CurrentSegmentSourceKey;    // "currentSegmentSource"
+    static const QString CurrentSegmentFileKey;      // "currentSegmentFile"
+    static const QString CurrentSegmentResumeKey;    // "currentSegmentDownloadHasResumeSupport"
+    static const QString DownloadedSegmentsTotalKey; // "downloadedSegmentsTotalBytes"
+    // Custom-data key of a child's record that holds its segment's source.
+    static const QString SegmentSourceKey; // "segmentSource"
+
+    IndependentSegmentsDownloader(qint64 id, QWeakPointer<AbstractDownloadsSimpleFactory> factory,
+                                  QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter,
+                                  const QWeakPointer<QtFfmpegAvMerger>& avMerger,
+                                  QObject* parent = nullptr);
+    // A running child is stopped and released; nothing is left behind once the event loop has
+    // turned (the child and the file operations object are deleted later).
+    ~IndependentSegmentsDownloader() override;
+
+    // Ignored while running. Replaces the list, resets the segment index to 0 and releases the
+    // current child. mergeRequired: remux the file into "mp4" after the last segment.
+    void setSegmentsSources(const QList<AbstractDownloadSourceInfo>& sources, bool sourcesComplete,
+                            bool mergeRequired);
+    QList<AbstractDownloadSourceInfo> segmentsSources() const { return m_sources; }
+    bool sourcesComplete() const { return m_sourcesComplete; }
+    // Index of the segment being fetched: the number of segments of the list already done.
+    int currentSegmentIndex() const { return m_currentIndex; }
+    QSharedPointer<AbstractDownload> currentSegmentDownload() const { return m_segment; }
+    const AbstractDownloadFilesOpsCompanion& filesOpsCompanion() const { return *m_companion; }
+
+    // Network consumer.
+    void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override;
+    AbstractNetworkConsumerSettings networkSettings() const override;
+    void setNetworkUsageSettings(const NetworkUsageSettings& settings) override;
+    NetworkUsageSettings networkUsageSettings() const override;
+    const QtConnectionsMap& connectionsMap() const override;
+    qint64 speed(NetworkTrafficDirection direction, bool currentOnly) const override;
+    AbstractError lastError() const override;
+    QList<QSslError> lastSslErrors() const override;
+    QtSslHost lastUnknownSslHost() const override;
+    QDateTime lastErrorTime() const override;
+    void clearLastError() override;
+    bool isRunning() const override;
+
+    // Download.
+    const AbstractDownloadPersistentInfo& info() const override;
+    // Refused (false) while running.
+    bool setInfo(const AbstractDownloadPersistentInfo& info) override;
+    bool updateInfoFields(const AbstractDownloadPersistentInfo& info, qint64 fields,
+                          BitFlagsUpdateMode mode) override;
+    QSet<AbstractDownloadDestinationType> supportedDestinations() const override;
+    bool setWritersThread(QThread* thread) override;
+    void setSettings(const AbstractDownloadSettings& settings) override;
+    const AbstractDownloadSettings& settings() const override;
+    quint64 currentTasks() const override;
+    // Running only: task Merging (current, total seconds) during a self-merge, otherwise task
+    // Downloading (done bytes, file size).
+    AbstractDownloadTasksProgress tasksProgress() const override;
+    bool isQueryingInfo() const override;
+    bool isStopping() const override;
+    bool isFinalizing() const override;
+
+public Q_SLOTS:
+    // Start begins or resumes; Stop stops with "GenericError" code 4; others are ignored.
+    void doCommand(AbstractDownloadCommand command) override;
+    void fileExistsAction(int fileIndex, AbstractDownloadFileExistsAction action) override;
+
+Q_SIGNALS:
+    void segmentFinished();
+
+protected:
+    AbstractDownloadPersistentInfo& rwInfo() override;
+
+private Q_SLOTS:
+    void onFileOperationFinished(AbstractDownloadFilesOpsCompanion::OperationType type,
+                                 const AbstractError& error);
+    void onSegmentDownloadChanged(bool criticalChange);
+    void onSegmentDownloadRunning(bool isRunning);
+
+private:
+    enum StateFlag : quint32 {
+        Running = 0x1,
+        Stopping = 0x2,
+        Finalizing = 0x10,
+    };
+
+    void start();
+    void stop(const AbstractError& error);
+    void continueToStart();
+    void continueToStop();
+    void continueToDownloadSegments();
+    bool checkNeedStandardFileOp();
+    bool hasPendingFilesWork() const;
+    void finishFilesWork();
+    AbstractError createNextSegmentDownload();
+    AbstractDownloadPersistentInfo makeSegmentInfo(const AbstractDownloadSourceInfo& source,
+                                                   bool resume) const;
+    void connectSegmentDownload(AbstractDownload* download);
+    void releaseCurrentSegmentDownload();
+    void onCurrentSegmentStopped();
+    bool attachCurrentSegmentFileStats(bool withCurrent);
+    void removeCurrentSegmentDownloadInfo(bool emitChanged);
+    void finalizeDownload();
+    AbstractError cutTargetFile(qint64 size) const;
+    bool canSelfMerge() const;
+    bool mergeIfRequired();
+    void onPostDownloadJobFinished();
+    void setRunning(bool running);
+    bool testState(StateFlag flag) const { return (m_state & flag) != 0; }
+    void setState(StateFlag flag, bool on);
+    qint64 segmentsTotal() const;
+    bool allSegmentsDone() const;
+    QString targetFilePath() const;
+    void log(const QString& text) const;
+
+    AbstractDownloadPersistentInfo m_info;
+    AbstractDownloadSettings m_settings;
+    AbstractNetworkConsumerSettings m_networkSettings;
+    NetworkUsageSettings m_usageSettings;
+    quint32 m_state = 0;
+    AbstractError m_lastError;
+    QDateTime m_lastErrorTime;
+    AbstractError m_pendingError;
+    QDateTime m_pendingErrorTime;
+    QWeakPointer<AbstractDownloadsSimpleFactory> m_factory;
+    QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter;
+    // Declared after the record and the settings, which it works on: destroyed before them.
+    std::unique_ptr<AbstractDownloadFilesOpsCompanion> m_companion;
+    QSharedPointer<AbstractDownload> m_segment;
+    QPointer<QThread> m_writersThread;
+    QList<AbstractDownloadSourceInfo> m_sources;
+    bool m_sourcesComplete = false;
+    bool m_mergeRequired = false;
+    int m_currentIndex = 0;
+};

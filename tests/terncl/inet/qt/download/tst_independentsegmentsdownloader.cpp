@@ -1,0 +1,501 @@
+#include <terncl/core/qtqobjectstracker.h>
+#include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
+#include <terncl/inet/qt/download/independentsegmentsdownloader.h>
+#include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
+
+#include "support/fakedownloadsfactory.h"
+#include "support/ffmpegtestmedia.h"
+#include "support/fmp4segments.h"
+#include "support/writingfakedownload.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+
+#include <memory>
+
+namespace {
+using Downloader = IndependentSegmentsDownloader;
+using Plan = WritingFakeDownload::Plan;
+using Reaction = AbstractDownloadExistingFileReaction;
+using Action = AbstractDownloadFileExistsAction;
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+bool writeFile(const QString& path, const QByteArray& data) {
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+// Bytes that differ from segment to segment and from position to position.
+QByteArray segmentContent(int index, qint64 size) {
+    QByteArray content(size, Qt::Uninitialized);
+    quint32 state = 2654435761u * quint32(index + 1);
+    for (auto& byte : content) {
+        state = state * 1664525u + 1013904223u;
+        byte = char(state >> 24);
+    }
+    return content;
+}
+
+AbstractError errorOf(int code, const char* category) {
+    return AbstractError(code, category, {});
+}
+} // namespace
+
+class TestIndependentSegmentsDownloader : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QThread m_writers;
+    QSharedPointer<QtQObjectsTracker> m_tracker;
+    QSharedPointer<FakeDownloadsFactory> m_factory;
+    QSharedPointer<AbstractDownloadsSpeedMeter> m_meter;
+    QHash<QString, QByteArray> m_contents; // by URL
+    QHash<QString, Plan> m_firstRunPlans;  // by URL: the plan of the next child only
+    QByteArray m_all;                      // the contents in order
+
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+    QString target() const { return path(QStringLiteral("dst/out.bin")); }
+    QString temporary() const { return path(QStringLiteral("tmp/out.bin.part")); }
+
+    QList<AbstractDownloadSourceInfo> addSegments(const QList<qint64>& sizes) {
+        QList<AbstractDownloadSourceInfo> sources;
+        for (int i = 0; i < sizes.size(); ++i) {
+            AbstractDownloadSourceInfo source;
+            source.url = QUrl(QStringLiteral("http://segments.test/s%1").arg(m_contents.size()));
+            source.requestHeaders = {{"Referer", "http://segments.test/"}};
+            m_contents.insert(source.url.toString(), segmentContent(m_contents.size(), sizes[i]));
+            m_all += m_contents.value(source.url.toString());
+            sources.append(source);
+        }
+        return sources;
+    }
+
+    AbstractDownloadPersistentInfo record(bool withTemporary = true) const {
+        AbstractDownloadPersistentInfo info;
+        info.destinationPath = path(QStringLiteral("dst"));
+        AbstractDownloadFileInfo file;
+        file.name = QStringLiteral("out.bin");
+        if (withTemporary)
+            file.tmpPath = temporary();
+        info.files = {file};
+        return info;
+    }
+
+    std::unique_ptr<Downloader> make(const AbstractDownloadPersistentInfo& info,
+                                     const QList<AbstractDownloadSourceInfo>& sources,
+                                     bool complete = true, bool merge = false,
+                                     const QSharedPointer<QtFfmpegAvMerger>& merger = {}) {
+        auto downloader = std::make_unique<Downloader>(1, m_factory, m_meter, merger);
+        downloader->setWritersThread(&m_writers);
+        downloader->setInfo(info);
+        downloader->setSegmentsSources(sources, complete, merge);
+        return downloader;
+    }
+
+    static void run(Downloader& downloader) {
+        downloader.doCommand(AbstractDownloadCommand::Start);
+        QTRY_VERIFY_WITH_TIMEOUT(!downloader.isRunning(), 20000);
+    }
+
+    QStringList requestedUrls() const {
+        QStringList urls;
+        for (const auto& request : m_factory->requests())
+            urls << request.info.resourceUrl;
+        return urls;
+    }
+
+    qint64 childDone() const {
+        const auto child = m_factory->lastDownload();
+        return child && child->info().hasFiles() ? child->info().files[0].downloadedBytes() : -1;
+    }
+
+private Q_SLOTS:
+    void initTestCase() {
+        m_writers.start();
+        m_tracker = QSharedPointer<QtQObjectsTracker>::create();
+        QtQObjectsTracker::setInstance(m_tracker);
+    }
+    void cleanupTestCase() {
+        m_writers.quit();
+        m_writers.wait();
+    }
+    void init() {
+        QDir(m_dir.path()).removeRecursively();
+        QDir().mkpath(m_dir.path());
+        m_contents.clear();
+        m_firstRunPlans.clear();
+        m_all.clear();
+        m_meter = QSharedPointer<AbstractDownloadsSpeedMeter>::create();
+        m_factory = QSharedPointer<FakeDownloadsFactory>::create();
+        m_factory->setMaker([this](qint64 id, const FakeDownloadsFactory::Request& request) {
+            const QString url = request.info.resourceUrl;
+            Plan plan = m_firstRunPlans.take(url);
+            plan.content = m_contents.value(url);
+            plan.chunkSize = qMin<qint64>(plan.chunkSize, 1000);
+            auto child = QSharedPointer<WritingFakeDownload>::create(id, plan);
+            m_tracker->registerObject(child.data(), "WritingFakeDownload");
+            return child;
+        });
+    }
+    // Whatever a test did, its downloaders and everything they made must be gone.
+    void cleanup() { QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0); }
+
+    void oneSegment() {
+        const auto sources = addSegments({10000});
+        auto info = record();
+        info.setFlag(AbstractDownloadPersistentInfo::Private);
+        auto downloader = make(info, sources);
+        QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
+        run(*downloader);
+
+        QVERIFY(!downloader->lastError().isSet());
+        QVERIFY(downloader->info().isFinished());
+        const auto& file = downloader->info().files[0];
+        QCOMPARE(file.size, 10000);
+        QCOMPARE(file.sections, (QList<AbstractDownloadFileSection>{{0, 10000, 10000}}));
+        QVERIFY(file.tmpPath.isEmpty());
+        QCOMPARE(readFile(target()), m_all);
+        QVERIFY(!QFile::exists(temporary()));
+        QCOMPARE(segmentFinished.size(), 1);
+        for (const auto& key :
+             {Downloader::CurrentSegmentSourceKey, Downloader::CurrentSegmentFileKey,
+              Downloader::CurrentSegmentResumeKey, Downloader::DownloadedSegmentsTotalKey})
+            QVERIFY(!downloader->info().customData.contains(key));
+
+        // What the child was told.
+        QCOMPARE(m_factory->requests().size(), 1);
+        const auto child = m_factory->requests().first().info;
+        QCOMPARE(child.resourceUrl, sources[0].url.toString());
+        QVERIFY(AbstractDownloadSourceInfo::fromVariantHash(
+                    child.customData.value(Downloader::SegmentSourceKey).toHash()) == sources[0]);
+        QCOMPARE(child.files.size(), 1);
+        QCOMPARE(child.files[0].tmpPath, temporary());
+        QCOMPARE(child.files[0].writeOffset, 0);
+        QCOMPARE(child.flags, quint64(AbstractDownloadPersistentInfo::Private |
+                                      AbstractDownloadPersistentInfo::PartOfParentDownload));
+        QCOMPARE(child.originators,
+                 QList<QString>{QStringLiteral("IndependentSegmentsDownloader #1")});
+        QVERIFY(!m_factory->lastDownload()); // released once done
+    }
+
+    // Written at the final name into a file preallocated beyond the data: the result is the
+    // segments back to back, cut to their total; progress never goes back nor past the total.
+    void manySegmentsByteExactAndCut() {
+        const QList<qint64> sizes{5000, 1, 4096, 12345, 777};
+        const auto sources = addSegments(sizes);
+        QVERIFY(writeFile(target(), QByteArray(1 << 20, 'P')));
+        auto downloader = make(record(false), sources);
+        qint64 lastDone = 0;
+        bool regressed = false;
+        connect(downloader.get(), &AbstractDownload::changed, this, [&] {
+            const auto& file = downloader->info().files[0];
+            regressed = regressed || file.downloadedBytes() < lastDone ||
+                        (file.size >= 0 && file.downloadedBytes() > file.size);
+            lastDone = file.downloadedBytes();
+        });
+        run(*downloader);
+
+        QVERIFY(!downloader->lastError().isSet());
+        QVERIFY(!regressed);
+        QCOMPARE(readFile(target()), m_all);
+        QCOMPARE(downloader->info().files[0].size, m_all.size());
+        QCOMPARE(requestedUrls().size(), sizes.size());
+        qint64 offset = 0;
+        for (int i = 0; i < sizes.size(); ++i) {
+            QCOMPARE(m_factory->requests()[i].info.files[0].writeOffset, offset);
+            QCOMPARE(m_factory->requests()[i].info.files[0].tmpPath, target());
+            offset += sizes[i];
+        }
+    }
+
+    void stopInASegmentThenRestart_data() {
+        QTest::addColumn<bool>("restoredRecord");
+        QTest::addColumn<bool>("resumeSupported");
+        QTest::newRow("same downloader") << false << true;
+        QTest::newRow("restored record") << true << true;
+        QTest::newRow("restored record, no resume support") << true << false;
+    }
+    void stopInASegmentThenRestart() {
+        QFETCH(bool, restoredRecord);
+        QFETCH(bool, resumeSupported);
+        const auto sources = addSegments({3000, 3000, 8000, 3000});
+        Plan firstRun;
+        firstRun.outcomeAfter = 4000;
+        firstRun.outcome = FakeDownload::Outcome::KeepRunning;
+        firstRun.resumeSupported = resumeSupported;
+        m_firstRunPlans.insert(sources[2].url.toString(), firstRun);
+        auto downloader = make(record(), sources);
+        downloader->doCommand(AbstractDownloadCommand::Start);
+        QTRY_COMPARE(childDone(), 4000);
+        QCOMPARE(downloader->currentSegmentIndex(), 2);
+        QCOMPARE(downloader->currentTasks(), quint64(AbstractDownloadTask::Downloading));
+        QCOMPARE(downloader->tasksProgress().value(AbstractDownloadTask::Downloading),
+                 std::make_pair(qint64(10000), qint64(-1)));
+        downloader->setSegmentsSources({}, true, false); // ignored while running
+        QCOMPARE(downloader->segmentsSources().size(), 4);
+
+        downloader->doCommand(AbstractDownloadCommand::Stop);
+        QTRY_VERIFY(!downloader->isRunning());
+        QCOMPARE(downloader->lastError().code, int(Downloader::StopCommandCode));
+        QVERIFY(downloader->tasksProgress().isEmpty());
+        const auto& stored = downloader->info().customData;
+        QCOMPARE(stored.value(Downloader::CurrentSegmentSourceKey).toHash(),
+                 sources[2].toVariantHash());
+        QCOMPARE(stored.value(Downloader::CurrentSegmentResumeKey).toBool(), resumeSupported);
+        QCOMPARE(stored.value(Downloader::DownloadedSegmentsTotalKey).toLongLong(), 6000);
+        QCOMPARE(downloader->info().files[0].sections,
+                 (QList<AbstractDownloadFileSection>{{0, -1, 10000}}));
+
+        if (restoredRecord) {
+            const auto saved =
+                AbstractDownloadPersistentInfo::fromJson(downloader->info().toJson());
+            downloader = make(saved, sources.mid(2));
+        }
+        run(*downloader);
+        QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
+        QCOMPARE(requestedUrls(), (QStringList{sources[0].url.toString(), sources[1].url.toString(),
+                                               sources[2].url.toString(), sources[2].url.toString(),
+                                               sources[3].url.toString()}));
+        const auto resumed = m_factory->requests()[3].info.files[0];
+        QCOMPARE(resumed.writeOffset, 6000);
+        QCOMPARE(resumed.downloadedBytes(), resumeSupported ? 4000 : 0);
+        QCOMPARE(readFile(target()), m_all);
+    }
+
+    // A list that is not complete pauses when done; more segments continue the same file.
+    void pausesAtTheEndOfAnIncompleteList() {
+        const auto first = addSegments({700, 800});
+        auto downloader = make(record(), first, false);
+        QSignalSpy running(downloader.get(), &AbstractNetworkConsumerWithExtraTasks::running);
+        run(*downloader);
+        QCOMPARE(running.size(), 2);
+        QVERIFY(!downloader->lastError().isSet());
+        QVERIFY(!downloader->info().isFinished());
+        QVERIFY(downloader->segmentsSources().isEmpty());
+        QCOMPARE(downloader->info().files[0].sections,
+                 (QList<AbstractDownloadFileSection>{{0, -1, 1500}}));
+
+        downloader->setSegmentsSources(addSegments({900}), true, false);
+        run(*downloader);
+        QVERIFY(downloader->info().isFinished());
+        QCOMPARE(readFile(target()), m_all);
+
+        // An empty incomplete list pauses at once; an empty complete one finalizes at once.
+        auto empty = make(record(), {}, false);
+        run(*empty);
+        QVERIFY(!empty->lastError().isSet());
+        QVERIFY(!empty->info().isFinished());
+        auto emptyComplete = make(record(), {}, true);
+        run(*emptyComplete);
+        QVERIFY(!emptyComplete->lastError().isSet());
+        QVERIFY(emptyComplete->info().isFinished());
+        QCOMPARE(readFile(path(QStringLiteral("dst/out (1).bin"))), QByteArray());
+        QCOMPARE(m_factory->requests().size(), 3);
+    }
+
+    void stopsWithTheExactError_data() {
+        QTest::addColumn<QString>("failure");
+        QTest::addColumn<AbstractError>("expected");
+        QTest::addColumn<int>("requests");
+        const char* generic = AbstractError::GenericError;
+        QTest::newRow("stored source differs") << "stored" << errorOf(2, generic) << 0;
+        QTest::newRow("zero-byte segment") << "zero" << errorOf(2, generic) << 2;
+        QTest::newRow("child fails") << "fail" << errorOf(404, AbstractError::HttpError) << 2;
+        QTest::newRow("child stops unfinished") << "unfinished" << errorOf(1, generic) << 2;
+        QTest::newRow("factory fails") << "factory" << errorOf(7, generic) << 1;
+        QTest::newRow("factory gone") << "gone" << errorOf(1, generic) << 0;
+        QTest::newRow("no file at the end") << "nofile" << errorOf(2, generic) << 0;
+    }
+    void stopsWithTheExactError() {
+        QFETCH(QString, failure);
+        QFETCH(AbstractError, expected);
+        QFETCH(int, requests);
+        auto sources = addSegments({100, failure == QLatin1String("zero") ? 0 : 100, 100});
+        auto info = record();
+        Plan plan;
+        plan.outcomeAfter = 50;
+        plan.outcome = failure == QLatin1String("fail") ? FakeDownload::Outcome::Fail
+                                                        : FakeDownload::Outcome::StopUnfinished;
+        plan.error = errorOf(404, AbstractError::HttpError);
+        if (failure == QLatin1String("fail") || failure == QLatin1String("unfinished"))
+            m_firstRunPlans.insert(sources[1].url.toString(), plan);
+        if (failure == QLatin1String("stored")) {
+            info.customData.insert(Downloader::CurrentSegmentSourceKey, sources[1].toVariantHash());
+            info.customData.insert(Downloader::CurrentSegmentFileKey,
+                                   info.files[0].toVariantHash());
+        }
+        if (failure == QLatin1String("factory"))
+            m_factory->setFailure(errorOf(3, AbstractError::GenericError));
+        if (failure == QLatin1String("nofile")) {
+            info.files.clear();
+            sources.clear();
+        }
+        auto downloader = make(info, sources);
+        if (failure == QLatin1String("gone"))
+            m_factory.reset();
+        run(*downloader);
+
+        QCOMPARE(downloader->lastError().code, expected.code);
+        QCOMPARE(downloader->lastError().category, expected.category);
+        QVERIFY(!downloader->info().isFinished());
+        if (m_factory)
+            QCOMPARE(m_factory->requests().size(), requests);
+        if (failure == QLatin1String("zero"))
+            QCOMPARE(downloader->currentSegmentIndex(), 2);
+        // A failed segment is kept for the next start.
+        if (failure == QLatin1String("fail") || failure == QLatin1String("stored"))
+            QCOMPARE(
+                downloader->info().customData.value(Downloader::CurrentSegmentSourceKey).toHash(),
+                sources[1].toVariantHash());
+    }
+
+    void existingTarget_data() {
+        QTest::addColumn<Reaction>("reaction");
+        QTest::addColumn<bool>("interactive");
+        QTest::addColumn<QList<Action>>("answers");
+        QTest::addColumn<QString>("resultName");
+        QTest::newRow("rename") << Reaction::RenameToUniqueName << false << QList<Action>()
+                                << QStringLiteral("out (1).bin");
+        QTest::newRow("overwrite")
+            << Reaction::Overwrite << false << QList<Action>() << QStringLiteral("out.bin");
+        QTest::newRow("ask, not interactive")
+            << Reaction::Ask << false << QList<Action>() << QStringLiteral("out (1).bin");
+        QTest::newRow("ask, overwrite") << Reaction::Ask << true << QList<Action>{Action::Overwrite}
+                                        << QStringLiteral("out.bin");
+        QTest::newRow("ask, abort, then rename")
+            << Reaction::Ask << true << QList<Action>{Action::Abort, Action::Rename}
+            << QStringLiteral("out (1).bin");
+    }
+    void existingTarget() {
+        QFETCH(Reaction, reaction);
+        QFETCH(bool, interactive);
+        QFETCH(QList<Action>, answers);
+        QFETCH(QString, resultName);
+        const qsizetype answerCount = answers.size();
+        const auto sources = addSegments({2000, 3000});
+        QVERIFY(writeFile(target(), "old"));
+        auto downloader = make(record(), sources);
+        AbstractDownloadSettings settings;
+        settings.existingFileReaction = reaction;
+        downloader->setSettings(settings);
+        downloader->setInteractive(interactive);
+        QSignalSpy applied(downloader.get(), &AbstractDownload::fileExistsActionApplied);
+        connect(downloader.get(), &AbstractDownload::fileExistsActionRequired, this,
+                [&](int fileIndex, const QList<QString>& files) {
+                    QCOMPARE(files, QList<QString>{target()});
+                    downloader->fileExistsAction(fileIndex, answers.takeFirst());
+                });
+        run(*downloader);
+        if (answers.size() == 1) { // aborted: the data is complete and kept aside
+            QCOMPARE(downloader->lastError().code, AbstractDownloadFileOps::AbortedErrorCode);
+            QCOMPARE(readFile(temporary()), m_all);
+            run(*downloader);
+        }
+        QVERIFY(answers.isEmpty());
+        QCOMPARE(applied.size(), answerCount);
+        QVERIFY(!downloader->lastError().isSet());
+        QVERIFY(downloader->info().isFinished());
+        QCOMPARE(downloader->info().files[0].name, resultName);
+        QCOMPARE(readFile(path(QStringLiteral("dst/") + resultName)), m_all);
+        if (resultName != QLatin1String("out.bin"))
+            QCOMPARE(readFile(target()), QByteArray("old"));
+        QCOMPARE(m_factory->requests().size(), 2); // a finished record never fetches again
+    }
+
+    // Fragmented MP4 segments fetched into "video.m4s" come out as a playable "video.mp4".
+    void selfMergeOfFragmentedMp4() {
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
+            QSKIP("ffmpeg and ffprobe are not installed");
+        QStringList files;
+        QString error;
+        QVERIFY(QDir().mkpath(path(QStringLiteral("hls"))));
+        QVERIFY2(Fmp4Segments::make(path(QStringLiteral("hls")), 3, &files, &error),
+                 qPrintable(error));
+        QList<AbstractDownloadSourceInfo> sources;
+        for (const auto& file : std::as_const(files)) {
+            AbstractDownloadSourceInfo source;
+            source.url = QUrl::fromLocalFile(file);
+            m_contents.insert(source.url.toString(), readFile(file));
+            sources.append(source);
+        }
+        auto manager = QSharedPointer<QtFfmpegManager>::create(
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr);
+        auto merger = QSharedPointer<QtFfmpegAvMerger>::create(manager);
+        auto info = record();
+        info.files[0].name = QStringLiteral("video.m4s");
+        info.files[0].tmpPath = path(QStringLiteral("tmp/video.m4s.part"));
+        auto downloader = make(info, sources, true, true, merger);
+        QSignalSpy filesOps(downloader.get(), &AbstractDownload::performingFilesOperations);
+        run(*downloader);
+
+        QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
+        const auto& file = downloader->info().files[0];
+        QCOMPARE(file.name, QStringLiteral("video.mp4"));
+        QVERIFY(file.tmpPath.isEmpty());
+        const QString result = path(QStringLiteral("dst/video.mp4"));
+        QCOMPARE(file.size, QFileInfo(result).size());
+        QStringList streams;
+        double duration = 0;
+        QVERIFY(FfmpegTestMedia::probe(result, &streams, &duration));
+        QVERIFY(streams.contains(QStringLiteral("video")) &&
+                streams.contains(QStringLiteral("audio")));
+        QVERIFY2(qAbs(duration - 3.0) < 0.5, qPrintable(QString::number(duration)));
+        QCOMPARE(QDir(path(QStringLiteral("tmp"))).entryList(QDir::Files), QStringList());
+        QCOMPARE(filesOps.size(), 4); // the remux, then the move
+    }
+
+    void destroyedInAnyState_data() {
+        QTest::addColumn<QString>("state");
+        QTest::newRow("idle") << "idle";
+        QTest::newRow("fetching") << "fetching";
+        QTest::newRow("stopping") << "stopping";
+        QTest::newRow("asking") << "asking";
+    }
+    void destroyedInAnyState() {
+        QFETCH(QString, state);
+        const auto sources = addSegments({3000, 3000});
+        Plan firstRun;
+        firstRun.outcomeAfter = 1000;
+        firstRun.outcome = FakeDownload::Outcome::KeepRunning;
+        if (state != QLatin1String("asking"))
+            m_firstRunPlans.insert(sources[1].url.toString(), firstRun);
+        QVERIFY(writeFile(target(), "old"));
+        auto downloader = make(record(), sources);
+        AbstractDownloadSettings settings;
+        settings.existingFileReaction = Reaction::Ask;
+        downloader->setSettings(settings);
+        downloader->setInteractive(true);
+        QSignalSpy asked(downloader.get(), &AbstractDownload::fileExistsActionRequired);
+        if (state != QLatin1String("idle"))
+            downloader->doCommand(AbstractDownloadCommand::Start);
+        if (state == QLatin1String("asking")) {
+            QVERIFY(asked.wait(10000));
+        } else if (state != QLatin1String("idle")) {
+            QTRY_COMPARE(childDone(), 1000);
+        }
+        if (state == QLatin1String("stopping")) {
+            m_factory->lastDownload()->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
+            downloader->doCommand(AbstractDownloadCommand::Stop);
+            QVERIFY(downloader->isStopping());
+        }
+        downloader.reset();
+        QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0);
+        QCOMPARE(readFile(target()), QByteArray("old"));
+        if (state == QLatin1String("asking"))
+            QCOMPARE(readFile(temporary()), m_all);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestIndependentSegmentsDownloader)
+#include "tst_independentsegmentsdownloader.moc"
