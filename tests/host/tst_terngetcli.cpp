@@ -1,5 +1,5 @@
 #include "support/faultyhttpserver.h"
-#include "support/mediamaker.h"
+#include "support/ffmpegtestmedia.h"
 #include "support/nginxserver.h"
 
 #include <QDir>
@@ -79,13 +79,13 @@ private:
 
 private Q_SLOTS:
     void initTestCase() {
-        if (MediaMaker::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
             QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
         QString error;
         m_stream = m_dir.filePath(QStringLiteral("www/ts"));
-        QVERIFY2(MediaMaker::makeHls(m_stream, 12, 0.5, false, &error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeHls(m_stream, 12, 0.5, false, &error), qPrintable(error));
         m_fmp4Stream = m_dir.filePath(QStringLiteral("www/fmp4"));
-        QVERIFY2(MediaMaker::makeHls(m_fmp4Stream, 4, 1, true, &error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeHls(m_fmp4Stream, 4, 1, true, &error), qPrintable(error));
     }
 
     void cleanup() { QDir(state()).removeRecursively(); }
@@ -99,7 +99,7 @@ private Q_SLOTS:
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QVERIFY(result.out.contains("Saved to"));
         const QStringList segments =
-            MediaMaker::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
+            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
         QVERIFY(segments.size() >= 20);
         QCOMPARE(readFile(output), concatenation(segments));
         QVERIFY(!QFile::exists(output + QStringLiteral(".part")));
@@ -124,7 +124,7 @@ private Q_SLOTS:
         const Run second = run(args(nginx.url(QStringLiteral("/ts/index.m3u8")), output));
         QVERIFY2(second.exitCode == 0, second.err.constData());
         const QStringList segments =
-            MediaMaker::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
+            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
         QCOMPARE(readFile(output), concatenation(segments));
         for (int i = 0; i < doneAtKill; ++i) {
             const QString path = QStringLiteral("/ts/") + QFileInfo(segments.at(i)).fileName();
@@ -151,15 +151,15 @@ private Q_SLOTS:
         QVERIFY(savedSegmentsDone() >= 2);
         const Run second = run(args(nginx.url(QStringLiteral("/ts/index.m3u8")), output));
         QVERIFY2(second.exitCode == 0, second.err.constData());
-        QCOMPARE(readFile(output),
-                 concatenation(MediaMaker::segmentFiles(m_stream + QStringLiteral("/index.m3u8"))));
+        QCOMPARE(readFile(output), concatenation(FfmpegTestMedia::segmentFiles(
+                                       m_stream + QStringLiteral("/index.m3u8"))));
     }
 
     void failuresOfTheServer() {
         FaultyHttpServer server;
         QVERIFY(server.listen());
         const QStringList segments =
-            MediaMaker::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
+            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
         server.setResource(QStringLiteral("/s/index.m3u8"),
                            readFile(m_stream + QStringLiteral("/index.m3u8")));
         for (const auto& segment : segments)
@@ -200,7 +200,7 @@ private Q_SLOTS:
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QStringList streams;
         double duration = 0;
-        QVERIFY(MediaMaker::probe(output, &streams, &duration));
+        QVERIFY(FfmpegTestMedia::probe(output, &streams, &duration));
         QVERIFY(streams.contains(QStringLiteral("video")) &&
                 streams.contains(QStringLiteral("audio")));
         QVERIFY2(duration > 3.5 && duration < 4.5, qPrintable(QString::number(duration)));

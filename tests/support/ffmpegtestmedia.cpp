@@ -1,5 +1,8 @@
 #include "ffmpegtestmedia.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -48,6 +51,67 @@ bool FfmpegTestMedia::makeAudioOnly(const QString& path, int seconds, QString* e
     const QStringList args = lavfiInput(QStringLiteral("sine=frequency=1000"), seconds)
                              << QStringLiteral("-c:a") << QStringLiteral("aac") << path;
     return run(ffmpeg(), args, nullptr, error);
+}
+
+bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segmentSeconds, bool fmp4,
+                              QString* error) {
+    QDir().mkpath(dir);
+    const QString keyframes = QStringLiteral("expr:gte(t,n_forced*%1)").arg(segmentSeconds);
+    QStringList args{QStringLiteral("-hide_banner"),
+                     QStringLiteral("-loglevel"),
+                     QStringLiteral("error"),
+                     QStringLiteral("-y"),
+                     QStringLiteral("-f"),
+                     QStringLiteral("lavfi"),
+                     QStringLiteral("-i"),
+                     QStringLiteral("testsrc2=size=160x120:rate=25"),
+                     QStringLiteral("-f"),
+                     QStringLiteral("lavfi"),
+                     QStringLiteral("-i"),
+                     QStringLiteral("sine=frequency=1000"),
+                     QStringLiteral("-t"),
+                     QString::number(seconds),
+                     QStringLiteral("-c:v"),
+                     QStringLiteral("libx264"),
+                     QStringLiteral("-preset"),
+                     QStringLiteral("ultrafast"),
+                     QStringLiteral("-force_key_frames"),
+                     keyframes,
+                     QStringLiteral("-c:a"),
+                     QStringLiteral("aac"),
+                     QStringLiteral("-f"),
+                     QStringLiteral("hls"),
+                     QStringLiteral("-hls_time"),
+                     QString::number(segmentSeconds),
+                     QStringLiteral("-hls_playlist_type"),
+                     QStringLiteral("vod"),
+                     QStringLiteral("-hls_list_size"),
+                     QStringLiteral("0")};
+    if (fmp4)
+        args << QStringLiteral("-hls_segment_type") << QStringLiteral("fmp4")
+             << QStringLiteral("-hls_fmp4_init_filename") << QStringLiteral("init.mp4");
+    args << QStringLiteral("-hls_segment_filename")
+         << QDir(dir).filePath(fmp4 ? QStringLiteral("seg_%04d.m4s")
+                                    : QStringLiteral("seg_%04d.ts"))
+         << QDir(dir).filePath(QStringLiteral("index.m3u8"));
+    return run(ffmpeg(), args, nullptr, error);
+}
+
+QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
+    QStringList files;
+    QFile file(playlistPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return files;
+    const QDir dir = QFileInfo(playlistPath).dir();
+    for (const QByteArray& raw : file.readAll().split('\n')) {
+        const QString line = QString::fromUtf8(raw).trimmed();
+        if (line.startsWith(QStringLiteral("#EXT-X-MAP:URI=\""))) {
+            files.append(dir.filePath(line.section(u'"', 1, 1)));
+        } else if (!line.isEmpty() && !line.startsWith(u'#')) {
+            files.append(dir.filePath(line));
+        }
+    }
+    return files;
 }
 
 bool FfmpegTestMedia::probe(const QString& file, QStringList* streams, double* duration) {

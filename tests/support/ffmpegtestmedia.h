@@ -3,7 +3,7 @@
 #include <QString>
 #include <QStringList>
 
-// Short single-stream media made with ffmpeg's synthetic sources, and ffprobe's view of a file.
+// Short media made with ffmpeg's synthetic sources, and ffprobe's view of a file.
 // Each file takes well under a second to make.
 class FfmpegTestMedia {
 public:
@@ -14,6 +14,12 @@ public:
     static bool makeVideoOnly(const QString& path, int seconds, QString* error);
     // An M4A file with one AAC audio stream.
     static bool makeAudioOnly(const QString& path, int seconds, QString* error);
+    // An HLS stream "index.m3u8" with video and audio in segments of segmentSeconds in dir:
+    // MPEG-TS, or fragmented MP4 with an init segment "init.mp4".
+    static bool makeHls(const QString& dir, double seconds, double segmentSeconds, bool fmp4,
+                        QString* error);
+    // The files an HLS playlist names, in download order (the init segment first).
+    static QStringList segmentFiles(const QString& playlistPath);
     // The kinds of the file's streams ("video", "audio") and its duration in seconds.
     static bool probe(const QString& file, QStringList* streams, double* duration);
 };

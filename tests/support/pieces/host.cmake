@@ -1,6 +1,6 @@
-# Real servers, a fault-injecting server and test media for the reference host's tests.
+# Real servers and a fault-injecting server for the reference host's tests.
 target_sources(terncl_test_support PRIVATE
   faultyhttpserver.h faultyhttpserver.cpp
   nginxserver.h nginxserver.cpp
-  mediamaker.h mediamaker.cpp)
+)
 target_link_libraries(terncl_test_support PUBLIC Qt6::Network)
