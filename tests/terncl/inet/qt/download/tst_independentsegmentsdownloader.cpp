@@ -273,6 +273,22 @@ private Q_SLOTS:
         QCOMPARE(readFile(target()), m_all);
     }
 
+    // Without a file record the first child names the file; the others write into it.
+    void theFirstChildNamesTheFile() {
+        const auto sources = addSegments({1500, 2500});
+        AbstractDownloadPersistentInfo info;
+        info.destinationPath = path(QStringLiteral("dst"));
+        auto downloader = make(info, sources);
+        run(*downloader);
+        QVERIFY(!downloader->lastError().isSet());
+        QCOMPARE(downloader->info().files.size(), 1);
+        QCOMPARE(downloader->info().files[0].name, QStringLiteral("segments.bin"));
+        QCOMPARE(m_factory->requests()[0].info.files[0].name, QString());
+        QCOMPARE(m_factory->requests()[1].info.files[0].tmpPath,
+                 path(QStringLiteral("dst/segments.bin")));
+        QCOMPARE(readFile(path(QStringLiteral("dst/segments.bin"))), m_all);
+    }
+
     // A list that is not complete pauses when done; more segments continue the same file.
     void pausesAtTheEndOfAnIncompleteList() {
         const auto first = addSegments({700, 800});
