@@ -268,10 +268,13 @@ private Q_SLOTS:
     }
 
     void sandboxedLaunchesFollowTheFallbackRule() {
-        const QList<QSharedPointer<QtProcessSandboxManager>> sandboxManagers{
-            {},
-            QSharedPointer<QtProcessSandboxManager>::create(QString()),
-            QSharedPointer<QtProcessSandboxManager>::create(QStringLiteral("tern"))};
+        // Built one by one: an initializer list of shared pointers trips a false
+        // maybe-uninitialized warning in optimized builds.
+        QList<QSharedPointer<QtProcessSandboxManager>> sandboxManagers;
+        sandboxManagers.append(nullptr);
+        sandboxManagers.append(QSharedPointer<QtProcessSandboxManager>::create(QString()));
+        sandboxManagers.append(
+            QSharedPointer<QtProcessSandboxManager>::create(QStringLiteral("tern")));
         for (const auto& sandboxManager : sandboxManagers) {
             QtProcessLaunchManager manager(sandboxManager);
             Events events(&manager);
