@@ -65,7 +65,7 @@ public:
     // destination names; otherwise only files not created yet are created. Deselected files
     // with data go to ".unwanted" either way. A file "has data" when it is flagged Created or
     // has downloaded bytes; an empty finished file without data is created at its destination.
-    // Reads the record only, never the disk.
+    // Reads the record only, never the disk; the rules here need nothing from the settings.
     static FileInitializeOperations calcFilesInitOps(const AbstractDownloadSettings& settings,
                                                      const AbstractDownloadPersistentInfo& info,
                                                      bool downloadFinished);
