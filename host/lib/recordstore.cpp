@@ -5,7 +5,8 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
+
+#include <cstdio>
 
 namespace {
 const QString kRecord = QStringLiteral("record");
@@ -28,10 +29,19 @@ bool RecordStore::save(const QString& key, const Entry& entry, QString* error) c
     QJsonObject root;
     root.insert(kRecord, QJsonDocument::fromJson(entry.record.toJson()).object());
     root.insert(kHost, QJsonObject::fromVariantHash(entry.host));
-    QSaveFile file(pathFor(key));
-    if (!file.open(QIODevice::WriteOnly) ||
-        file.write(QJsonDocument(root).toJson(QJsonDocument::Compact)) < 0 || !file.commit()) {
-        *error = QStringLiteral("cannot save %1: %2").arg(file.fileName(), file.errorString());
+    // A temporary file renamed over the old one: rename is atomic, so a reader (or the next run
+    // after a crash) sees the old record or the new one. No fsync: the record must survive the
+    // process, not a power cut, and syncing on every change would cost more than the download.
+    const QString path = pathFor(key);
+    QFile temporary(path + QStringLiteral(".tmp"));
+    const QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
+    const bool written = temporary.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+                         temporary.write(json) == json.size() && temporary.flush();
+    temporary.close();
+    if (!written || std::rename(QFile::encodeName(temporary.fileName()).constData(),
+                                QFile::encodeName(path).constData()) != 0) {
+        *error = QStringLiteral("cannot save %1: %2").arg(path, temporary.errorString());
+        temporary.remove();
         return false;
     }
     return true;

@@ -10,7 +10,7 @@
 // Keeps each download's persistent record as a JSON file in a state folder, next to the host's
 // own notes about it (what it was started with, how far a segment list got). A record is written
 // to a temporary file that then replaces the old one, so a process killed at any moment leaves
-// either the old record or the new one, never a broken file.
+// either the old record or the new one, never a broken file. One writer per key at a time.
 class RecordStore {
 public:
     struct Entry {
