@@ -334,6 +334,7 @@ void TernGetJob::save() {
     if (!m_download || m_finished)
         return;
     m_saveTimer.stop();
+    m_criticalSavePending = false;
     RecordStore::Entry entry;
     entry.record = m_download->info();
     entry.host.insert(kKind, m_kind == Kind::Hls ? QStringLiteral("hls") : QStringLiteral("file"));

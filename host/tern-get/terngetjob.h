@@ -61,6 +61,7 @@ private:
     void onChanged(bool critical);
     void onSegmentFinished();
     void completeFile();
+    void scheduleCriticalSave();
     void save();
     void showProgress(bool final);
     void fail(const AbstractError& error);
@@ -89,6 +90,7 @@ private:
     int m_segmentsDone = 0;
     bool m_interrupted = false;
     bool m_finished = false;
+    bool m_criticalSavePending = false;
     QTimer m_progressTimer;
     QTimer m_saveTimer;
     QElapsedTimer m_clock;

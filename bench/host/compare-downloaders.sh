@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# tern-get against other downloaders on the same stream, served by nginx on loopback:
+# 500 segments of about 200 KiB, wall time of each program (median of RUNS), then speed-limit
+# accuracy of tern-get, curl and aria2c at 2 MiB/s over 20 s.
+#   bench/host/compare-downloaders.sh BUILD-DIR [WORK-DIR] [RUNS]
+# Needs: ffmpeg nginx curl aria2 yt-dlp python3 (apt-get install aria2 yt-dlp).
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+build="$(cd "${1:?build dir}" && pwd)"
+work="${2:-/tmp/terncl-bench}"
+runs="${3:-3}"
+tern_get="$build/host/tern-get"
+mkdir -p "$work"
+cd "$work"
+
+if [ ! -f www/s/index.m3u8 ]; then
+  echo "Making 500 segments of 1 s at a constant 1.6 Mbit/s..."
+  mkdir -p www/s
+  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=640x360:rate=25 \
+    -f lavfi -i sine=frequency=440 -t 500 -c:v libx264 -preset ultrafast \
+    -b:v 1500k -minrate 1500k -maxrate 1500k -bufsize 750k -x264-params nal-hrd=cbr \
+    -force_key_frames 'expr:gte(t,n_forced*1)' -c:a aac -b:a 128k \
+    -f hls -hls_time 1 -hls_playlist_type vod -hls_segment_filename 'www/s/seg_%04d.ts' www/s/index.m3u8
+fi
+segments=$(grep -vc '^#' www/s/index.m3u8)
+bytes=$(cd www/s && grep -v '^#' index.m3u8 | xargs cat | wc -c)
+echo "Stream: $segments segments, $((bytes / 1024 / segments)) KiB on average, $((bytes / 1048576)) MiB"
+
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+mkdir -p logs temp
+cat > nginx.conf <<CONF
+daemon off; master_process off; worker_processes 1; pid $work/nginx.pid; error_log $work/logs/error.log;
+events { worker_connections 64; }
+http { access_log off; sendfile on; keepalive_requests 10000;
+  client_body_temp_path $work/temp/b; proxy_temp_path $work/temp/p; fastcgi_temp_path $work/temp/f;
+  uwsgi_temp_path $work/temp/u; scgi_temp_path $work/temp/s;
+  server { listen 127.0.0.1:$port; root $work/www; location / { } } }
+CONF
+nginx -p "$work" -e "$work/logs/error.log" -c "$work/nginx.conf" &
+nginx_pid=$!
+trap 'kill $nginx_pid 2>/dev/null || true' EXIT
+sleep 0.5
+url="http://127.0.0.1:$port/s/index.m3u8"
+grep -v '^#' www/s/index.m3u8 | sed "s|^|http://127.0.0.1:$port/s/|" > urls.txt
+
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+timeit() { # name command...
+  local name=$1; shift
+  local times=()
+  for _ in $(seq "$runs"); do
+    rm -rf out state && mkdir -p out
+    local start end
+    start=$(date +%s.%N)
+    "$@" > /dev/null 2>&1 || { echo "$name failed" >&2; return 0; }
+    end=$(date +%s.%N)
+    times+=("$(echo "$end - $start" | bc)")
+  done
+  local m
+  m=$(printf '%s\n' "${times[@]}" | median)
+  printf '%-34s %8.3f s\n' "$name" "$m"
+  echo "$name $m" >> results.txt
+}
+rm -f results.txt
+echo
+echo "Wall time, median of $runs runs:"
+timeit "tern-get" "$tern_get" "$url" -o out/s.ts --state-dir state
+timeit "curl (one connection, sequential)" sh -c "curl -s \$(cat urls.txt) > out/s.ts"
+timeit "ffmpeg -c copy" ffmpeg -hide_banner -loglevel error -y -i "$url" -c copy out/s.ts
+if command -v yt-dlp > /dev/null; then
+  timeit "yt-dlp (one fragment at a time)" yt-dlp --no-progress --concurrent-fragments 1 \
+    --hls-prefer-native -o out/s.ts "$url"
+fi
+if command -v aria2c > /dev/null; then
+  timeit "aria2c (one connection)" aria2c -q -i urls.txt -d out -j1 -x1 -s1 --allow-overwrite=true
+fi
+tern=$(awk '/^tern-get /{print $2}' results.txt)
+curl_time=$(awk '/^curl /{print $NF}' results.txt)
+echo "tern-get / curl = $(echo "scale=3; $tern / $curl_time" | bc)"
+
+echo
+echo "Speed limit 2 MiB/s, one-second windows after the first two, 20 s:"
+limit=$((2 * 1048576))
+rm -rf out state && mkdir -p out
+echo "tern-get --limit-rate 2M:"
+python3 "$here/ratewindows.py" 20 $limit out/s.ts.part out/s.ts -- \
+  "$tern_get" "$url" -o out/s.ts --state-dir state --limit-rate 2M
+rm -rf out && mkdir -p out
+echo "curl --limit-rate 2M:"
+python3 "$here/ratewindows.py" 20 $limit out/s.ts -- \
+  sh -c "curl -s --limit-rate 2M \$(cat urls.txt) > out/s.ts"
+if command -v aria2c > /dev/null; then
+  rm -rf out && mkdir -p out
+  echo "aria2c --max-download-limit=2M:"
+  python3 "$here/ratewindows.py" 20 $limit out -- \
+    aria2c -q -i "$work/urls.txt" -d out -j1 -x1 -s1 --max-download-limit=2M
+fi
