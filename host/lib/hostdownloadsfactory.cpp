@@ -40,6 +40,7 @@ HostDownloadsFactory::createModuleDownload(const QString& moduleName,
     HttpDownload::Options options;
     options.maxRetries = m_maxRetries;
     download->setOptions(options);
+    download->setTokenBucket(m_bucket);
     ++m_created;
     return download;
 }

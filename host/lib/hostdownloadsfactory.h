@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tokenbucket.h"
+
 #include <terncl/inet/qt/download/abstractdownloadssimplefactory.h>
 
 #include <QNetworkAccessManager>
@@ -8,7 +10,9 @@
 class QThread;
 
 // Makes the host's downloads. Every record becomes an HttpDownload (the only protocol the host
-// speaks), with a new id, the shared network access manager and the writers thread.
+// speaks), with a new id, the shared network access manager and the writers thread. Its
+// downloads share one speed-limit bucket: the host runs them one after another (the segments of
+// a stream), and the limit must hold across them.
 class HostDownloadsFactory final : public AbstractDownloadsSimpleFactory {
     Q_OBJECT
 
@@ -34,4 +38,5 @@ private:
     qint64 m_nextId = 1;
     int m_maxRetries = 5;
     int m_created = 0;
+    QSharedPointer<TokenBucket> m_bucket = QSharedPointer<TokenBucket>::create();
 };

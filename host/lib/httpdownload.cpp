@@ -15,12 +15,6 @@ namespace {
 constexpr int pumpIntervalMs = 10;
 constexpr qint64 unlimitedReadBuffer = 0;
 
-// Time the bucket may save up: a twentieth of a second keeps every one-second window close to
-// the limit, while a full read buffer never waits more than one pump.
-qint64 bucketCapacity(qint64 rate) {
-    return qMax<qint64>(rate / 20, 4096);
-}
-
 bool isTransientNetworkError(QNetworkReply::NetworkError error) {
     switch (error) {
     case QNetworkReply::RemoteHostClosedError:
@@ -134,8 +128,8 @@ void HttpDownload::setNetworkUsageSettings(const NetworkUsageSettings& settings)
     if (!m_reply)
         return;
     const qint64 rate = settings.downloadSpeedLimit;
-    m_reply->setReadBufferSize(rate > 0 ? bucketCapacity(rate) * 2 : unlimitedReadBuffer);
-    m_tokens = qMin(m_tokens, double(bucketCapacity(rate)));
+    m_bucket->setRate(qMax<qint64>(rate, 0));
+    m_reply->setReadBufferSize(rate > 0 ? m_bucket->capacity() * 2 : unlimitedReadBuffer);
     if (rate > 0 && !m_pumpTimer.isActive())
         m_pumpTimer.start();
     else if (rate <= 0)
@@ -241,9 +235,8 @@ void HttpDownload::sendRequest() {
 
     m_reply = m_network->get(request);
     const qint64 rate = m_usageSettings.downloadSpeedLimit;
-    m_reply->setReadBufferSize(rate > 0 ? bucketCapacity(rate) * 2 : unlimitedReadBuffer);
-    m_tokens = 0;
-    m_tokenClock.start();
+    m_bucket->setRate(qMax<qint64>(rate, 0));
+    m_reply->setReadBufferSize(rate > 0 ? m_bucket->capacity() * 2 : unlimitedReadBuffer);
     connect(m_reply, &QNetworkReply::readyRead, this, &HttpDownload::onReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &HttpDownload::onReplyFinished);
     connect(m_reply, &QNetworkReply::sslErrors, this,
@@ -375,23 +368,13 @@ void HttpDownload::pump() {
         takeBytes(m_reply->bytesAvailable());
         return;
     }
-    refillTokens();
-    takeBytes(qMin<qint64>(qint64(m_tokens), m_reply->bytesAvailable()));
-}
-
-void HttpDownload::refillTokens() {
-    const qint64 rate = m_usageSettings.downloadSpeedLimit;
-    const qint64 elapsedNs = m_tokenClock.nsecsElapsed();
-    m_tokenClock.restart();
-    m_tokens = qMin(double(bucketCapacity(rate)), m_tokens + double(rate) * elapsedNs / 1e9);
+    takeBytes(m_bucket->take(m_reply->bytesAvailable()));
 }
 
 void HttpDownload::takeBytes(qint64 budget) {
     if (!m_reply || budget <= 0)
         return;
     QByteArray data = m_reply->read(budget);
-    if (m_usageSettings.downloadSpeedLimit > 0)
-        m_tokens -= data.size();
     recordSpeed(data.size());
     if (m_skipBytes > 0) {
         const qint64 skipped = qMin<qint64>(m_skipBytes, data.size());
@@ -416,7 +399,7 @@ void HttpDownload::onReplyFinished() {
     if (!m_accepted && m_reply->error() == QNetworkReply::NoError && !acceptResponse())
         return;
     if (m_accepted)
-        takeBytes(m_usageSettings.downloadSpeedLimit > 0 ? qint64(m_tokens)
+        takeBytes(m_usageSettings.downloadSpeedLimit > 0 ? m_bucket->take(m_reply->bytesAvailable())
                                                          : m_reply->bytesAvailable());
     if (!m_reply || m_draining)
         return;

@@ -3,8 +3,11 @@
 #include <terncl/inet/qt/download/abstractdownload.h>
 #include <terncl/inet/qt/download/abstractdownloadsourceinfo.h>
 
+#include "tokenbucket.h"
+
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QSharedPointer>
 #include <QTimer>
 
 #include <deque>
@@ -42,6 +45,9 @@ public:
     ~HttpDownload() override;
 
     void setOptions(const Options& options) { m_options = options; }
+    // Shares the speed limit's bucket with other downloads (the segments of one stream); by
+    // default each download has its own.
+    void setTokenBucket(const QSharedPointer<TokenBucket>& bucket) { m_bucket = bucket; }
 
     void doCommand(AbstractDownloadCommand command) override;
     const AbstractDownloadPersistentInfo& info() const override { return m_info; }
@@ -89,7 +95,6 @@ private:
     void openWriter(bool truncate);
     void pump();
     void takeBytes(qint64 budget);
-    void refillTokens();
     void onDataProcessed(qint64 size);
     void onWriterFailed();
     void endAttempt(Outcome outcome, const AbstractError& error);
@@ -141,8 +146,7 @@ private:
 
     QTimer m_pumpTimer;
     QTimer m_retryTimer;
-    QElapsedTimer m_tokenClock;
-    double m_tokens = 0;
+    QSharedPointer<TokenBucket> m_bucket = QSharedPointer<TokenBucket>::create();
     std::deque<std::pair<qint64, qint64>> m_speedSamples; // (ms since start, bytes)
     QElapsedTimer m_speedClock;
 };
