@@ -30,26 +30,23 @@ private:
 
 private Q_SLOTS:
     void sanitizedFileName() {
-        const struct {
-            const char *name, *replacement, *expected;
-        } cases[] = {
-            {"", "_", ""},
-            {"a:b?c", "_", "a_b_c"},
-            {"a::b", "_", "a_b"},
-            {"a/?<>\\:*|\"\nb", "-", "a-b"},
-            {"a/b|c", "", "abc"},
-            {"COM1", "_", "_"},
-            {"lpt9", "_", "_"},
-            {"Con", "_", "_"},
-            {"com1.txt", "_", "com1.txt"},
-            {"com10", "_", "com10"},
-            {"aux", "_", "aux"},
-            {"name. . .", "_", "name"},
-            {"a. b.c", "_", "a. b.c"},
+        const char* const cases[][2] = {
+            {"", ""},
+            {"a:b?c", "a_b_c"},
+            {"a::b", "a_b"},
+            {"COM1", "_"},
+            {"lpt9", "_"},
+            {"Con", "_"},
+            {"com10", "com10"},
+            {"aux", "aux"},
+            {"com1.txt", "com1.txt"},
+            {"name. . .", "name"},
+            {"a. b.c", "a. b.c"},
         };
         for (const auto& c : cases)
-            QCOMPARE(FileNameRules::sanitizedFileName(s(c.name), true, s(c.replacement)),
-                     s(c.expected));
+            QCOMPARE(FileNameRules::sanitizedFileName(s(c[0]), true, s("_")), s(c[1]));
+        QCOMPARE(FileNameRules::sanitizedFileName(s("a/?<>\\:*|\"\nb"), true, s("-")), s("a-b"));
+        QCOMPARE(FileNameRules::sanitizedFileName(s("a/b|c"), true, QString()), s("abc"));
     }
 
     void longNamesAreCutBeforeTheFirstDot() {
@@ -75,13 +72,11 @@ private Q_SLOTS:
     void fileExtension() {
         const struct {
             const char *name, *expected;
-        } cases[] = {
-            {"x.tar", "tar"},         {"x.y.TAR.GZ", "TAR.GZ"},
-            {"a.b.tar.gz", "tar.gz"}, {"a.b.zip", "zip"},
-            {"README", ""},           {"/dir.d/file", ""},
-            {".tar.gz", "gz"},        {"dir.d/a.tar.xz", "tar.xz"},
-            {"a.tar.gz.sig", "sig"},
-        };
+        } cases[] = {{"x.tar", "tar"},         {"x.y.TAR.GZ", "TAR.GZ"},
+                     {"a.b.tar.gz", "tar.gz"}, {"a.b.zip", "zip"},
+                     {"README", ""},           {"/dir.d/file", ""},
+                     {".tar.gz", "gz"},        {"dir.d/a.tar.xz", "tar.xz"},
+                     {"a.tar.gz.sig", "sig"}};
         for (const auto& c : cases)
             QCOMPARE(FileNameRules::fileExtension(s(c.name)), s(c.expected));
     }
@@ -131,16 +126,14 @@ private Q_SLOTS:
             const char* path;
             bool unwanted;
             const char* expected;
-        } cases[] = {
-            {"Album/cd1/track.mp3", true, "Album/.unwanted/cd1/track.mp3"},
-            {"track.mp3", true, ".unwanted/track.mp3"},
-            {"Album/.unwanted/t.mp3", true, "Album/.unwanted/t.mp3"},
-            {"Album/t.mp3", false, "Album/t.mp3"},
-            {"Album/.unwanted/cd1/track.mp3", false, "Album/cd1/track.mp3"},
-            {".unwanted/track.mp3", false, "track.mp3"},
-            {"a/b/.unwanted/c", false, "a/b/c"},
-            {".Unwanted/t", true, ".Unwanted/.unwanted/t"},
-        };
+        } cases[] = {{"Album/cd1/track.mp3", true, "Album/.unwanted/cd1/track.mp3"},
+                     {"track.mp3", true, ".unwanted/track.mp3"},
+                     {"Album/.unwanted/t.mp3", true, "Album/.unwanted/t.mp3"},
+                     {"Album/t.mp3", false, "Album/t.mp3"},
+                     {"Album/.unwanted/cd1/track.mp3", false, "Album/cd1/track.mp3"},
+                     {".unwanted/track.mp3", false, "track.mp3"},
+                     {"a/b/.unwanted/c", false, "a/b/c"},
+                     {".Unwanted/t", true, ".Unwanted/.unwanted/t"}};
         for (const auto& c : cases)
             QCOMPARE(FileNameRules::unwantedFolderPath(s(c.path), c.unwanted), s(c.expected));
     }

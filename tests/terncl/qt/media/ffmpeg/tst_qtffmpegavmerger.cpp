@@ -8,26 +8,31 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
 namespace {
-// A merger's ends, with what its manager saw of the same launches, in one ordered list.
-class Merges : public QObject {
+QString s(const char* text) {
+    return QString::fromUtf8(text);
+}
+
+// A merger over its own manager running program from folder, with the merger's ends and what
+// the manager saw of the same launches in one ordered list.
+class Merging : public QObject {
 public:
-    Merges(QtFfmpegAvMerger* merger, QtFfmpegManager* manager) {
-        connect(manager, &QtProcessLaunchManager::launching, this,
+    Merging(const QString& folder, const QString& program)
+        : manager(QSharedPointer<QtFfmpegManager>::create(folder, program, nullptr))
+        , merger(manager) {
+        connect(manager.data(), &QtProcessLaunchManager::launching, this,
                 [this](int id) { list << QStringLiteral("launching %1").arg(id); });
-        connect(manager, &QtProcessLaunchManager::dataFromProcess, this,
+        connect(manager.data(), &QtProcessLaunchManager::dataFromProcess, this,
                 [this](int id, const QByteArray& bytes) { output[id] += bytes; });
-        connect(manager, &QtProcessLaunchManager::finished, this,
+        connect(manager.data(), &QtProcessLaunchManager::finished, this,
                 [this](int id, const AbstractError&, int code) { exitCodes[id] = code; });
-        connect(merger, &QtFfmpegAvMerger::progress, this, [this](int id, int current, int total) {
+        connect(&merger, &QtFfmpegAvMerger::progress, this, [this](int, int current, int total) {
             progressBeyondTotal = progressBeyondTotal || current > total;
-            progressed << id;
         });
-        connect(merger, &QtFfmpegAvMerger::finished, this,
+        connect(&merger, &QtFfmpegAvMerger::finished, this,
                 [this](int id, const AbstractError& error, qint64 size) {
                     list << QStringLiteral("finished %1").arg(id);
                     errors[id] = error;
@@ -35,19 +40,17 @@ public:
                 });
     }
     bool has(const QString& event) const { return list.contains(event); }
+    QString description(int id) const { return QString::fromStdString(errors[id].description); }
 
+    QSharedPointer<QtFfmpegManager> manager;
+    QtFfmpegAvMerger merger;
     QStringList list;
     QHash<int, QByteArray> output;
     QHash<int, int> exitCodes;
     QHash<int, AbstractError> errors;
     QHash<int, qint64> sizes;
-    QList<int> progressed;
     bool progressBeyondTotal = false;
 };
-
-QString description(const AbstractError& error) {
-    return QString::fromStdString(error.description);
-}
 } // namespace
 
 class TestQtFfmpegAvMerger : public QObject {
@@ -57,20 +60,16 @@ private:
     QTemporaryDir m_dir;
     QString m_video, m_audio;
 
-    QSharedPointer<QtFfmpegManager> realManager() const {
-        return QSharedPointer<QtFfmpegManager>::create(QFileInfo(FfmpegTestMedia::ffmpeg()).path(),
-                                                       QStringLiteral("ffmpeg"), nullptr);
-    }
-    QString path(const QString& name) const { return m_dir.filePath(name); }
+    QString path(const char* name) const { return m_dir.filePath(s(name)); }
+    static QString ffmpegFolder() { return QFileInfo(FfmpegTestMedia::ffmpeg()).path(); }
 
 private Q_SLOTS:
     void initTestCase() {
         if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
             QSKIP("ffmpeg and ffprobe are not installed");
-        QVERIFY(QDir().mkpath(path(QStringLiteral("video"))));
-        QVERIFY(QDir().mkpath(path(QStringLiteral("audio"))));
-        m_video = path(QStringLiteral("video/v.mp4"));
-        m_audio = path(QStringLiteral("audio/a.m4a"));
+        QVERIFY(QDir().mkpath(path("video")) && QDir().mkpath(path("audio")));
+        m_video = path("video/v.mp4");
+        m_audio = path("audio/a.m4a");
         QString error;
         QVERIFY2(FfmpegTestMedia::makeVideoOnly(m_video, 3, &error), qPrintable(error));
         QVERIFY2(FfmpegTestMedia::makeAudioOnly(m_audio, 3, &error), qPrintable(error));
@@ -81,132 +80,101 @@ private Q_SLOTS:
             QTRY_COMPARE(TestChild::runningChildCount(), 0);
     }
 
-    void directoryPart_data() {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("nested") << QStringLiteral("/a/b/c.mp4") << QStringLiteral("/a/b");
-        QTest::newRow("root") << QStringLiteral("/c.mp4") << QStringLiteral("/");
-        QTest::newRow("drive") << QStringLiteral("C:\\c.mp4") << QStringLiteral("C:\\");
-        QTest::newRow("drive folder") << QStringLiteral("C:\\a\\c.mp4") << QStringLiteral("C:\\a");
-        QTest::newRow("mixed") << QStringLiteral("a\\b/c.mp4") << QStringLiteral("a\\b");
-        QTest::newRow("bare name") << QStringLiteral("c.mp4") << QString();
-    }
-    void directoryPart() {
-        QFETCH(QString, path);
-        QFETCH(QString, expected);
-        QCOMPARE(terncl::ffmpegDirectoryPart(path), expected);
-    }
-
     void argumentsAndWorkingDirectory() {
+        // ffmpeg runs in the video's folder, or the audio's when there is no video.
+        const struct {
+            const char *path, *expected;
+        } cases[] = {{"/a/b/c.mp4", "/a/b"},    {"/c.mp4", "/"},        {"C:\\c.mp4", "C:\\"},
+                     {"C:\\a\\c.mp4", "C:\\a"}, {"a\\b/c.mp4", "a\\b"}, {"c.mp4", ""}};
+        for (const auto& c : cases)
+            QCOMPARE(terncl::ffmpegDirectoryPart(s(c.path)), s(c.expected));
+
         RecordingLogger log;
-        const QString fake = TestChild::makeFakeTool(m_dir.path(), QStringLiteral("cwd"));
-        auto manager = QSharedPointer<QtFfmpegManager>::create(m_dir.path(), fake, nullptr);
-        QtFfmpegAvMerger merger(manager);
-        Merges merges(&merger, manager.data());
-        const QString result = path(QStringLiteral("out.mp4"));
+        Merging merging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("cwd")));
+        const QString result = path("out.mp4");
+        merging.merger.merge(1, m_video, QString(), result, QString());
+        merging.merger.merge(2, QString(), m_audio, result, s("mp4"));
+        QTRY_VERIFY(merging.has(s("finished 2")));
 
-        merger.merge(1, m_video, QString(), result, QString());
-        merger.merge(2, QString(), m_audio, result, QStringLiteral("mp4"));
-        QTRY_VERIFY(merges.has(QStringLiteral("finished 2")));
-
-        const QString launch = QStringLiteral("[QtProcessLaunchManager #%1]: launching process: ") +
-                               manager->ffmpegPath() + QStringLiteral(", with args: ");
-        QVERIFY(log.contains(
-            launch.arg(1) +
-            QStringLiteral("-y -i %1 -vcodec copy -acodec copy %2").arg(m_video, result)));
-        QVERIFY(log.contains(
-            launch.arg(2) +
-            QStringLiteral("-y -i %1 -vcodec copy -acodec copy -f mp4 %2").arg(m_audio, result)));
-        QVERIFY(
-            merges.output[1].startsWith("cwd: " + path(QStringLiteral("video")).toUtf8() + "\n"));
-        QVERIFY(
-            merges.output[2].startsWith("cwd: " + path(QStringLiteral("audio")).toUtf8() + "\n"));
-        QVERIFY(!merges.errors[1].isSet());
-        QCOMPARE(merges.sizes[1], 0); // nothing was written
+        const QString launch = s("[QtProcessLaunchManager #%1]: launching process: ") +
+                               merging.manager->ffmpegPath() + s(", with args: -y -i ");
+        QVERIFY(log.contains(launch.arg(1) +
+                             s("%1 -vcodec copy -acodec copy %2").arg(m_video, result)));
+        QVERIFY(log.contains(launch.arg(2) +
+                             s("%1 -vcodec copy -acodec copy -f mp4 %2").arg(m_audio, result)));
+        QVERIFY(merging.output[1].startsWith("cwd: " + path("video").toUtf8() + "\n"));
+        QVERIFY(merging.output[2].startsWith("cwd: " + path("audio").toUtf8() + "\n"));
+        QVERIFY(!merging.errors[1].isSet());
+        QCOMPARE(merging.sizes[1], 0); // nothing was written
     }
 
     void realMergeIntoALongPath() {
         // Deep enough for the whole path to pass the 260 characters that some systems reject.
         QString folder = m_dir.path();
         while (folder.size() < 280)
-            folder += QStringLiteral("/a-rather-long-folder-name");
+            folder += s("/a-rather-long-folder-name");
         QVERIFY(QDir().mkpath(folder));
-        const QString video = folder + QStringLiteral("/v.mp4");
+        const QString video = folder + s("/v.mp4");
         QVERIFY(QFile::copy(m_video, video));
-        const QString result = folder + QStringLiteral("/merged.mp4");
-        QVERIFY(result.size() >= 260);
+        const QString result = folder + s("/merged.mp4");
+        const QString second = path("second.mkv");
 
-        auto manager = realManager();
-        QtFfmpegAvMerger merger(manager);
-        QVERIFY(merger.isSupported(false));
-        Merges merges(&merger, manager.data());
-        const int first = merger.nextId();
-        const int second = merger.nextId();
-        merger.merge(first, video, m_audio, result, QString());
-        merger.merge(second, m_video, m_audio, path(QStringLiteral("second.mkv")), QString());
-        QTRY_VERIFY_WITH_TIMEOUT(merges.has(QStringLiteral("finished %1").arg(second)), 60000);
+        Merging merging(ffmpegFolder(), s("ffmpeg"));
+        QVERIFY(merging.merger.isSupported(false));
+        const int a = merging.merger.nextId();
+        const int b = merging.merger.nextId();
+        merging.merger.merge(a, video, m_audio, result, QString());
+        merging.merger.merge(b, m_video, m_audio, second, QString());
+        QTRY_VERIFY_WITH_TIMEOUT(merging.has(QStringLiteral("finished %1").arg(b)), 60000);
 
         // Merges wait for each other.
-        QCOMPARE(merges.list, QStringList({QStringLiteral("launching %1").arg(first),
-                                           QStringLiteral("finished %1").arg(first),
-                                           QStringLiteral("launching %1").arg(second),
-                                           QStringLiteral("finished %1").arg(second)}));
-        QVERIFY2(!merges.errors[first].isSet(), qPrintable(merges.errors[first].toText()));
-        QCOMPARE(merges.sizes[first], QFileInfo(result).size());
-        QVERIFY(merges.sizes[first] > 0);
-        QVERIFY(!merges.progressBeyondTotal);
-
-        for (const QString& file : {result, path(QStringLiteral("second.mkv"))}) {
+        QCOMPARE(merging.list, QStringLiteral("launching %1,finished %1,launching %2,finished %2")
+                                   .arg(a)
+                                   .arg(b)
+                                   .split(QLatin1Char(',')));
+        QVERIFY2(!merging.errors[a].isSet(), qPrintable(merging.errors[a].toText()));
+        QVERIFY(merging.sizes[a] > 0);
+        QCOMPARE(merging.sizes[a], QFileInfo(result).size());
+        QVERIFY(!merging.progressBeyondTotal);
+        for (const QString& file : {result, second}) {
             QStringList streams;
             double seconds = 0;
             QVERIFY(FfmpegTestMedia::probe(file, &streams, &seconds));
             streams.sort();
-            QCOMPARE(streams, QStringList({QStringLiteral("audio"), QStringLiteral("video")}));
+            QCOMPARE(streams, QStringList({s("audio"), s("video")}));
             QVERIFY2(qAbs(seconds - 3.0) < 0.2, qPrintable(QString::number(seconds)));
         }
     }
 
     void failuresAreReportedClearly() {
-        auto manager = realManager();
-        QtFfmpegAvMerger merger(manager);
-        Merges merges(&merger, manager.data());
-        merger.merge(1, path(QStringLiteral("missing.mp4")), m_audio, path(QStringLiteral("x.mp4")),
-                     QString());
-        QTRY_VERIFY_WITH_TIMEOUT(merges.has(QStringLiteral("finished 1")), 30000);
-        const AbstractError error = merges.errors[1];
-        QCOMPARE(error.code, 1);
-        QCOMPARE(error.category, std::string("GenericError"));
-        QCOMPARE(
-            description(error),
-            QStringLiteral("FFmpeg returned non-zero (%1) exit status").arg(merges.exitCodes[1]));
-        QVERIFY(merges.exitCodes[1] != 0);
-        QCOMPARE(merges.sizes[1], 0);
+        Merging failing(ffmpegFolder(), s("ffmpeg"));
+        failing.merger.merge(1, path("missing.mp4"), m_audio, path("x.mp4"), QString());
+        QTRY_VERIFY_WITH_TIMEOUT(failing.has(s("finished 1")), 30000);
+        QCOMPARE(failing.errors[1].code, QtFfmpegAvMerger::NonZeroExitErrorCode);
+        QCOMPARE(failing.errors[1].category, std::string("GenericError"));
+        QVERIFY(failing.exitCodes[1] != 0);
+        QCOMPARE(failing.description(1),
+                 s("FFmpeg returned non-zero (%1) exit status").arg(failing.exitCodes[1]));
+        QCOMPARE(failing.sizes[1], 0);
 
-        auto absent = QSharedPointer<QtFfmpegManager>::create(QStringLiteral("/nonexistent/dir"),
-                                                              QStringLiteral("ffmpeg"), nullptr);
-        QtFfmpegAvMerger absentMerger(absent);
-        Merges absentMerges(&absentMerger, absent.data());
-        QVERIFY(!absentMerger.isSupported(false));
-        absentMerger.merge(2, m_video, m_audio, path(QStringLiteral("y.mp4")), QString());
-        QTRY_VERIFY(absentMerges.has(QStringLiteral("finished 2")));
-        QCOMPARE(absentMerges.errors[2].code, QtProcessLaunchManager::ProcessFailedErrorCode);
-        QVERIFY2(
-            description(absentMerges.errors[2]).contains(QStringLiteral("/nonexistent/dir/ffmpeg")),
-            qPrintable(description(absentMerges.errors[2])));
+        Merging absent(s("/nonexistent/dir"), s("ffmpeg"));
+        QVERIFY(!absent.merger.isSupported(false));
+        absent.merger.merge(2, m_video, m_audio, path("y.mp4"), QString());
+        QTRY_VERIFY(absent.has(s("finished 2")));
+        QCOMPARE(absent.errors[2].code, QtProcessLaunchManager::ProcessFailedErrorCode);
+        QVERIFY2(absent.description(2).contains(s("/nonexistent/dir/ffmpeg")),
+                 qPrintable(absent.description(2)));
 
         // One that never answers is not supported, and a merge through it can be aborted.
-        const QString hang = TestChild::makeFakeTool(m_dir.path(), QStringLiteral("hang"));
-        auto hanging = QSharedPointer<QtFfmpegManager>::create(m_dir.path(), hang, nullptr);
-        hanging->setVersionCheckTimeout(200);
-        QtFfmpegAvMerger hangingMerger(hanging);
-        Merges hangingMerges(&hangingMerger, hanging.data());
-        QVERIFY(!hangingMerger.isSupported(true));
-        hangingMerger.merge(3, m_video, m_audio, path(QStringLiteral("z.mp4")), QString());
-        QTRY_VERIFY(hangingMerges.output[3].startsWith("pid"));
-        hangingMerger.abort(3);
-        QTRY_VERIFY(hangingMerges.has(QStringLiteral("finished 3")));
-        QCOMPARE(hangingMerges.errors[3].code, QtProcessLaunchManager::AbortedErrorCode);
-        QCOMPARE(hangingMerges.sizes[3], 0);
+        Merging hanging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("hang")));
+        hanging.manager->setVersionCheckTimeout(200);
+        QVERIFY(!hanging.merger.isSupported(true));
+        hanging.merger.merge(3, m_video, m_audio, path("z.mp4"), QString());
+        QTRY_VERIFY(hanging.output[3].startsWith("pid"));
+        hanging.merger.abort(3);
+        QTRY_VERIFY(hanging.has(s("finished 3")));
+        QCOMPARE(hanging.errors[3].code, QtProcessLaunchManager::AbortedErrorCode);
+        QCOMPARE(hanging.sizes[3], 0);
     }
 };
 
