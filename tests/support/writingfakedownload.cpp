@@ -20,7 +20,7 @@ void WritingFakeDownload::onStartCommand() {
     startRunning();
     auto& file = ensureFile(0);
     if (file.name.isEmpty())
-        file.name = m_plan.fileName;
+        file.name = QStringLiteral("segments.bin");
     qint64 done = file.downloadedBytes();
     if (!m_plan.resumeSupported || done > m_plan.content.size()) {
         file.sections.clear();
@@ -28,7 +28,6 @@ void WritingFakeDownload::onStartCommand() {
     }
     file.resumeSupport = m_plan.resumeSupported ? AbstractDownloadFileInfo::ResumeSupported
                                                 : AbstractDownloadFileInfo::ResumeNotSupported;
-    m_startOffset = done;
     setFileSize(m_plan.content.size());
 
     auto* writer = new FileDataAsyncWriter();
@@ -43,8 +42,9 @@ void WritingFakeDownload::onStartCommand() {
     m_writer = writer;
     writer->open(targetPath(), file.writeOffset + done);
     const qint64 limit = outcomeLimit();
-    for (qint64 offset = done; offset < limit; offset += m_plan.chunkSize)
-        writer->processData(m_plan.content.mid(offset, qMin(m_plan.chunkSize, limit - offset)));
+    constexpr qint64 chunkSize = 1000;
+    for (qint64 offset = done; offset < limit; offset += chunkSize)
+        writer->processData(m_plan.content.mid(offset, qMin(chunkSize, limit - offset)));
     if (done >= limit) {
         // Nothing to write: the outcome follows in the next turn, as after a network answer.
         QTimer::singleShot(0, this, [this] {
@@ -74,7 +74,6 @@ qint64 WritingFakeDownload::outcomeLimit() const {
 void WritingFakeDownload::onDataProcessed(qint64 size) {
     if (!isRunning() || isStopping())
         return;
-    m_writtenHere += size;
     receive(size);
     if (info().files.constFirst().downloadedBytes() >= outcomeLimit())
         reachOutcome();
@@ -88,21 +87,15 @@ void WritingFakeDownload::onWriterFailed() {
 }
 
 void WritingFakeDownload::reachOutcome() {
-    if (m_plan.outcome != Outcome::KeepRunning)
-        releaseWriter();
-    switch (m_plan.outcome) {
-    case Outcome::Finish:
+    if (m_plan.outcome == Outcome::KeepRunning)
+        return;
+    releaseWriter();
+    if (m_plan.outcome == Outcome::Finish)
         finish();
-        break;
-    case Outcome::Fail:
+    else if (m_plan.outcome == Outcome::Fail)
         fail(m_plan.error);
-        break;
-    case Outcome::StopUnfinished:
+    else
         stopUnfinished();
-        break;
-    case Outcome::KeepRunning:
-        break;
-    }
 }
 
 void WritingFakeDownload::releaseWriter() {

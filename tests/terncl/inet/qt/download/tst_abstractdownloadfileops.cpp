@@ -9,8 +9,6 @@
 
 namespace {
 using Op = AbstractDownloadFileOps::FileInitializeOperation;
-using Reaction = AbstractDownloadExistingFileReaction;
-using Action = AbstractDownloadFileExistsAction;
 
 AbstractDownloadFileInfo fileRecord(const QString& name, qint64 done, const QString& tmpPath = {}) {
     AbstractDownloadFileInfo file;
@@ -39,7 +37,7 @@ class TestAbstractDownloadFileOps : public QObject {
 private:
     QTemporaryDir m_dir;
     QThread m_writers;
-    AbstractDownloadFileOps* m_ops = nullptr;
+    QPointer<AbstractDownloadFileOps> m_ops;
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
 
@@ -53,23 +51,24 @@ private:
         return info;
     }
 
-    // Runs ops on the writers thread, answering questions with answers in order.
-    QList<QVariant> perform(const AbstractDownloadFileOps::FileInitializeOperations& ops,
-                            QList<Action> answers = {}) {
-        QList<QVariant> result;
-        connect(m_ops, &AbstractDownloadFileOps::performInitializeOpsFinished, this,
-                [&result](const QString& dst,
-                          const AbstractDownloadFileOps::FileInitializeOperations& done, int count,
-                          const AbstractError& error) {
-                    result = {dst, QVariant::fromValue(done), count, QVariant::fromValue(error)};
-                });
-        connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
-                [this, &answers](int fileIndex, const QList<QString>&) {
-                    m_ops->fileExistsAction(fileIndex, answers.takeFirst());
-                });
+    struct Result {
+        AbstractDownloadFileOps::FileInitializeOperations ops;
+        int count = -1;
+        AbstractError error;
+        QThread* thread = nullptr; // where the result was reported
+    };
+    Result perform(const AbstractDownloadFileOps::FileInitializeOperations& ops) {
+        Result result;
+        connect(
+            m_ops, &AbstractDownloadFileOps::performInitializeOpsFinished, this,
+            [&result](const QString&, const AbstractDownloadFileOps::FileInitializeOperations& done,
+                      int count, const AbstractError& error) {
+                result = {done, count, error, QThread::currentThread()};
+            },
+            Qt::DirectConnection);
         m_ops->performInitializeOps(m_dir.path(), ops);
         [[maybe_unused]] const bool done =
-            QTest::qWaitFor([&result] { return !result.isEmpty(); }, 10000);
+            QTest::qWaitFor([&result] { return result.thread != nullptr; }, 10000);
         m_ops->disconnect(this);
         return result;
     }
@@ -87,9 +86,9 @@ private Q_SLOTS:
         m_ops->moveToThread(&m_writers);
     }
     void cleanup() {
-        const QPointer<AbstractDownloadFileOps> ops = m_ops;
-        m_ops->deleteLater();
-        QTRY_VERIFY(!ops);
+        if (m_ops)
+            m_ops->deleteLater();
+        QTRY_VERIFY(!m_ops);
     }
 
     void computesOperationsFromTheRecordOnly() {
@@ -126,102 +125,27 @@ private Q_SLOTS:
         QVERIFY(AbstractDownloadFileOps::calcFilesInitOps(settings, info, true).isEmpty());
     }
 
-    void movesOnTheWritersThreadAndAppliesTheResult() {
-        auto info = finishedRecord(QStringLiteral("sub/dir/a.bin"), "data");
-        QThread* thread = nullptr;
-        connect(
-            m_ops, &AbstractDownloadFileOps::performInitializeOpsFinished, this,
-            [&thread] { thread = QThread::currentThread(); }, Qt::DirectConnection);
-        const auto ops = AbstractDownloadFileOps::calcFilesInitOps({}, info, true);
-        const auto result = perform(ops);
-        QCOMPARE(thread, &m_writers);
-        QCOMPARE(result.at(2).toInt(), 1);
-        QVERIFY(!result.at(3).value<AbstractError>().isSet());
-        QCOMPARE(readFile(path(QStringLiteral("sub/dir/a.bin"))), QByteArray("data"));
-        QVERIFY(!QFile::exists(path(QStringLiteral("tmp/sub/dir/a.bin"))));
-
-        const auto done = result.at(1).value<AbstractDownloadFileOps::FileInitializeOperations>();
-        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(done, 1, info));
-        QCOMPARE(info.files[0].name, QStringLiteral("sub/dir/a.bin"));
-        QVERIFY(info.files[0].tmpPath.isEmpty());
-        QVERIFY(info.files[0].testFlag(AbstractDownloadFileInfo::Initialized));
-        QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
-    }
-
-    void existingTarget_data() {
-        QTest::addColumn<Reaction>("reaction");
-        QTest::addColumn<QList<Action>>("answers");
-        QTest::addColumn<QString>("resultName");
-        QTest::addColumn<QByteArray>("existingAfter");
-        QTest::addColumn<int>("errorCode");
-        QTest::newRow("rename") << Reaction::RenameToUniqueName << QList<Action>()
-                                << QStringLiteral("a (1).bin") << QByteArray("old") << 0;
-        QTest::newRow("overwrite") << Reaction::Overwrite << QList<Action>()
-                                   << QStringLiteral("a.bin") << QByteArray("new") << 0;
-        QTest::newRow("ask, overwrite") << Reaction::Ask << QList<Action>{Action::Overwrite}
-                                        << QStringLiteral("a.bin") << QByteArray("new") << 0;
-        QTest::newRow("ask, rename") << Reaction::Ask << QList<Action>{Action::Rename}
-                                     << QStringLiteral("a (1).bin") << QByteArray("old") << 0;
-        QTest::newRow("ask, abort")
-            << Reaction::Ask << QList<Action>{Action::Abort} << QString() << QByteArray("old")
-            << AbstractDownloadFileOps::AbortedErrorCode;
-    }
-    void existingTarget() {
-        QFETCH(Reaction, reaction);
-        QFETCH(QList<Action>, answers);
-        QFETCH(QString, resultName);
-        QFETCH(QByteArray, existingAfter);
-        QFETCH(int, errorCode);
-        auto info = finishedRecord(QStringLiteral("a.bin"), "new");
-        QVERIFY(writeFile(path(QStringLiteral("a.bin")), "old"));
-        m_ops->setExistingFileReaction(reaction);
-        QList<QStringList> asked;
-        int applied = 0;
-        connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
-                [&asked](int, const QList<QString>& files) { asked.append(files); });
-        connect(m_ops, &AbstractDownloadFileOps::fileExistsActionApplied, this,
-                [&applied] { ++applied; });
-
-        const auto result =
-            perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true), answers);
-        QCOMPARE(asked.size(), answers.size());
-        QCOMPARE(applied, answers.size());
-        if (!asked.isEmpty())
-            QCOMPARE(asked[0], QStringList{path(QStringLiteral("a.bin"))});
-        QCOMPARE(result.at(3).value<AbstractError>().code, errorCode);
-        QCOMPARE(readFile(path(QStringLiteral("a.bin"))), existingAfter);
-        if (errorCode) {
-            QCOMPARE(readFile(info.files[0].tmpPath), QByteArray("new"));
-            return;
-        }
-        QCOMPARE(readFile(path(resultName)), QByteArray("new"));
-        QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden).size(),
-                 resultName == QStringLiteral("a.bin") ? 1 : 2); // nothing kept aside
-        AbstractDownloadFileOps::applyFilesInitOpsFinished(
-            result.at(1).value<AbstractDownloadFileOps::FileInitializeOperations>(), 1, info);
-        QCOMPARE(info.files[0].name, resultName);
-    }
-
     // The second move fails: the first file goes back and the overwritten one returns.
     void failureUndoesEverything() {
         auto info = finishedRecord(QStringLiteral("a.bin"), "new a");
         info.files.append(
             fileRecord(QStringLiteral("b.bin"), 5, path(QStringLiteral("tmp/b.bin"))));
         QVERIFY(writeFile(path(QStringLiteral("a.bin")), "old a"));
-        m_ops->setExistingFileReaction(Reaction::Overwrite);
+        m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Overwrite);
         const auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
-        const auto error = result.at(3).value<AbstractError>();
-        QCOMPARE(error.category, std::string(AbstractError::QtFileError));
-        QCOMPARE(result.at(2).toInt(), 0);
+        QCOMPARE(result.error.category, std::string(AbstractError::QtFileError));
+        QCOMPARE(result.count, 0);
         QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("old a"));
         QCOMPARE(readFile(path(QStringLiteral("tmp/a.bin"))), QByteArray("new a"));
         QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden),
                  QStringList{QStringLiteral("a.bin")});
-        QVERIFY(!AbstractDownloadFileOps::applyFilesInitOpsFinished(
-            result.at(1).value<AbstractDownloadFileOps::FileInitializeOperations>(), 0, info));
+        QVERIFY(!AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 0, info));
     }
 
-    void createsFilesAndFoldersAndDeselectedGoAside() {
+    // Unfinished: a file not created yet is created without losing what its temporary path
+    // holds and a deselected one goes aside. Finished and selected again, both move to their
+    // final names (folders created) on the writers thread; then nothing is left to do.
+    void filesFromCreationToTheirFinalNames() {
         AbstractDownloadPersistentInfo info;
         info.destinationPath = m_dir.path();
         info.files = {fileRecord(QStringLiteral("new/x.bin"), 0, path(QStringLiteral("t/x.part"))),
@@ -229,23 +153,32 @@ private Q_SLOTS:
         info.files[1].priority = AbstractDownloadFileInfo::NotSelected;
         QVERIFY(writeFile(path(QStringLiteral("t/x.part")), "kept"));
         QVERIFY(writeFile(path(QStringLiteral("album/y.bin")), "yy"));
-        const auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
-        QCOMPARE(result.at(2).toInt(), 2);
+        auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
+        QCOMPARE(result.count, 2);
         QCOMPARE(readFile(path(QStringLiteral("t/x.part"))), QByteArray("kept"));
         QCOMPARE(readFile(path(QStringLiteral("album/.unwanted/y.bin"))), QByteArray("yy"));
-        AbstractDownloadFileOps::applyFilesInitOpsFinished(
-            result.at(1).value<AbstractDownloadFileOps::FileInitializeOperations>(), 2, info);
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
         QVERIFY(info.files[0].testFlag(AbstractDownloadFileInfo::Created));
         QCOMPARE(info.files[1].tmpPath, path(QStringLiteral("album/.unwanted/y.bin")));
         QCOMPARE(info.files[1].name, QStringLiteral("album/y.bin"));
 
-        // Selected again and finished: it comes back out.
+        info.files[0].size = 4;
+        info.files[0].sections = {{0, 4, 4}};
         info.files[1].priority = AbstractDownloadFileInfo::NormalPriority;
-        const auto back = AbstractDownloadFileOps::calcFilesInitOps({}, info, true);
-        QCOMPARE(back.size(), 2);
-        QCOMPARE(back[1].kind, Op::MoveToFinal);
-        QCOMPARE(back[1].sourcePath, path(QStringLiteral("album/.unwanted/y.bin")));
-        QCOMPARE(back[1].targetPath, path(QStringLiteral("album/y.bin")));
+        info.state = AbstractDownloadPersistentInfo::Finished;
+        result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
+        QCOMPARE(result.thread, &m_writers);
+        QCOMPARE(result.count, 2);
+        QVERIFY(!result.error.isSet());
+        QCOMPARE(readFile(path(QStringLiteral("new/x.bin"))), QByteArray("kept"));
+        QCOMPARE(readFile(path(QStringLiteral("album/y.bin"))), QByteArray("yy"));
+        QVERIFY(!QFile::exists(path(QStringLiteral("t/x.part"))));
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
+        for (const auto& file : std::as_const(info.files)) {
+            QVERIFY(file.tmpPath.isEmpty());
+            QVERIFY(file.testFlag(AbstractDownloadFileInfo::Initialized));
+        }
+        QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
     }
 
     void destroyedWhileAskingUndoes() {
@@ -255,7 +188,7 @@ private Q_SLOTS:
         QVERIFY(writeFile(info.files[1].tmpPath, "new b"));
         QVERIFY(writeFile(path(QStringLiteral("sub/b.bin")), "old b"));
         // a.bin moves first; b.bin's question is never answered.
-        m_ops->setExistingFileReaction(Reaction::Ask);
+        m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Ask);
         bool asked = false;
         connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
                 [&asked] { asked = true; });
@@ -263,14 +196,13 @@ private Q_SLOTS:
                                     AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
         QTRY_VERIFY(asked);
         QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("new a"));
-        m_ops->fileExistsAction(0, Action::Overwrite); // not the file asked about: ignored
-        const QPointer<AbstractDownloadFileOps> ops = m_ops;
+        // An answer about another file than the one asked about is ignored.
+        m_ops->fileExistsAction(0, AbstractDownloadFileExistsAction::Overwrite);
         m_ops->deleteLater();
-        QTRY_VERIFY(!ops);
+        QTRY_VERIFY(!m_ops);
         QCOMPARE(readFile(path(QStringLiteral("tmp/a.bin"))), QByteArray("new a"));
         QVERIFY(!QFile::exists(path(QStringLiteral("a.bin"))));
         QCOMPARE(readFile(path(QStringLiteral("sub/b.bin"))), QByteArray("old b"));
-        m_ops = new AbstractDownloadFileOps; // for cleanup()
     }
 };
 

@@ -5,12 +5,12 @@
 
 #include "support/fakedownloadsfactory.h"
 #include "support/ffmpegtestmedia.h"
-#include "support/fmp4segments.h"
 #include "support/writingfakedownload.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -35,20 +35,10 @@ bool writeFile(const QString& path, const QByteArray& data) {
     return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
 }
 
-// Bytes that differ from segment to segment and from position to position.
-QByteArray segmentContent(int index, qint64 size) {
-    QByteArray content(size, Qt::Uninitialized);
-    quint32 state = 2654435761u * quint32(index + 1);
-    for (auto& byte : content) {
-        state = state * 1664525u + 1013904223u;
-        byte = char(state >> 24);
-    }
-    return content;
-}
-
 AbstractError errorOf(int code, const char* category) {
     return AbstractError(code, category, {});
 }
+const AbstractError httpError = errorOf(404, AbstractError::HttpError);
 } // namespace
 
 class TestIndependentSegmentsDownloader : public QObject {
@@ -68,17 +58,31 @@ private:
     QString target() const { return path(QStringLiteral("dst/out.bin")); }
     QString temporary() const { return path(QStringLiteral("tmp/out.bin.part")); }
 
+    AbstractDownloadSourceInfo addSegment(const QByteArray& content) {
+        AbstractDownloadSourceInfo source;
+        source.url = QUrl(QStringLiteral("http://segments.test/s%1").arg(m_contents.size()));
+        source.requestHeaders = {{"Referer", "http://segments.test/"}};
+        m_contents.insert(source.url.toString(), content);
+        m_all += content;
+        return source;
+    }
+    // Segments of bytes that differ from segment to segment and from position to position.
     QList<AbstractDownloadSourceInfo> addSegments(const QList<qint64>& sizes) {
         QList<AbstractDownloadSourceInfo> sources;
-        for (int i = 0; i < sizes.size(); ++i) {
-            AbstractDownloadSourceInfo source;
-            source.url = QUrl(QStringLiteral("http://segments.test/s%1").arg(m_contents.size()));
-            source.requestHeaders = {{"Referer", "http://segments.test/"}};
-            m_contents.insert(source.url.toString(), segmentContent(m_contents.size(), sizes[i]));
-            m_all += m_contents.value(source.url.toString());
-            sources.append(source);
+        for (const qint64 size : sizes) {
+            QByteArray content(size, Qt::Uninitialized);
+            QRandomGenerator random(m_contents.size() + 1);
+            for (auto& byte : content)
+                byte = char(random.generate());
+            sources.append(addSegment(content));
         }
         return sources;
+    }
+    // The next child made for source ends with outcome once `after` bytes are done.
+    void planNextChild(const AbstractDownloadSourceInfo& source, qint64 after,
+                       FakeDownload::Outcome outcome, bool resumeSupported = true) {
+        m_firstRunPlans.insert(source.url.toString(),
+                               Plan{{}, after, outcome, httpError, resumeSupported});
     }
 
     AbstractDownloadPersistentInfo record(bool withTemporary = true) const {
@@ -142,7 +146,6 @@ private Q_SLOTS:
             const QString url = request.info.resourceUrl;
             Plan plan = m_firstRunPlans.take(url);
             plan.content = m_contents.value(url);
-            plan.chunkSize = qMin<qint64>(plan.chunkSize, 1000);
             auto child = QSharedPointer<WritingFakeDownload>::create(id, plan);
             m_tracker->registerObject(child.data(), "WritingFakeDownload");
             return child;
@@ -151,55 +154,37 @@ private Q_SLOTS:
     // Whatever a test did, its downloaders and everything they made must be gone.
     void cleanup() { QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0); }
 
-    void oneSegment() {
-        const auto sources = addSegments({10000});
-        auto info = record();
+    // The output is the segments back to back, written at the file's temporary path, at its
+    // final name into a file preallocated beyond the data (cut to the total), or into the file
+    // the first child names; progress never goes back nor past the total.
+    void byteExactOutput_data() {
+        QTest::addColumn<QList<qint64>>("sizes");
+        QTest::addColumn<QString>("fileRecord");
+        QTest::newRow("one segment") << QList<qint64>{10000} << "temporary";
+        QTest::newRow("many segments, preallocated larger")
+            << QList<qint64>{5000, 1, 4096, 12345, 777} << "final";
+        QTest::newRow("the first child names the file") << QList<qint64>{1500, 2500} << "none";
+    }
+    void byteExactOutput() {
+        QFETCH(QList<qint64>, sizes);
+        QFETCH(QString, fileRecord);
+        const bool named = fileRecord != QLatin1String("none");
+        const QString result =
+            path(named ? QStringLiteral("dst/out.bin") : QStringLiteral("dst/segments.bin"));
+        const QString writtenAt = fileRecord == QLatin1String("temporary") ? temporary() : result;
+        const auto sources = addSegments(sizes);
+        auto info = record(fileRecord == QLatin1String("temporary"));
+        if (!named)
+            info.files.clear();
         info.setFlag(AbstractDownloadPersistentInfo::Private);
+        if (fileRecord == QLatin1String("final"))
+            QVERIFY(writeFile(target(), QByteArray(1 << 20, 'P')));
         auto downloader = make(info, sources);
         QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
-        run(*downloader);
-
-        QVERIFY(!downloader->lastError().isSet());
-        QVERIFY(downloader->info().isFinished());
-        const auto& file = downloader->info().files[0];
-        QCOMPARE(file.size, 10000);
-        QCOMPARE(file.sections, (QList<AbstractDownloadFileSection>{{0, 10000, 10000}}));
-        QVERIFY(file.tmpPath.isEmpty());
-        QCOMPARE(readFile(target()), m_all);
-        QVERIFY(!QFile::exists(temporary()));
-        QCOMPARE(segmentFinished.size(), 1);
-        for (const auto& key :
-             {Downloader::CurrentSegmentSourceKey, Downloader::CurrentSegmentFileKey,
-              Downloader::CurrentSegmentResumeKey, Downloader::DownloadedSegmentsTotalKey})
-            QVERIFY(!downloader->info().customData.contains(key));
-
-        // What the child was told.
-        QCOMPARE(m_factory->requests().size(), 1);
-        const auto child = m_factory->requests().first().info;
-        QCOMPARE(child.resourceUrl, sources[0].url.toString());
-        QVERIFY(AbstractDownloadSourceInfo::fromVariantHash(
-                    child.customData.value(Downloader::SegmentSourceKey).toHash()) == sources[0]);
-        QCOMPARE(child.files.size(), 1);
-        QCOMPARE(child.files[0].tmpPath, temporary());
-        QCOMPARE(child.files[0].writeOffset, 0);
-        QCOMPARE(child.flags, quint64(AbstractDownloadPersistentInfo::Private |
-                                      AbstractDownloadPersistentInfo::PartOfParentDownload));
-        QCOMPARE(child.originators,
-                 QList<QString>{QStringLiteral("IndependentSegmentsDownloader #1")});
-        QVERIFY(!m_factory->lastDownload()); // released once done
-    }
-
-    // Written at the final name into a file preallocated beyond the data: the result is the
-    // segments back to back, cut to their total; progress never goes back nor past the total.
-    void manySegmentsByteExactAndCut() {
-        const QList<qint64> sizes{5000, 1, 4096, 12345, 777};
-        const auto sources = addSegments(sizes);
-        QVERIFY(writeFile(target(), QByteArray(1 << 20, 'P')));
-        auto downloader = make(record(false), sources);
         qint64 lastDone = 0;
         bool regressed = false;
         connect(downloader.get(), &AbstractDownload::changed, this, [&] {
-            const auto& file = downloader->info().files[0];
+            const auto& file = downloader->info().files.value(0);
             regressed = regressed || file.downloadedBytes() < lastDone ||
                         (file.size >= 0 && file.downloadedBytes() > file.size);
             lastDone = file.downloadedBytes();
@@ -208,15 +193,39 @@ private Q_SLOTS:
 
         QVERIFY(!downloader->lastError().isSet());
         QVERIFY(!regressed);
-        QCOMPARE(readFile(target()), m_all);
-        QCOMPARE(downloader->info().files[0].size, m_all.size());
-        QCOMPARE(requestedUrls().size(), sizes.size());
+        QVERIFY(downloader->info().isFinished());
+        QCOMPARE(downloader->info().files.size(), 1);
+        const auto& file = downloader->info().files[0];
+        QCOMPARE(file.name, QFileInfo(result).fileName());
+        QCOMPARE(file.size, m_all.size());
+        QCOMPARE(file.sections, (QList<AbstractDownloadFileSection>{{0, file.size, file.size}}));
+        QVERIFY(file.tmpPath.isEmpty());
+        QCOMPARE(readFile(result), m_all);
+        QVERIFY(!QFile::exists(temporary()));
+        QCOMPARE(segmentFinished.size(), sizes.size());
+        QVERIFY(downloader->info().customData.isEmpty());
+
+        // What the children were told.
+        const auto requests = m_factory->requests();
+        QCOMPARE(requests.size(), sizes.size());
         qint64 offset = 0;
         for (int i = 0; i < sizes.size(); ++i) {
-            QCOMPARE(m_factory->requests()[i].info.files[0].writeOffset, offset);
-            QCOMPARE(m_factory->requests()[i].info.files[0].tmpPath, target());
+            const auto& child = requests[i].info;
+            QCOMPARE(child.resourceUrl, sources[i].url.toString());
+            QVERIFY(AbstractDownloadSourceInfo::fromVariantHash(
+                        child.customData.value(QStringLiteral("segmentSource")).toHash()) ==
+                    sources[i]);
+            QCOMPARE(child.flags, quint64(AbstractDownloadPersistentInfo::Private |
+                                          AbstractDownloadPersistentInfo::PartOfParentDownload));
+            QCOMPARE(child.originators,
+                     QList<QString>{QStringLiteral("IndependentSegmentsDownloader #1")});
+            QCOMPARE(child.files.size(), 1);
+            QCOMPARE(child.files[0].tmpPath, named || i > 0 ? writtenAt : QString());
+            QVERIFY(named || i > 0 || child.files[0].name.isEmpty());
+            QCOMPARE(child.files[0].writeOffset, offset);
             offset += sizes[i];
         }
+        QVERIFY(!m_factory->lastDownload()); // released once done
     }
 
     void stopInASegmentThenRestart_data() {
@@ -230,11 +239,7 @@ private Q_SLOTS:
         QFETCH(bool, restoredRecord);
         QFETCH(bool, resumeSupported);
         const auto sources = addSegments({3000, 3000, 8000, 3000});
-        Plan firstRun;
-        firstRun.outcomeAfter = 4000;
-        firstRun.outcome = FakeDownload::Outcome::KeepRunning;
-        firstRun.resumeSupported = resumeSupported;
-        m_firstRunPlans.insert(sources[2].url.toString(), firstRun);
+        planNextChild(sources[2], 4000, FakeDownload::Outcome::KeepRunning, resumeSupported);
         auto downloader = make(record(), sources);
         downloader->doCommand(AbstractDownloadCommand::Start);
         QTRY_COMPARE(childDone(), 4000);
@@ -250,10 +255,12 @@ private Q_SLOTS:
         QCOMPARE(downloader->lastError().code, int(Downloader::StopCommandCode));
         QVERIFY(downloader->tasksProgress().isEmpty());
         const auto& stored = downloader->info().customData;
-        QCOMPARE(stored.value(Downloader::CurrentSegmentSourceKey).toHash(),
+        QCOMPARE(stored.value(QStringLiteral("currentSegmentSource")).toHash(),
                  sources[2].toVariantHash());
-        QCOMPARE(stored.value(Downloader::CurrentSegmentResumeKey).toBool(), resumeSupported);
-        QCOMPARE(stored.value(Downloader::DownloadedSegmentsTotalKey).toLongLong(), 6000);
+        QVERIFY(stored.value(QStringLiteral("currentSegmentFile")).isValid());
+        QCOMPARE(stored.value(QStringLiteral("currentSegmentDownloadHasResumeSupport")).toBool(),
+                 resumeSupported);
+        QCOMPARE(stored.value(QStringLiteral("downloadedSegmentsTotalBytes")).toLongLong(), 6000);
         QCOMPARE(downloader->info().files[0].sections,
                  (QList<AbstractDownloadFileSection>{{0, -1, 10000}}));
 
@@ -271,22 +278,6 @@ private Q_SLOTS:
         QCOMPARE(resumed.writeOffset, 6000);
         QCOMPARE(resumed.downloadedBytes(), resumeSupported ? 4000 : 0);
         QCOMPARE(readFile(target()), m_all);
-    }
-
-    // Without a file record the first child names the file; the others write into it.
-    void theFirstChildNamesTheFile() {
-        const auto sources = addSegments({1500, 2500});
-        AbstractDownloadPersistentInfo info;
-        info.destinationPath = path(QStringLiteral("dst"));
-        auto downloader = make(info, sources);
-        run(*downloader);
-        QVERIFY(!downloader->lastError().isSet());
-        QCOMPARE(downloader->info().files.size(), 1);
-        QCOMPARE(downloader->info().files[0].name, QStringLiteral("segments.bin"));
-        QCOMPARE(m_factory->requests()[0].info.files[0].name, QString());
-        QCOMPARE(m_factory->requests()[1].info.files[0].tmpPath,
-                 path(QStringLiteral("dst/segments.bin")));
-        QCOMPARE(readFile(path(QStringLiteral("dst/segments.bin"))), m_all);
     }
 
     // A list that is not complete pauses when done; more segments continue the same file.
@@ -327,7 +318,7 @@ private Q_SLOTS:
         const char* generic = AbstractError::GenericError;
         QTest::newRow("stored source differs") << "stored" << errorOf(2, generic) << 0;
         QTest::newRow("zero-byte segment") << "zero" << errorOf(2, generic) << 2;
-        QTest::newRow("child fails") << "fail" << errorOf(404, AbstractError::HttpError) << 2;
+        QTest::newRow("child fails") << "fail" << httpError << 2;
         QTest::newRow("child stops unfinished") << "unfinished" << errorOf(1, generic) << 2;
         QTest::newRow("factory fails") << "factory" << errorOf(7, generic) << 1;
         QTest::newRow("factory gone") << "gone" << errorOf(1, generic) << 0;
@@ -337,28 +328,28 @@ private Q_SLOTS:
         QFETCH(QString, failure);
         QFETCH(AbstractError, expected);
         QFETCH(int, requests);
-        auto sources = addSegments({100, failure == QLatin1String("zero") ? 0 : 100, 100});
+        const auto is = [&failure](const char* name) {
+            return failure == QLatin1String(name);
+        };
+        auto sources = addSegments({100, is("zero") ? 0 : 100, 100});
         auto info = record();
-        Plan plan;
-        plan.outcomeAfter = 50;
-        plan.outcome = failure == QLatin1String("fail") ? FakeDownload::Outcome::Fail
-                                                        : FakeDownload::Outcome::StopUnfinished;
-        plan.error = errorOf(404, AbstractError::HttpError);
-        if (failure == QLatin1String("fail") || failure == QLatin1String("unfinished"))
-            m_firstRunPlans.insert(sources[1].url.toString(), plan);
-        if (failure == QLatin1String("stored")) {
+        if (is("fail") || is("unfinished"))
+            planNextChild(sources[1], 50,
+                          is("fail") ? FakeDownload::Outcome::Fail
+                                     : FakeDownload::Outcome::StopUnfinished);
+        if (is("stored")) {
             info.customData.insert(Downloader::CurrentSegmentSourceKey, sources[1].toVariantHash());
             info.customData.insert(Downloader::CurrentSegmentFileKey,
                                    info.files[0].toVariantHash());
         }
-        if (failure == QLatin1String("factory"))
+        if (is("factory"))
             m_factory->setFailure(errorOf(3, AbstractError::GenericError));
-        if (failure == QLatin1String("nofile")) {
+        if (is("nofile")) {
             info.files.clear();
             sources.clear();
         }
         auto downloader = make(info, sources);
-        if (failure == QLatin1String("gone"))
+        if (is("gone"))
             m_factory.reset();
         run(*downloader);
 
@@ -367,10 +358,10 @@ private Q_SLOTS:
         QVERIFY(!downloader->info().isFinished());
         if (m_factory)
             QCOMPARE(m_factory->requests().size(), requests);
-        if (failure == QLatin1String("zero"))
+        if (is("zero"))
             QCOMPARE(downloader->currentSegmentIndex(), 2);
         // A failed segment is kept for the next start.
-        if (failure == QLatin1String("fail") || failure == QLatin1String("stored"))
+        if (is("fail") || is("stored"))
             QCOMPARE(
                 downloader->info().customData.value(Downloader::CurrentSegmentSourceKey).toHash(),
                 sources[1].toVariantHash());
@@ -415,6 +406,7 @@ private Q_SLOTS:
         run(*downloader);
         if (answers.size() == 1) { // aborted: the data is complete and kept aside
             QCOMPARE(downloader->lastError().code, AbstractDownloadFileOps::AbortedErrorCode);
+            QCOMPARE(downloader->lastError().category, std::string(AbstractError::GenericError));
             QCOMPARE(readFile(temporary()), m_all);
             run(*downloader);
         }
@@ -424,42 +416,43 @@ private Q_SLOTS:
         QVERIFY(downloader->info().isFinished());
         QCOMPARE(downloader->info().files[0].name, resultName);
         QCOMPARE(readFile(path(QStringLiteral("dst/") + resultName)), m_all);
-        if (resultName != QLatin1String("out.bin"))
+        const bool renamed = resultName != QLatin1String("out.bin");
+        if (renamed)
             QCOMPARE(readFile(target()), QByteArray("old"));
-        QCOMPARE(m_factory->requests().size(), 2); // a finished record never fetches again
+        // Nothing is kept aside, and a finished record never fetches again.
+        QCOMPARE(QDir(path(QStringLiteral("dst"))).entryList(QDir::Files | QDir::Hidden).size(),
+                 renamed ? 2 : 1);
+        QCOMPARE(QDir(path(QStringLiteral("tmp"))).entryList(QDir::Files | QDir::Hidden),
+                 QStringList());
+        QCOMPARE(m_factory->requests().size(), 2);
     }
 
-    // Fragmented MP4 segments fetched into "video.m4s" come out as a playable "video.mp4".
+    // Fragmented MP4 segments fetched into "Video.M4S" come out as a playable "Video.mp4".
     void selfMergeOfFragmentedMp4() {
         if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
             QSKIP("ffmpeg and ffprobe are not installed");
-        QStringList files;
         QString error;
-        QVERIFY(QDir().mkpath(path(QStringLiteral("hls"))));
-        QVERIFY2(Fmp4Segments::make(path(QStringLiteral("hls")), 3, &files, &error),
+        QVERIFY2(FfmpegTestMedia::makeHls(path(QStringLiteral("hls")), 3, 1, true, &error),
                  qPrintable(error));
         QList<AbstractDownloadSourceInfo> sources;
-        for (const auto& file : std::as_const(files)) {
-            AbstractDownloadSourceInfo source;
-            source.url = QUrl::fromLocalFile(file);
-            m_contents.insert(source.url.toString(), readFile(file));
-            sources.append(source);
-        }
+        for (const auto& file :
+             FfmpegTestMedia::segmentFiles(path(QStringLiteral("hls/index.m3u8"))))
+            sources.append(addSegment(readFile(file)));
         auto manager = QSharedPointer<QtFfmpegManager>::create(
             QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr);
         auto merger = QSharedPointer<QtFfmpegAvMerger>::create(manager);
         auto info = record();
-        info.files[0].name = QStringLiteral("video.m4s");
-        info.files[0].tmpPath = path(QStringLiteral("tmp/video.m4s.part"));
+        info.files[0].name = QStringLiteral("Video.M4S"); // the extension in any case
+        info.files[0].tmpPath = path(QStringLiteral("tmp/Video.M4S"));
         auto downloader = make(info, sources, true, true, merger);
         QSignalSpy filesOps(downloader.get(), &AbstractDownload::performingFilesOperations);
         run(*downloader);
 
         QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
         const auto& file = downloader->info().files[0];
-        QCOMPARE(file.name, QStringLiteral("video.mp4"));
+        QCOMPARE(file.name, QStringLiteral("Video.mp4"));
         QVERIFY(file.tmpPath.isEmpty());
-        const QString result = path(QStringLiteral("dst/video.mp4"));
+        const QString result = path(QStringLiteral("dst/Video.mp4"));
         QCOMPARE(file.size, QFileInfo(result).size());
         QStringList streams;
         double duration = 0;
@@ -480,12 +473,12 @@ private Q_SLOTS:
     }
     void destroyedInAnyState() {
         QFETCH(QString, state);
+        const auto is = [&state](const char* name) {
+            return state == QLatin1String(name);
+        };
         const auto sources = addSegments({3000, 3000});
-        Plan firstRun;
-        firstRun.outcomeAfter = 1000;
-        firstRun.outcome = FakeDownload::Outcome::KeepRunning;
-        if (state != QLatin1String("asking"))
-            m_firstRunPlans.insert(sources[1].url.toString(), firstRun);
+        if (!is("asking"))
+            planNextChild(sources[1], 1000, FakeDownload::Outcome::KeepRunning);
         QVERIFY(writeFile(target(), "old"));
         auto downloader = make(record(), sources);
         AbstractDownloadSettings settings;
@@ -493,14 +486,13 @@ private Q_SLOTS:
         downloader->setSettings(settings);
         downloader->setInteractive(true);
         QSignalSpy asked(downloader.get(), &AbstractDownload::fileExistsActionRequired);
-        if (state != QLatin1String("idle"))
+        if (!is("idle"))
             downloader->doCommand(AbstractDownloadCommand::Start);
-        if (state == QLatin1String("asking")) {
+        if (is("asking"))
             QVERIFY(asked.wait(10000));
-        } else if (state != QLatin1String("idle")) {
+        else if (!is("idle"))
             QTRY_COMPARE(childDone(), 1000);
-        }
-        if (state == QLatin1String("stopping")) {
+        if (is("stopping")) {
             m_factory->lastDownload()->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
             downloader->doCommand(AbstractDownloadCommand::Stop);
             QVERIFY(downloader->isStopping());
@@ -508,7 +500,7 @@ private Q_SLOTS:
         downloader.reset();
         QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0);
         QCOMPARE(readFile(target()), QByteArray("old"));
-        if (state == QLatin1String("asking"))
+        if (is("asking"))
             QCOMPARE(readFile(temporary()), m_all);
     }
 };
