@@ -181,6 +181,11 @@ private Q_SLOTS:
         m_writer->processData(QByteArrayLiteral("small"));
         expectEvents("opened() failed() closed()");
         expectFailure(384, QFileDevice::ResourceError);
+        // A write larger than the file's buffer goes straight to the device.
+        m_writer->open(s("/dev/full"), 0);
+        m_writer->processData(QByteArray(64 * KiB, 'x'));
+        expectEvents("opened() failed() closed()");
+        expectFailure(140, QFileDevice::ResourceError);
 
         m_writer->processData(QByteArrayLiteral("dropped"));
         expectEvents("");
@@ -190,15 +195,6 @@ private Q_SLOTS:
         m_writer->processData(QByteArrayLiteral("pending"));
         expectEvents("");
         QCOMPARE(m_writer->processedData(), QByteArrayLiteral("pending"));
-        m_writer->wipePendingDataOut();
-        expectEvents("");
-        QVERIFY(m_writer->processedData().isEmpty());
-
-        // A write larger than the file's buffer goes straight to the device.
-        m_writer->open(s("/dev/full"), 0);
-        m_writer->processData(QByteArray(64 * KiB, 'x'));
-        expectEvents("opened() failed() closed()");
-        expectFailure(140, QFileDevice::ResourceError);
     }
 
     void sizeLimitStopsShortWritesAndPreallocation() {

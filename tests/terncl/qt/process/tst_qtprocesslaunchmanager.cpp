@@ -9,6 +9,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <memory>
+
 #ifdef Q_OS_UNIX
 #include <csignal>
 #endif
@@ -20,22 +22,23 @@ QStringList texts(const char* commaSeparated) {
     return QString::fromUtf8(commaSeparated).split(QLatin1Char(','));
 }
 
-// The manager's signals as one ordered list. After each end, a marker is added on the next turn
-// of the event loop: a launch listed before the marker started at once, one listed after it
-// waited for a timer.
-class Events : public QObject {
+// A manager that runs the helper program, with its signals as one ordered list. After each end,
+// a marker is added on the next turn of the event loop: a launch listed before the marker started
+// at once, one listed after it waited for a timer.
+class Rig : public QObject {
 public:
-    explicit Events(QtProcessLaunchManager* manager) {
-        connect(manager, &QtProcessLaunchManager::running, this,
+    explicit Rig(QSharedPointer<QtProcessSandboxManager> sandboxManager = nullptr)
+        : manager(std::move(sandboxManager)) {
+        connect(&manager, &QtProcessLaunchManager::running, this,
                 [this](bool on) { list << QString::fromUtf8(on ? "running" : "idle"); });
-        connect(manager, &QtProcessLaunchManager::launching, this,
+        connect(&manager, &QtProcessLaunchManager::launching, this,
                 [this](int id) { list << QStringLiteral("launching %1").arg(id); });
-        connect(manager, &QtProcessLaunchManager::dataFromProcess, this,
+        connect(&manager, &QtProcessLaunchManager::dataFromProcess, this,
                 [this](int id, const QByteArray& bytes) { data[id] += bytes; });
-        connect(manager, &QtProcessLaunchManager::errorDataFromProcess, this,
+        connect(&manager, &QtProcessLaunchManager::errorDataFromProcess, this,
                 [this](int id, const QByteArray& bytes) { errorData[id] += bytes; });
         connect(
-            manager, &QtProcessLaunchManager::finished, this,
+            &manager, &QtProcessLaunchManager::finished, this,
             [this](int id, const AbstractError& error, int exitCode) {
                 list << QStringLiteral("finished %1 %2 %3").arg(id).arg(error.code).arg(exitCode);
                 errors[id] = error;
@@ -43,40 +46,34 @@ public:
                                    [this, id] { list << QStringLiteral("turn %1").arg(id); });
             });
     }
+    void launch(int id, const char* args, bool merge = false, const Sandbox& sandbox = Sandbox()) {
+        manager.launch(id, TestChild::program(), texts(args), QString(), merge, false, sandbox, 0);
+    }
+    // A queued child that ends when open(id) is called.
+    void launchGated(int id, int maximum) {
+        manager.launch(id, TestChild::program(), {QStringLiteral("waitfile"), gate(id)}, QString(),
+                       false, true, Sandbox(), maximum);
+    }
+    void open(int id) { QVERIFY(QFile(gate(id)).open(QIODevice::WriteOnly)); }
     bool has(const QString& event) const { return list.contains(event); }
     bool has(const char* event) const { return has(QString::fromUtf8(event)); }
 
     QStringList list;
     QHash<int, QByteArray> data, errorData;
     QHash<int, AbstractError> errors;
+    QTemporaryDir gates;
+    // Last, so that it ends its children while the rest is still there.
+    QtProcessLaunchManager manager;
+
+private:
+    QString gate(int id) const { return gates.filePath(QString::number(id)); }
 };
 } // namespace
 
 class TestQtProcessLaunchManager : public QObject {
     Q_OBJECT
 
-private:
-    QTemporaryDir m_dir;
-    int m_round = 0;
-
-    void launchChild(QtProcessLaunchManager& manager, int id, const QStringList& args,
-                     bool useQueue = false, int maximum = 0, bool merge = false,
-                     const Sandbox& sandbox = Sandbox()) {
-        manager.launch(id, TestChild::program(), args, QString(), merge, useQueue, sandbox,
-                       maximum);
-    }
-    // A queued child that ends when open(id) is called.
-    void launchGated(QtProcessLaunchManager& manager, int id, int maximum) {
-        launchChild(manager, id, QStringList{QStringLiteral("waitfile"), gate(id)}, true, maximum);
-    }
-    QString gate(int id) const {
-        return m_dir.filePath(QStringLiteral("gate-%1-%2").arg(m_round).arg(id));
-    }
-    void open(int id) { QVERIFY(QFile(gate(id)).open(QIODevice::WriteOnly)); }
-
 private Q_SLOTS:
-    void init() { ++m_round; }
-
     void cleanup() {
         if (TestChild::runningChildCount() >= 0)
             QTRY_COMPARE(TestChild::runningChildCount(), 0);
@@ -84,155 +81,146 @@ private Q_SLOTS:
 
     void idsLogLinesAndBatchRewrite() {
         RecordingLogger log;
-        QtProcessLaunchManager manager(nullptr);
-        Events events(&manager);
-        QCOMPARE(manager.nextId(), 1);
-        QCOMPARE(manager.nextId(), 2);
+        Rig rig;
+        QCOMPARE(rig.manager.nextId(), 1);
+        QCOMPARE(rig.manager.nextId(), 2);
 
-        launchChild(manager, 2, texts("exit,3"));
-        QTRY_VERIFY(events.has("finished 2 0 3"));
+        rig.launch(2, "exit,3");
+        QTRY_VERIFY(rig.has("finished 2 0 3"));
         QVERIFY(log.contains(QStringLiteral("[QtProcessLaunchManager #2]: launching process: ") +
                              TestChild::program() + QStringLiteral(", with args: exit 3")));
         QVERIFY(log.contains(QStringLiteral(
             "[QtProcessLaunchManager #2]: process finished with exit code: 3 and status: 0")));
 
-        manager.launch(7, QStringLiteral("C:/tools/run.BAT"), texts("a"), QString(), false, false,
-                       Sandbox(), 0);
-        QTRY_VERIFY(events.has("turn 7"));
+        rig.manager.launch(7, QStringLiteral("C:/tools/run.BAT"), texts("a"), QString(), false,
+                           false, Sandbox(), 0);
+        QTRY_VERIFY(rig.has("turn 7"));
         QVERIFY(log.contains(QStringLiteral("[QtProcessLaunchManager #7]: launching process: "
                                             "cmd.exe, with args: /C C:/tools/run.BAT a")));
 #ifndef Q_OS_WIN
-        QVERIFY(events.has("finished 7 2 0"));
-        QCOMPARE(events.errors[7].category, std::string("GenericError"));
+        QVERIFY(rig.has("finished 7 2 0"));
+        QCOMPARE(rig.errors[7].category, std::string("GenericError"));
         QVERIFY(log.contains(
             QStringLiteral("[QtProcessLaunchManager #7]: process failed with error: 0")));
 #endif
-        QCOMPARE(events.list.count(QStringLiteral("running")), 2);
-        QCOMPARE(events.list.count(QStringLiteral("idle")), 2);
     }
 
     void outputAndDeadChildren() {
         RecordingLogger log;
-        QtProcessLaunchManager manager(nullptr);
-        Events events(&manager);
-        const QStringList streams = texts("streams,out,err");
-        launchChild(manager, 1, streams);
-        launchChild(manager, 2, streams, false, 0, true);
+        Rig rig;
+        rig.launch(1, "streams,out,err");
+        rig.launch(2, "streams,out,err", true);
         // A line split over several writes arrives whole, once.
-        launchChild(manager, 3, texts("chunks,20,ti,me=1,\\n"));
-        launchChild(manager, 4, texts("large,4194304"));
-        launchChild(manager, 5, texts("crash"));
-        QTRY_COMPARE(events.list.filter(QStringLiteral("finished")).size(), 5);
+        rig.launch(3, "chunks,20,ti,me=1,\\n");
+        rig.launch(4, "large,4194304");
+        rig.launch(5, "crash");
+        QTRY_COMPARE(rig.list.filter(QStringLiteral("finished")).size(), 5);
 
-        QCOMPARE(events.data[1], QByteArray("out"));
-        QCOMPARE(events.errorData[1], QByteArray("err"));
-        QVERIFY(events.data[2] == "outerr" || events.data[2] == "errout");
-        QVERIFY(!events.errorData.contains(2));
-        QCOMPARE(events.data[3], QByteArray("time=1\n"));
-        QCOMPARE(events.data[4].size(), 4194304);
-        QVERIFY(events.has("finished 5 2 0"));
-        QCOMPARE(events.data[5], QByteArray("about to crash\n"));
+        QCOMPARE(rig.data[1], QByteArray("out"));
+        QCOMPARE(rig.errorData[1], QByteArray("err"));
+        QVERIFY(rig.data[2] == "outerr" || rig.data[2] == "errout");
+        QVERIFY(!rig.errorData.contains(2));
+        QCOMPARE(rig.data[3], QByteArray("time=1\n"));
+        QCOMPARE(rig.data[4].size(), 4194304);
+        QVERIFY(rig.has("finished 5 2 0"));
+        QCOMPARE(rig.data[5], QByteArray("about to crash\n"));
         QVERIFY(log.contains(
             QStringLiteral("[QtProcessLaunchManager #5]: process failed with error: 1")));
 #ifdef Q_OS_UNIX
-        launchChild(manager, 6, texts("hang"));
-        QTRY_VERIFY(events.data[6].startsWith("pid "));
-        const pid_t pid = events.data[6].mid(4).trimmed().toInt();
+        rig.launch(6, "hang");
+        QTRY_VERIFY(rig.data[6].startsWith("pid "));
+        const pid_t pid = rig.data[6].mid(4).trimmed().toInt();
         QVERIFY(pid > 0);
         ::kill(pid, SIGKILL);
-        QTRY_VERIFY(events.has("finished 6 2 0"));
+        QTRY_VERIFY(rig.has("finished 6 2 0"));
 #endif
         // The manager goes on working after its children died.
-        launchChild(manager, 7, texts("echo,alive"));
-        QTRY_VERIFY(events.has("finished 7 0 0"));
-        QCOMPARE(events.data[7], QByteArray("alive\n"));
+        rig.launch(7, "echo,alive");
+        QTRY_VERIFY(rig.has("finished 7 0 0"));
+        QCOMPARE(rig.data[7], QByteArray("alive\n"));
     }
 
     void queueMaximaAndLimitsBelowOne() {
-        QtProcessLaunchManager manager(nullptr);
-        Events events(&manager);
-        launchGated(manager, 1, 1);
-        launchGated(manager, 2, 0);
-        launchGated(manager, 3, -1);
-        QCOMPARE(events.list, texts("running,launching 1"));
-        QVERIFY(manager.isRunning());
+        Rig rig;
+        rig.launchGated(1, 1);
+        rig.launchGated(2, 0);
+        rig.launchGated(3, -1);
+        QCOMPARE(rig.list, texts("running,launching 1"));
+        QVERIFY(rig.manager.isRunning());
         for (int id = 1; id <= 3; ++id) {
-            open(id);
-            QTRY_VERIFY(events.has(QStringLiteral("turn %1").arg(id)));
+            rig.open(id);
+            QTRY_VERIFY(rig.has(QStringLiteral("turn %1").arg(id)));
         }
         // After a normal end the next launch starts at once, before the event loop turns.
-        QCOMPARE(events.list,
-                 texts("running,launching 1,finished 1 0 0,launching 2,turn 1,"
-                       "finished 2 0 0,launching 3,turn 2,finished 3 0 0,idle,turn 3"));
-        QVERIFY(!manager.isRunning());
+        QCOMPARE(rig.list, texts("running,launching 1,finished 1 0 0,launching 2,turn 1,"
+                                 "finished 2 0 0,launching 3,turn 2,finished 3 0 0,idle,turn 3"));
+        QVERIFY(!rig.manager.isRunning());
 
         // 5 may run beside one other, 7 beside two others; 6 waits for an empty queue.
-        events.list.clear();
-        launchGated(manager, 4, 1);
-        launchGated(manager, 5, 2);
-        launchGated(manager, 6, 1);
-        launchGated(manager, 7, 3);
-        QCOMPARE(events.list, texts("running,launching 4,launching 5,launching 7"));
-        open(4);
-        open(5);
-        QTRY_VERIFY(events.has("turn 4") && events.has("turn 5"));
-        QVERIFY(!events.has("launching 6"));
-        open(7);
-        QTRY_VERIFY(events.has("launching 6"));
-        open(6);
-        QTRY_VERIFY(events.has("idle"));
+        rig.list.clear();
+        rig.launchGated(4, 1);
+        rig.launchGated(5, 2);
+        rig.launchGated(6, 1);
+        rig.launchGated(7, 3);
+        QCOMPARE(rig.list, texts("running,launching 4,launching 5,launching 7"));
+        rig.open(4);
+        rig.open(5);
+        QTRY_VERIFY(rig.has("turn 4") && rig.has("turn 5"));
+        QVERIFY(!rig.has("launching 6"));
+        rig.open(7);
+        QTRY_VERIFY(rig.has("launching 6"));
+        rig.open(6);
+        QTRY_VERIFY(rig.has("idle"));
     }
 
     void abortQueuedAndRunningLaunches() {
-        QtProcessLaunchManager manager(nullptr);
-        QCOMPARE(manager.queueRestartDelayAfterAbort(), 1000);
-        Events events(&manager);
+        Rig rig;
+        QCOMPARE(rig.manager.queueRestartDelayAfterAbort(), 1000);
         for (int id = 1; id <= 5; ++id)
-            launchGated(manager, id, 1);
+            rig.launchGated(id, 1);
 
         // A queued launch ends at once and never starts; an unknown id changes nothing.
-        manager.abort(2);
-        manager.abort(99);
-        QCOMPARE(events.list, texts("running,launching 1,finished 2 4 0"));
+        rig.manager.abort(2);
+        rig.manager.abort(99);
+        QCOMPARE(rig.list, texts("running,launching 1,finished 2 4 0"));
 
         // A running launch is killed; the next one waits for the pause after an abort.
-        manager.abort(1);
-        QTRY_VERIFY(events.has("launching 3"));
+        rig.manager.abort(1);
+        QTRY_VERIFY(rig.has("launching 3"));
         const auto at = [&](const char* event) {
-            return events.list.indexOf(QLatin1String(event));
+            return rig.list.indexOf(QLatin1String(event));
         };
         QVERIFY(at("finished 1 4 0") < at("turn 1") && at("turn 1") < at("launching 3"));
-        QCOMPARE(events.errors[1].category, std::string("GenericError"));
+        QCOMPARE(rig.errors[1].category, std::string("GenericError"));
 
         // Aborted during the pause, 4 must not be started when the pause ends; 5 is.
-        manager.abort(3);
-        QTRY_VERIFY(events.has("finished 3 4 0"));
-        manager.abort(4);
-        QTRY_VERIFY(events.has("launching 5"));
-        QVERIFY(!events.has("launching 4") && events.has("finished 4 4 0"));
+        rig.manager.abort(3);
+        QTRY_VERIFY(rig.has("finished 3 4 0"));
+        rig.manager.abort(4);
+        QTRY_VERIFY(rig.has("launching 5"));
+        QVERIFY(!rig.has("launching 4") && rig.has("finished 4 4 0"));
 
-        manager.abortAll();
-        QTRY_VERIFY(events.has("finished 5 4 0") && events.has("idle"));
-        QVERIFY(!events.has("launching 2"));
+        rig.manager.abortAll();
+        QTRY_VERIFY(rig.has("finished 5 4 0") && rig.has("idle"));
+        QVERIFY(!rig.has("launching 2"));
     }
 
     void launchAndAbortFromAnotherThread() {
-        QtProcessLaunchManager manager(nullptr);
-        Events events(&manager);
+        Rig rig;
         const auto inThread = [](const std::function<void()>& work) {
             QScopedPointer<QThread> thread(QThread::create(work));
             thread->start();
             return thread->wait();
         };
         QVERIFY(inThread([&] {
-            launchChild(manager, 1, texts("hang"));
-            launchChild(manager, 2, texts("hang"));
+            rig.launch(1, "hang");
+            rig.launch(2, "hang");
         }));
-        QTRY_VERIFY(events.data[1].startsWith("pid") && events.data[2].startsWith("pid"));
-        QVERIFY(inThread([&] { manager.abortList({1}); }));
-        QTRY_VERIFY(events.has("finished 1 4 0"));
-        QVERIFY(inThread([&] { manager.abortAll(); }));
-        QTRY_VERIFY(events.has("finished 2 4 0"));
+        QTRY_VERIFY(rig.data[1].startsWith("pid") && rig.data[2].startsWith("pid"));
+        QVERIFY(inThread([&] { rig.manager.abortList({1}); }));
+        QTRY_VERIFY(rig.has("finished 1 4 0"));
+        QVERIFY(inThread([&] { rig.manager.abortAll(); }));
+        QTRY_VERIFY(rig.has("finished 2 4 0"));
     }
 
     void sandboxedLaunchesFollowTheFallbackRule() {
@@ -242,27 +230,25 @@ private Q_SLOTS:
             if (kind > 0)
                 sandboxManager.reset(
                     new QtProcessSandboxManager(kind == 1 ? QString() : QStringLiteral("tern")));
-            QtProcessLaunchManager manager(sandboxManager);
-            Events events(&manager);
+            Rig rig(sandboxManager);
             Sandbox sandbox;
             sandbox.enabled = true;
-            launchChild(manager, 1, texts("echo,normal"), false, 0, false, sandbox);
+            rig.launch(1, "echo,normal", false, sandbox);
             sandbox.allowStartWithoutSandbox = false;
-            launchChild(manager, 2, texts("echo,never"), false, 0, false, sandbox);
-            QTRY_VERIFY(events.has("idle"));
-            QVERIFY(events.has("finished 1 0 0") && events.has("finished 2 2 0"));
-            QCOMPARE(events.data[1], QByteArray("normal\n"));
-            QVERIFY(!events.data.contains(2));
+            rig.launch(2, "echo,never", false, sandbox);
+            QTRY_VERIFY(rig.has("idle"));
+            QVERIFY(rig.has("finished 1 0 0") && rig.has("finished 2 2 0"));
+            QCOMPARE(rig.data[1], QByteArray("normal\n"));
+            QVERIFY(!rig.data.contains(2));
         }
     }
 
     void destructionKillsRunningChildren() {
-        auto* manager = new QtProcessLaunchManager(nullptr);
-        Events events(manager);
-        launchChild(*manager, 1, texts("hang"));
-        launchGated(*manager, 2, 1);
-        QTRY_VERIFY(events.data[1].startsWith("pid") && events.has("launching 2"));
-        delete manager;
+        auto rig = std::make_unique<Rig>();
+        rig->launch(1, "hang");
+        rig->launchGated(2, 1);
+        QTRY_VERIFY(rig->data[1].startsWith("pid") && rig->has("launching 2"));
+        rig.reset();
         if (TestChild::runningChildCount() >= 0)
             QCOMPARE(TestChild::runningChildCount(), 0);
     }
