@@ -70,8 +70,9 @@ void MemoryDataAsyncWriter::processData(const QByteArray& data) {
         return;
     }
     const qint64 position = m_baseOffset + m_written;
+    // A gap before the write position reads as zeros, never as leftover memory.
     if (m_target->size() < position + data.size())
-        m_target->resize(position + data.size());
+        m_target->resize(position + data.size(), '\0');
     m_target->replace(position, data.size(), data);
     m_written += data.size();
     Q_EMIT dataProcessed(data.size());
