@@ -6,41 +6,42 @@
 #include <QPointer>
 #include <QThread>
 
-// A download whose life a test scripts: it records the commands it gets, starts and stops on
-// them, grows the downloaded bytes of its record on demand and can be told to finish, fail or
-// stop unfinished. A run can also be scripted up front (chunks delivered one per event-loop
-// turn, then an outcome), so that code which starts downloads itself (a segments downloader, a
-// pack) drives them without a test in the loop.
+// A download whose life a test scripts step by step: it records the commands it gets, starts
+// and stops on them, grows the downloaded bytes of its record on demand and can be told to
+// finish, fail or stop unfinished. Lives on the test's thread.
 //
-// Extension points for fakes that really write data: onStartCommand/onStopCommand decide how
-// a command is carried out, onBytesReceived sees every chunk before the record counts it, and
-// onFinishing runs before the record is marked finished.
+// Fakes that really write data override onStartCommand/onStopCommand to decide how a command
+// is carried out, and end the run with the outcome they were planned for.
 class FakeDownload : public AbstractDownload {
     Q_OBJECT
 
 public:
     enum class Outcome {
         Finish,         // the record is marked finished, then running(false)
-        Fail,           // the script's error becomes the last error, then running(false)
+        Fail,           // the planned error becomes the last error, then running(false)
         StopUnfinished, // running(false) without an error
         KeepRunning,    // nothing more happens until the test says so
     };
 
     enum class StopBehaviour {
         Immediate, // stopping() and running(false) within doCommand(Stop)
-        Deferred,  // stopping() only; the test ends it with completeStop()
+        Deferred,  // stopping() only; the test ends the run itself
     };
 
-    explicit FakeDownload(qint64 id = 1, QObject* parent = nullptr);
-    ~FakeDownload() override;
+    explicit FakeDownload(qint64 id = 1, QObject* parent = nullptr)
+        : AbstractDownload(id, parent) {}
 
     // Network consumer.
-    void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override;
+    void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override {
+        m_networkSettings = settings;
+    }
     AbstractNetworkConsumerSettings networkSettings() const override { return m_networkSettings; }
-    void setNetworkUsageSettings(const NetworkUsageSettings& settings) override;
+    void setNetworkUsageSettings(const NetworkUsageSettings& settings) override {
+        m_usageSettings = settings;
+    }
     NetworkUsageSettings networkUsageSettings() const override { return m_usageSettings; }
     const QtConnectionsMap& connectionsMap() const override { return m_connections; }
-    qint64 speed(NetworkTrafficDirection direction, bool currentOnly) const override;
+    qint64 speed(NetworkTrafficDirection, bool) const override { return 0; }
     AbstractError lastError() const override { return m_lastError; }
     QList<QSslError> lastSslErrors() const override { return {}; }
     QtSslHost lastUnknownSslHost() const override { return {}; }
@@ -51,11 +52,15 @@ public:
     // Download.
     void doCommand(AbstractDownloadCommand command) override;
     const AbstractDownloadPersistentInfo& info() const override { return m_info; }
-    bool setInfo(const AbstractDownloadPersistentInfo& info) override;
+    bool setInfo(const AbstractDownloadPersistentInfo& info) override {
+        m_info = info;
+        return true;
+    }
     bool updateInfoFields(const AbstractDownloadPersistentInfo& info, qint64 fields,
                           BitFlagsUpdateMode mode) override;
-    QSet<AbstractDownloadDestinationType> supportedDestinations() const override;
-    bool setInitData(const QVariant& data) override;
+    QSet<AbstractDownloadDestinationType> supportedDestinations() const override {
+        return {AbstractDownloadDestinationType::File};
+    }
     bool setWritersThread(QThread* thread) override;
     void setSettings(const AbstractDownloadSettings& settings) override;
     const AbstractDownloadSettings& settings() const override { return m_settings; }
@@ -66,15 +71,10 @@ public:
 
     // What the download received.
     QList<AbstractDownloadCommand> commands() const { return m_commands; }
-    QVariant initData() const { return m_initData; }
     QThread* writersThread() const { return m_writersThread; }
     int setSettingsCalls() const { return m_setSettingsCalls; }
 
-    // Scripting a run in advance: on Start, each chunk arrives in its own event-loop turn,
-    // then the outcome happens (with error for Outcome::Fail).
-    void setScript(const QList<qint64>& chunks, Outcome outcome, const AbstractError& error = {});
     void setStopBehaviour(StopBehaviour behaviour) { m_stopBehaviour = behaviour; }
-    void setSpeed(qint64 bytesPerSecond) { m_speed = bytesPerSecond; }
     void setQueryingInfo(bool querying) { m_queryingInfo = querying; }
 
     // Scripting step by step.
@@ -87,23 +87,17 @@ public:
     // and running(false).
     void finish();
     void fail(const AbstractError& error);
-    void stopUnfinished();
-    // Ends a deferred stop.
-    void completeStop();
+    // Also ends a deferred stop.
+    void stopUnfinished() { setRunningState(false); }
 
 protected:
     virtual void onStartCommand();
     virtual void onStopCommand();
-    // A chunk of size bytes for the file at offset, before the record counts it.
-    virtual void onBytesReceived(int fileIndex, qint64 offset, qint64 bytes);
-    virtual void onFinishing();
 
     AbstractDownloadFileInfo& ensureFile(int fileIndex);
     void setRunningState(bool running);
 
 private:
-    void runScriptStep();
-
     AbstractDownloadPersistentInfo m_info;
     AbstractDownloadSettings m_settings;
     AbstractNetworkConsumerSettings m_networkSettings;
@@ -112,18 +106,10 @@ private:
     AbstractError m_lastError;
     QDateTime m_lastErrorTime;
     QList<AbstractDownloadCommand> m_commands;
-    QVariant m_initData;
     QPointer<QThread> m_writersThread;
     int m_setSettingsCalls = 0;
-    qint64 m_speed = 0;
     bool m_running = false;
     bool m_stopping = false;
     bool m_queryingInfo = false;
     StopBehaviour m_stopBehaviour = StopBehaviour::Immediate;
-
-    QList<qint64> m_scriptChunks;
-    Outcome m_scriptOutcome = Outcome::KeepRunning;
-    AbstractError m_scriptError;
-    qsizetype m_scriptPosition = 0;
-    quint64 m_runGeneration = 0; // a stop invalidates script steps still queued
 };
