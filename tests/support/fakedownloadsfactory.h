@@ -24,7 +24,7 @@ public:
 
     // Makes the download for a request; the factory then applies the record and init data.
     using Maker = std::function<QSharedPointer<FakeDownload>(qint64 id, const Request& request)>;
-    // Sets up each new download (its script, its stop behaviour) before it is handed out.
+    // Sets up each new download (for example its stop behaviour) before it is handed out.
     using Configurator = std::function<void(FakeDownload& download, const Request& request)>;
 
     explicit FakeDownloadsFactory(QObject* parent = nullptr);
