@@ -7,6 +7,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     const AbstractError error(7, AbstractError::GenericError, TERNCL_SOURCE_PLACE, "consumer");
-    QTextStream(stdout) << error << Qt::endl;
+    QTextStream out(stdout);
+    out << error << Qt::endl;
     return QMetaType::fromName("AbstractError").isValid() ? 0 : 1;
 }
