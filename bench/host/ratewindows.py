@@ -36,8 +36,15 @@ def main():
     while time.monotonic() - start < seconds and process.poll() is None:
         samples.append((time.monotonic() - start, size_of(paths)))
         time.sleep(0.02)
+    elapsed = time.monotonic() - start
+    ended_early = process.poll() is not None
+    final_size = size_of(paths)
     process.send_signal(signal.SIGKILL)
     process.wait()
+    if ended_early:
+        print(f"the command ended after {elapsed:.1f} s: {final_size / 1048576:.1f} MiB at "
+              f"{final_size / elapsed / 1024:.0f} KiB/s on average, so the limit did not hold")
+        return
 
     def size_at(t):  # the last sample at or before t
         best = 0
