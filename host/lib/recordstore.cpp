@@ -6,11 +6,40 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 
 namespace {
 const QString kRecord = QStringLiteral("record");
 const QString kHost = QStringLiteral("host");
+
+// Writes data over the file's old content and cuts off the rest: the file keeps its inode and
+// its block, so saving many times a second costs the file system little more than the write.
+bool overwrite(const QString& path, const QByteArray& data, QString* error) {
+    QFile file(path);
+    if (file.open(QIODevice::ReadWrite) && file.write(data) == data.size() &&
+        file.resize(data.size()) && file.flush())
+        return true;
+    *error = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+    return false;
+}
+
+// Puts the temporary file in the record's place atomically, so a reader (or the next run after a
+// crash) sees the old record or the new one, never a mix. Where the file system can, the two are
+// exchanged and the old record becomes the next temporary file. There is no fsync: the record must
+// survive the process, not a power cut, and syncing on every change costs more than the download.
+bool replace(const QByteArray& temporary, const QByteArray& path) {
+#ifdef __linux__
+    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, path.constData(), RENAME_EXCHANGE) ==
+        0)
+        return true;
+    if (errno != ENOENT && errno != EINVAL && errno != ENOSYS)
+        return false;
+#endif
+    return std::rename(temporary.constData(), path.constData()) == 0;
+}
 } // namespace
 
 RecordStore::RecordStore(QString folder)
@@ -29,19 +58,14 @@ bool RecordStore::save(const QString& key, const Entry& entry, QString* error) c
     QJsonObject root;
     root.insert(kRecord, QJsonDocument::fromJson(entry.record.toJson()).object());
     root.insert(kHost, QJsonObject::fromVariantHash(entry.host));
-    // A temporary file renamed over the old one: rename is atomic, so a reader (or the next run
-    // after a crash) sees the old record or the new one. No fsync: the record must survive the
-    // process, not a power cut, and syncing on every change would cost more than the download.
     const QString path = pathFor(key);
-    QFile temporary(path + QStringLiteral(".tmp"));
+    const QString temporary = path + QStringLiteral(".tmp");
     const QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
-    const bool written = temporary.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
-                         temporary.write(json) == json.size() && temporary.flush();
-    temporary.close();
-    if (!written || std::rename(QFile::encodeName(temporary.fileName()).constData(),
-                                QFile::encodeName(path).constData()) != 0) {
-        *error = QStringLiteral("cannot save %1: %2").arg(path, temporary.errorString());
-        temporary.remove();
+    if (!overwrite(temporary, json, error))
+        return false;
+    if (!replace(QFile::encodeName(temporary), QFile::encodeName(path))) {
+        *error = QStringLiteral("cannot save %1: %2")
+                     .arg(path, QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }
     return true;
@@ -72,5 +96,6 @@ std::optional<RecordStore::Entry> RecordStore::load(const QString& key, QString*
 }
 
 bool RecordStore::remove(const QString& key) const {
+    QFile::remove(pathFor(key) + QStringLiteral(".tmp"));
     return QFile::remove(pathFor(key));
 }
