@@ -1,6 +1,7 @@
 #include "support/faultyhttpserver.h"
 #include "support/ffmpegtestmedia.h"
 #include "support/nginxserver.h"
+#include "support/testfiles.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -15,10 +16,6 @@
 #include <csignal>
 
 namespace {
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 QByteArray concatenation(const QStringList& files) {
     QByteArray all;

@@ -1,3 +1,4 @@
+#include "support/testfiles.h"
 #include <terncl/inet/qt/download/abstractdownloadfileops.h>
 
 #include <QDir>
@@ -19,16 +20,6 @@ AbstractDownloadFileInfo fileRecord(const QString& name, qint64 done, const QStr
     return file;
 }
 
-bool writeFile(const QString& path, const QByteArray& data) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 } // namespace
 
 class TestAbstractDownloadFileOps : public QObject {

@@ -1,3 +1,4 @@
+#include "support/testfiles.h"
 #include <terncl/inet/qt/download/abstractdownloadfilesopscompanion.h>
 #include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
 
@@ -14,17 +15,6 @@
 
 namespace {
 using Companion = AbstractDownloadFilesOpsCompanion;
-
-bool writeFile(const QString& path, const QByteArray& data) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 
 QList<bool> edges(const QSignalSpy& spy) {
     QList<bool> list;

@@ -1,3 +1,4 @@
+#include "support/testfiles.h"
 #include <terncl/core/qtqobjectstracker.h>
 #include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
 #include <terncl/inet/qt/download/independentsegmentsdownloader.h>
@@ -23,17 +24,6 @@ using Downloader = IndependentSegmentsDownloader;
 using Plan = WritingFakeDownload::Plan;
 using Reaction = AbstractDownloadExistingFileReaction;
 using Action = AbstractDownloadFileExistsAction;
-
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-bool writeFile(const QString& path, const QByteArray& data) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
 
 AbstractError errorOf(int code, const char* category) {
     return AbstractError(code, category, {});
