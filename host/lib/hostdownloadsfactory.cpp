@@ -41,6 +41,5 @@ HostDownloadsFactory::createModuleDownload(const QString& moduleName,
     options.maxRetries = m_maxRetries;
     download->setOptions(options);
     download->setTokenBucket(m_bucket);
-    ++m_created;
     return download;
 }

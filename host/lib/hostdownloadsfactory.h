@@ -30,13 +30,11 @@ public:
 
     // Transient-failure retries of the downloads it makes.
     void setMaxRetries(int retries) { m_maxRetries = retries; }
-    int createdCount() const { return m_created; }
 
 private:
     QPointer<QNetworkAccessManager> m_network;
     QThread* m_writersThread;
     qint64 m_nextId = 1;
     int m_maxRetries = 5;
-    int m_created = 0;
     QSharedPointer<TokenBucket> m_bucket = QSharedPointer<TokenBucket>::create();
 };

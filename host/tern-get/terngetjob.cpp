@@ -95,10 +95,6 @@ QString TernGetJob::outputPath(const QString& suggestedName) const {
     return QDir::current().absoluteFilePath(name);
 }
 
-QString TernGetJob::resultPath() const {
-    return m_output;
-}
-
 void TernGetJob::start() {
     QString error;
     const auto entry = m_store.load(key(), &error);

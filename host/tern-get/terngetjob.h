@@ -70,7 +70,6 @@ private:
 
     QString outputPath(const QString& suggestedName) const;
     QString key() const;
-    QString resultPath() const;
 
     Options m_options;
     RecordStore m_store;

@@ -36,15 +36,6 @@ bool RecordingLogger::contains(const QString& line) const {
     return lines().contains(line);
 }
 
-QStringList RecordingLogger::linesStartingWith(const QString& prefix) const {
-    QStringList found;
-    for (const auto& line : lines()) {
-        if (line.startsWith(prefix))
-            found.append(line);
-    }
-    return found;
-}
-
 void RecordingLogger::clear() {
     QMutexLocker lock(&m_sink->mutex);
     m_sink->lines.clear();

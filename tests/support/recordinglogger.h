@@ -15,8 +15,6 @@ public:
 
     QStringList lines() const;
     bool contains(const QString& line) const;
-    // Lines that start with prefix.
-    QStringList linesStartingWith(const QString& prefix) const;
     void clear();
 
 private:
