@@ -334,8 +334,10 @@ bool HttpDownload::prepareRangeResponse(int status) {
             record.size = length;
     }
     record.contentType = m_reply->header(QNetworkRequest::ContentTypeHeader).toString();
+    // Starting over must reach the saved record before the writer cuts the file; anything else
+    // learnt here (size, resume support) is learnt again by the next attempt if it is lost.
+    Q_EMIT changed(restart);
     openWriter(!isShareOfAnotherFile() && doneBytes() == 0);
-    Q_EMIT changed(true);
     return true;
 }
 

@@ -50,18 +50,21 @@ QString RecordStore::pathFor(const QString& key) const {
     return QDir(m_folder).filePath(QString::fromLatin1(digest.toHex()) + QStringLiteral(".json"));
 }
 
+// Saves come several times a second while a stream downloads, so the folder is made once and
+// only made again when a write finds it gone.
 bool RecordStore::save(const QString& key, const Entry& entry, QString* error) const {
-    if (!QDir().mkpath(m_folder)) {
-        *error = QStringLiteral("cannot create the state folder %1").arg(m_folder);
+    if (!m_folderMade && !makeFolder(error))
         return false;
-    }
-    QJsonObject root;
-    root.insert(kRecord, QJsonDocument::fromJson(entry.record.toJson()).object());
-    root.insert(kHost, QJsonObject::fromVariantHash(entry.host));
+    // Both parts are compact JSON objects already: joining the texts spares a parse and a second
+    // serialisation of the record.
+    const QByteArray json =
+        "{\"" + kHost.toLatin1() + "\":" +
+        QJsonDocument(QJsonObject::fromVariantHash(entry.host)).toJson(QJsonDocument::Compact) +
+        ",\"" + kRecord.toLatin1() + "\":" + entry.record.toJson() + '}';
     const QString path = pathFor(key);
     const QString temporary = path + QStringLiteral(".tmp");
-    const QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
-    if (!overwrite(temporary, json, error))
+    if (!overwrite(temporary, json, error) &&
+        (QDir(m_folder).exists() || !makeFolder(error) || !overwrite(temporary, json, error)))
         return false;
     if (!replace(QFile::encodeName(temporary), QFile::encodeName(path))) {
         *error = QStringLiteral("cannot save %1: %2")
@@ -69,6 +72,13 @@ bool RecordStore::save(const QString& key, const Entry& entry, QString* error) c
         return false;
     }
     return true;
+}
+
+bool RecordStore::makeFolder(QString* error) const {
+    m_folderMade = QDir().mkpath(m_folder);
+    if (!m_folderMade)
+        *error = QStringLiteral("cannot create the state folder %1").arg(m_folder);
+    return m_folderMade;
 }
 
 std::optional<RecordStore::Entry> RecordStore::load(const QString& key, QString* error) const {

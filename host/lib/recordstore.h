@@ -28,5 +28,8 @@ public:
     bool remove(const QString& key) const;
 
 private:
+    bool makeFolder(QString* error) const;
+
     QString m_folder;
+    mutable bool m_folderMade = false;
 };

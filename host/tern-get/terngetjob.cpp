@@ -56,6 +56,7 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     , m_options(std::move(options))
     , m_store(m_options.stateDir)
     , m_err(new QTextStream(stderr)) {
+    m_key = key();
     m_progressTimer.setInterval(m_options.progressBar ? 250 : 2000);
     connect(&m_progressTimer, &QTimer::timeout, this, [this] { showProgress(false); });
     m_saveTimer.setSingleShot(true);
@@ -97,7 +98,7 @@ QString TernGetJob::outputPath(const QString& suggestedName) const {
 
 void TernGetJob::start() {
     QString error;
-    const auto entry = m_store.load(key(), &error);
+    const auto entry = m_store.load(m_key, &error);
     if (!error.isEmpty())
         *m_err << "tern-get: ignoring saved state: " << error << Qt::endl;
     if (entry) {
@@ -236,7 +237,7 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
     m_segmentsTotal = entry.host.value(kSegmentsTotal).toInt();
     if (entry.record.isFinished() && QFile::exists(m_output)) {
         *m_err << "tern-get: already downloaded: " << m_output << Qt::endl;
-        m_store.remove(key());
+        m_store.remove(m_key);
         finish(0);
         return;
     }
@@ -279,16 +280,35 @@ void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
 
 // --- Running ------------------------------------------------------------------------------------
 
+// A record that claims fewer bytes than before (a download that starts its file over) is saved
+// at once, before the file shrinks: a record must never claim bytes the file has lost. Growing
+// records only ever trail the file, so their critical changes are saved once per pass of the
+// event loop, after the whole burst of changes a finished segment sets off.
 void TernGetJob::onChanged(bool critical) {
-    if (critical)
+    if (critical && m_download->info().downloadedBytes() < m_savedBytes)
         save();
+    else if (critical)
+        scheduleCriticalSave();
     else if (!m_saveTimer.isActive())
         m_saveTimer.start();
 }
 
 void TernGetJob::onSegmentFinished() {
     ++m_segmentsDone;
-    save();
+    scheduleCriticalSave();
+}
+
+void TernGetJob::scheduleCriticalSave() {
+    if (m_criticalSavePending)
+        return;
+    m_criticalSavePending = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (m_criticalSavePending)
+                save();
+        },
+        Qt::QueuedConnection);
 }
 
 void TernGetJob::onRunning(bool running) {
@@ -333,13 +353,14 @@ void TernGetJob::save() {
     m_criticalSavePending = false;
     RecordStore::Entry entry;
     entry.record = m_download->info();
+    m_savedBytes = entry.record.downloadedBytes();
     entry.host.insert(kKind, m_kind == Kind::Hls ? QStringLiteral("hls") : QStringLiteral("file"));
     entry.host.insert(kOutput, m_output);
     entry.host.insert(kPlaylistUrl, m_playlistUrl.toString(QUrl::FullyEncoded));
     entry.host.insert(kSegmentsDone, m_segmentsDone);
     entry.host.insert(kSegmentsTotal, m_segmentsTotal);
     QString error;
-    if (!m_store.save(key(), entry, &error))
+    if (!m_store.save(m_key, entry, &error))
         *m_err << "tern-get: " << error << Qt::endl;
 }
 
@@ -404,7 +425,7 @@ void TernGetJob::finish(int exitCode) {
         return;
     if (exitCode == 0) {
         showProgress(true);
-        m_store.remove(key());
+        m_store.remove(m_key);
         QTextStream(stdout) << "Saved to " << m_output << Qt::endl;
     }
     m_finished = true;

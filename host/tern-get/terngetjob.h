@@ -90,6 +90,8 @@ private:
     bool m_interrupted = false;
     bool m_finished = false;
     bool m_criticalSavePending = false;
+    qint64 m_savedBytes = 0; // what the last saved record claims
+    QString m_key;
     QTimer m_progressTimer;
     QTimer m_saveTimer;
     QElapsedTimer m_clock;
