@@ -1,0 +1,2 @@
+terncl_add_test(tst_abstractdownloadresourceversionselector
+  terncl/inet/qt/download/tst_abstractdownloadresourceversionselector.cpp)

@@ -1,0 +1,119 @@
+#include <terncl/inet/qt/download/abstractdownloadresourceversionselector.h>
+
+#include <QSignalSpy>
+#include <QTest>
+
+using Selector = AbstractDownloadResourceVersionSelector;
+
+namespace {
+struct TestSelector : Selector {
+    using Selector::setResourceVersions;
+    using Selector::updateResourceSize;
+};
+
+// "format:type:height[:parts[:language]]", kept as the version's title.
+Selector::CompositeVersion version(const QString& label) {
+    const auto fields = label.split(QLatin1Char(':'));
+    Selector::CompositeVersion result;
+    result.title = label;
+    result.media.format = fields.value(0);
+    result.media.type = fields.value(1).toInt();
+    result.media.height = fields.value(2).toInt();
+    result.parts.resize(fields.value(3).toInt());
+    result.media.language = fields.value(4);
+    return result;
+}
+
+// Space-separated labels of versions.
+QSharedPointer<TestSelector> selectorOf(const QByteArray& labels) {
+    auto selector = QSharedPointer<TestSelector>::create();
+    QList<Selector::CompositeVersion> versions;
+    for (const auto& label :
+         QString::fromLatin1(labels).split(QLatin1Char(' '), Qt::SkipEmptyParts))
+        versions.append(version(label));
+    selector->setResourceVersions(versions);
+    return selector;
+}
+
+QByteArray titles(const Selector& selector) {
+    QStringList result;
+    for (const auto& version : selector.resourceVersions())
+        result.append(version.title);
+    return result.join(QLatin1Char(' ')).toLatin1();
+}
+
+} // namespace
+
+class TestAbstractDownloadResourceVersionSelector : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void sortOrdersByFormatTypeHeightAndParts_data() {
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("mp4 beats a higher webm") << QByteArray("webm:2:1080 mp4:2:720 mp4:2:1080")
+                                                 << QByteArray("mp4:2:1080 mp4:2:720 webm:2:1080");
+        QTest::newRow("webm with video early, audio-only webm late")
+            << QByteArray("webm:1:0 m4a:1:0 flv:2:240 3gp:2:144 webm:3:720 mp4:3:360 mkv:2:1080")
+            << QByteArray("mp4:3:360 webm:3:720 3gp:2:144 flv:2:240 m4a:1:0 webm:1:0 mkv:2:1080");
+        QTest::newRow("video with audio, then height, then fewer parts")
+            << QByteArray("mp4:3:1080 mp4:2:720:2 mp4:2:720 mp4:2:1080:2")
+            << QByteArray("mp4:2:1080:2 mp4:2:720 mp4:2:720:2 mp4:3:1080");
+        // Judged by height alone the two webm versions would form a cycle with the m4a one.
+        QTest::newRow("audio-only webm behind m4a whatever its height")
+            << QByteArray("webm:1:1080 m4a:1:0 webm:3:720")
+            << QByteArray("webm:3:720 m4a:1:0 webm:1:1080");
+    }
+    void sortOrdersByFormatTypeHeightAndParts() {
+        QFETCH(QByteArray, input);
+        QFETCH(QByteArray, expected);
+        auto selector = selectorOf(input);
+        selector->sort(false);
+        QCOMPARE(titles(*selector), expected);
+    }
+
+    void sortRemovesDuplicatesOnlyWhenAsked() {
+        // All but the 480p one share one media description; only their URLs and parts differ.
+        auto selector = selectorOf("mp4:2:720:2 mp4:2:480 mp4:2:720 mp4:2:720");
+        auto versions = selector->resourceVersions();
+        versions[2].url = QUrl(QStringLiteral("https://a.test/v"));
+        versions[3].url = QUrl(QStringLiteral("https://b.test/v"));
+        selector->setResourceVersions(versions);
+        selector->sort(false);
+        QCOMPARE(selector->resourceVersions().size(), 4);
+        selector->sort(true);
+        QCOMPARE(titles(*selector), "mp4:2:720 mp4:2:480"); // the better placed one stays
+    }
+
+    void sizesAndDashVersions() {
+        auto selector = selectorOf("a:2:1 b:2:1:2 c:2:1:1 d:2:1:2 e:2:1:3");
+        QVERIFY(selector->containsCompositeVersions());
+        selector->updateResourceSize(0, -1, 500);
+        selector->updateResourceSize(1, 0, 300);
+        QCOMPARE(selector->resourceVersions().at(0).totalSize(), 500);
+        QCOMPARE(selector->resourceVersions().at(1).totalSize(), -1); // second part unknown
+        selector->updateResourceSize(1, 1, 200);
+        QCOMPARE(selector->resourceVersions().at(1).totalSize(), 500);
+
+        selector->setSelectedVersion(4);
+        selector->removeDashVersions();
+        QCOMPARE(titles(*selector), "a:2:1 c:2:1:1 e:2:1:3");
+        QCOMPARE(selector->selectedVersion(), 4); // not adjusted
+    }
+
+    void selectionTakesOnlyExistingIndexes() {
+        auto selector = selectorOf("mp4:2:720 mp4:2:480");
+        QSignalSpy spy(selector.data(), &Selector::selectedVersionChanged);
+        selector->setSelectedVersion(2);
+        selector->setSelectedVersion(-1);
+        QCOMPARE(selector->selectedVersion(), -1);
+        QVERIFY(selector->setProperty("selectedVersion", 1));
+        selector->setSelectedVersion(1);
+        selector->setSelectedVersion(-1);
+        QCOMPARE(selector->selectedVersion(), 1);
+        QCOMPARE(spy.count(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAbstractDownloadResourceVersionSelector)
+#include "tst_abstractdownloadresourceversionselector.moc"
