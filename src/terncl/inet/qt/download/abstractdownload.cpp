@@ -1,6 +1,8 @@
 #include "abstractdownload.h"
 
 #include "abstractdownloadabortreason.h"
+#include "abstractdownloadresourceversionoption.h"
+#include "abstractdownloadresourceversionselector.h"
 #include "abstractnewdownloadsrequestjob.h"
 #include "abstractnewdownloadssource.h"
 #include "operationspeedtracker.h"
@@ -123,6 +125,38 @@ void AbstractDownload::clearAllOptions() {
 void AbstractDownload::setAllOptions(AbstractDownloadPersistentInfo& info,
                                      const QList<QVariant>& options) {
     info.customData.insert(optionsKey, options);
+}
+
+bool AbstractDownload::chooseDefaultResourceVersion() {
+    return chooseDefaultResourceVersion(allOptions());
+}
+
+bool AbstractDownload::chooseDefaultResourceVersion(const QHash<quint64, QVariant>& options) {
+    const auto fileTypeValue = options.value(PreferredResourceFileType);
+    const auto fileType = fileTypeValue.metaType() == QMetaType::fromType<AbstractFileType>()
+                              ? fileTypeValue.value<AbstractFileType>()
+                              : AbstractFileType(fileTypeValue.toInt());
+    return chooseDefaultResourceVersion(fileType, options.value(MaxResourceVideoHeight).toInt(),
+                                        options.value(PreferredResourceFormat).toString(),
+                                        options.value(PreferredResourceLanguage).toString());
+}
+
+bool AbstractDownload::chooseDefaultResourceVersion(AbstractFileType fileType, int maxHeight,
+                                                    const QString& format,
+                                                    const QString& language) {
+    const auto selector = resourceVersionSelector();
+    if (!selector)
+        return false;
+    const auto count = selector->resourceVersions().size();
+    if (count == 0)
+        return false;
+    // An index left over from a longer list (removeDashVersions keeps it) is no selection.
+    const auto selected = selector->selectedVersion();
+    if (selected >= 0 && selected < count)
+        return true;
+    selector->setSelectedVersion(
+        selector->defaultVersionIndex(fileType, maxHeight, format, language));
+    return selector->selectedVersion() >= 0;
 }
 
 void AbstractDownload::doCustomCommand(const QVariant&, const QVariant&) {}

@@ -9,6 +9,7 @@
 #include <terncl/inet/qt/download/abstractdownloadpersistentinfo.h>
 #include <terncl/inet/qt/download/abstractdownloadsettings.h>
 #include <terncl/inet/qt/download/abstractdownloadtask.h>
+#include <terncl/inet/qt/download/abstractfiletype.h>
 #include <terncl/inet/qt/download/abstractitempreviewsource.h>
 #include <terncl/inet/qt/download/abstractnetworkconsumerwithextratasks.h>
 #include <terncl/inet/qt/download/bitflagsupdatemode.h>
@@ -61,6 +62,22 @@ public:
     void restoreOptions(bool removeBackup);
     void clearAllOptions();
     static void setAllOptions(AbstractDownloadPersistentInfo& info, const QList<QVariant>& options);
+
+    // Default choice among the versions of resourceVersionSelector(). A version that is
+    // already selected (by the user, or by an earlier choice) is kept: the default never
+    // overrides a selection. Each returns whether a version is selected afterwards; false, with
+    // nothing changed, when there is no selector or it has no versions. The rule is that of
+    // AbstractDownloadResourceVersionSelector::defaultVersionIndex.
+    //
+    // Reads the AbstractDownloadResourceVersionOption options of this download.
+    bool chooseDefaultResourceVersion();
+    // Reads the AbstractDownloadResourceVersionOption bits of the given options; other bits are
+    // ignored and a missing one means no preference.
+    bool chooseDefaultResourceVersion(const QHash<quint64, QVariant>& options);
+    // fileType: Video, Audio, or anything else for no preference; maxHeight: 0 or less for no
+    // limit; format and language: empty for no preference.
+    bool chooseDefaultResourceVersion(AbstractFileType fileType, int maxHeight,
+                                      const QString& format, const QString& language);
 
 public Q_SLOTS:
     virtual void doCommand(AbstractDownloadCommand command) = 0;

@@ -1,3 +1,6 @@
+#include "support/fakedownload.h"
+
+#include <terncl/inet/qt/download/abstractdownloadresourceversionoption.h>
 #include <terncl/inet/qt/download/abstractdownloadresourceversionselector.h>
 
 #include <QSignalSpy>
@@ -9,6 +12,12 @@ namespace {
 struct TestSelector : Selector {
     using Selector::setResourceVersions;
     using Selector::updateResourceSize;
+};
+
+// A download whose versions the test supplies.
+struct VersionsDownload : FakeDownload {
+    QSharedPointer<TestSelector> selector;
+    QSharedPointer<Selector> resourceVersionSelector() override { return selector; }
 };
 
 // "format:type:height[:parts[:language]]", kept as the version's title.
@@ -42,6 +51,9 @@ QByteArray titles(const Selector& selector) {
     return result.join(QLatin1Char(' ')).toLatin1();
 }
 
+// In preference order, as the media download hands them over after sorting.
+const QByteArray choices =
+    "mp4:2:1080:0:en mp4:2:720:0:de webm:2:1440:0:en-GB mp4:3:2160 m4a:1:0:0:de webm:1:0";
 } // namespace
 
 class TestAbstractDownloadResourceVersionSelector : public QObject {
@@ -112,6 +124,74 @@ private Q_SLOTS:
         selector->setSelectedVersion(-1);
         QCOMPARE(selector->selectedVersion(), 1);
         QCOMPARE(spy.count(), 1);
+    }
+
+    // Criteria "fileType:maxHeight:format:language", fileType 0 (any), 1 (video) or 2 (audio).
+    void defaultChoiceFollowsTheCriteria_data() {
+        QTest::addColumn<QString>("criteria");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("no preference") << QStringLiteral("0:0::") << 0;
+        QTest::newRow("height limit") << QStringLiteral("1:1000::") << 1;
+        QTest::newRow("lowest above a limit none meets") << QStringLiteral("1:480::") << 1;
+        QTest::newRow("limit before language") << QStringLiteral("1:720::en") << 1;
+        QTest::newRow("format, any case") << QStringLiteral("1:0:WEBM:") << 2;
+        QTest::newRow("absent format ignored") << QStringLiteral("1:0:mkv:") << 0;
+        QTest::newRow("primary language") << QStringLiteral("1:0::en-US") << 0;
+        QTest::newRow("audio only") << QStringLiteral("2:0::") << 4;
+        QTest::newRow("unknown language beats another") << QStringLiteral("2:0::fr") << 5;
+    }
+    void defaultChoiceFollowsTheCriteria() {
+        QFETCH(QString, criteria);
+        QFETCH(int, expected);
+        const auto c = criteria.split(QLatin1Char(':'));
+        VersionsDownload download;
+        download.selector = selectorOf(choices);
+        QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType(c.at(0).toInt()),
+                                                      c.at(1).toInt(), c.at(2), c.at(3)));
+        QCOMPARE(download.selector->selectedVersion(), expected);
+    }
+
+    void defaultChoiceFallsBackAndKeepsASelection() {
+        VersionsDownload download;
+        QVERIFY(!download.chooseDefaultResourceVersion());
+        download.selector = selectorOf("");
+        QVERIFY(!download.chooseDefaultResourceVersion());
+
+        // Audio without audio-only versions takes one with sound; video without video anything.
+        download.selector = selectorOf("mp4:3:1080 mp4:2:720");
+        QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType::Audio, 0, {}, {}));
+        QCOMPARE(download.selector->selectedVersion(), 1);
+        download.selector = selectorOf("m4a:1:0 ogg:0:0");
+        QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType::Video, 0, {}, {}));
+        QCOMPARE(download.selector->selectedVersion(), 0);
+
+        // A selection made before is never overridden.
+        download.selector = selectorOf(choices);
+        download.selector->setSelectedVersion(3);
+        QSignalSpy spy(download.selector.data(), &Selector::selectedVersionChanged);
+        QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType::Audio, 0, {}, {}));
+        QCOMPARE(download.selector->selectedVersion(), 3);
+        QCOMPARE(spy.count(), 0);
+    }
+
+    void defaultChoiceReadsTheOptions() {
+        VersionsDownload download;
+        auto info = download.info();
+        info.supportedOptions = PreferredResourceFileType | MaxResourceVideoHeight |
+                                PreferredResourceFormat | PreferredResourceLanguage;
+        download.setInfo(info);
+        download.setOption(PreferredResourceFileType, int(AbstractFileType::Video));
+        download.setOption(MaxResourceVideoHeight, 2000);
+        download.setOption(PreferredResourceLanguage, QStringLiteral("en-GB"));
+        download.selector = selectorOf(choices);
+        QVERIFY(download.chooseDefaultResourceVersion());
+        QCOMPARE(download.selector->selectedVersion(), 2);
+
+        download.selector = selectorOf(choices);
+        QVERIFY(download.chooseDefaultResourceVersion(
+            {{PreferredResourceFileType, QVariant::fromValue(AbstractFileType::Audio)},
+             {PreferredResourceFormat, QStringLiteral("webm")}}));
+        QCOMPARE(download.selector->selectedVersion(), 5);
     }
 };
 
