@@ -349,8 +349,6 @@ void HttpDownload::openWriter(bool truncate) {
     connect(m_writer, &AbstractDataAsyncProcessor::dataProcessed, this,
             &HttpDownload::onDataProcessed);
     connect(m_writer, &AbstractDataAsyncProcessor::failed, this, &HttpDownload::onWriterFailed);
-    connect(m_writer, &AbstractDataAsyncProcessor::allDataIsProcessed, this,
-            &HttpDownload::onAttemptDrained);
     m_sentToWriter = 0;
     m_confirmedBase = doneBytes();
     m_confirmed = 0;
@@ -448,9 +446,10 @@ void HttpDownload::endAttempt(Outcome outcome, const AbstractError& error) {
     m_pumpTimer.stop();
     releaseReply();
     setConnected(false);
-    if (m_writer)
-        m_writer->emitAllDataIsProcessed();
-    else
+    // Every write the writer owes is reported by its own dataProcessed, so the attempt is drained
+    // as soon as the last one arrives; waiting for an extra marker from the writers thread would
+    // add a round trip to every segment of a stream.
+    if (!m_writer || m_confirmed == m_sentToWriter)
         onAttemptDrained();
 }
 
@@ -459,6 +458,8 @@ void HttpDownload::onDataProcessed(qint64 size) {
     setDone(m_confirmedBase + m_confirmed);
     Q_EMIT progressChanged(doneBytes(), file().size);
     Q_EMIT changed(false);
+    if (m_draining && m_confirmed == m_sentToWriter)
+        onAttemptDrained();
 }
 
 void HttpDownload::onWriterFailed() {
