@@ -183,8 +183,9 @@ AbstractDownloadPersistentInfo::fromVariantHash(const QVariantHash& hash) {
 }
 
 QByteArray AbstractDownloadPersistentInfo::toJson() const {
-    return QJsonDocument(terncl::record::toJson(QVariant(toVariantHash())).toObject())
-        .toJson(QJsonDocument::Compact);
+    QByteArray json;
+    terncl::record::appendJsonText(json, QVariant(toVariantHash()));
+    return json;
 }
 
 AbstractDownloadPersistentInfo AbstractDownloadPersistentInfo::fromJson(const QByteArray& json,

@@ -3,6 +3,9 @@
 #include <QJsonArray>
 #include <QJsonObject>
 
+#include <QLocale>
+
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -197,6 +200,121 @@ QJsonValue toJson(const QVariant& value) {
     }
     default:
         return QJsonValue::fromVariant(value);
+    }
+}
+
+namespace {
+void appendJsonString(QByteArray& out, const QString& text) {
+    static const char hex[] = "0123456789abcdef";
+    const QByteArray utf8 = text.toUtf8();
+    out.reserve(out.size() + utf8.size() + 2);
+    out.append('"');
+    for (const char c : utf8) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out.append('\\').append(c);
+        } else if (byte < 0x20) {
+            out.append("\\u00").append(hex[byte >> 4]).append(hex[byte & 0xf]);
+        } else {
+            out.append(c);
+        }
+    }
+    out.append('"');
+}
+
+void appendJsonDouble(QByteArray& out, double value) {
+    if (!std::isfinite(value)) {
+        out.append("null"); // what QJsonDocument writes for them too
+        return;
+    }
+    out.append(QByteArray::number(value, 'g', QLocale::FloatingPointShortest));
+}
+
+void appendJsonObject(QByteArray& out, const QVariantHash& hash) {
+    QList<QString> keys = hash.keys();
+    std::sort(keys.begin(), keys.end());
+    out.append('{');
+    for (qsizetype i = 0; i < keys.size(); ++i) {
+        if (i > 0)
+            out.append(',');
+        appendJsonString(out, keys.at(i));
+        out.append(':');
+        appendJsonText(out, hash.value(keys.at(i)));
+    }
+    out.append('}');
+}
+
+// Types without a shortcut take the general conversion, then the same writer.
+void appendJsonValue(QByteArray& out, const QJsonValue& value) {
+    switch (value.type()) {
+    case QJsonValue::Bool:
+        out.append(value.toBool() ? "true" : "false");
+        return;
+    case QJsonValue::Double:
+        if (value.toVariant().typeId() == QMetaType::LongLong)
+            out.append(QByteArray::number(value.toInteger()));
+        else
+            appendJsonDouble(out, value.toDouble());
+        return;
+    case QJsonValue::String:
+        appendJsonString(out, value.toString());
+        return;
+    case QJsonValue::Array:
+    case QJsonValue::Object:
+        appendJsonText(out, fromJson(value));
+        return;
+    default:
+        out.append("null");
+    }
+}
+} // namespace
+
+void appendJsonText(QByteArray& out, const QVariant& value) {
+    switch (value.typeId()) {
+    case QMetaType::UnknownType:
+    case QMetaType::Nullptr:
+        out.append("null");
+        return;
+    case QMetaType::Bool:
+        out.append(value.toBool() ? "true" : "false");
+        return;
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::Long:
+        out.append(QByteArray::number(value.toLongLong()));
+        return;
+    case QMetaType::ULongLong:
+    case QMetaType::ULong:
+        out.append(QByteArray::number(qint64(value.toULongLong())));
+        return;
+    case QMetaType::Double:
+    case QMetaType::Float:
+        appendJsonDouble(out, value.toDouble());
+        return;
+    case QMetaType::QString:
+        appendJsonString(out, value.toString());
+        return;
+    case QMetaType::QVariantHash:
+    case QMetaType::QVariantMap:
+        appendJsonObject(out, readHash(value));
+        return;
+    case QMetaType::QVariantList:
+    case QMetaType::QStringList: {
+        const QVariantList list = value.toList();
+        out.append('[');
+        for (qsizetype i = 0; i < list.size(); ++i) {
+            if (i > 0)
+                out.append(',');
+            appendJsonText(out, list.at(i));
+        }
+        out.append(']');
+        return;
+    }
+    default:
+        appendJsonValue(out, QJsonValue::fromVariant(value));
     }
 }
 

@@ -2,7 +2,10 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrl>
+
 #include <QTest>
+#include <limits>
 
 namespace {
 AbstractDownloadFileInfo sampleFile() {
@@ -91,6 +94,37 @@ private Q_SLOTS:
         const auto newer = AbstractDownloadPersistentInfo::fromVariantHash(hash);
         QCOMPARE(newer.toVariantHash(), hash);
         QCOMPARE(AbstractDownloadPersistentInfo::fromJson(newer.toJson()).toVariantHash(), hash);
+    }
+
+    void jsonTextIsWhatTheGeneralConversionGives() {
+        // The record writes its JSON text itself; every kind of value an application may keep in
+        // custom data must come out as Qt's own JSON conversion would have it.
+        auto info = sampleRecord();
+        info.customData = {
+            {QStringLiteral("quotes \" and \\ back"),
+             QStringLiteral("line\nbreak\ttab\u0001\u001f")},
+            {QStringLiteral("unicode"),
+             QString::fromUtf8("\xc3\xa9t\xc3\xa9 \xf0\x9f\x8e\xac \xe2\x80\xa8")},
+            {QStringLiteral("numbers"),
+             QVariantList{0.1, 1.0 / 3, 1e300, -2.5e-300, 3.0, std::numeric_limits<qint64>::max(),
+                          std::numeric_limits<qint64>::min(), -1, 7u, short(-3), 2.5f}},
+            {QStringLiteral("nested"),
+             QVariantMap{{QStringLiteral("b"), QVariantList{QVariantHash{}, QVariantList{}}},
+                         {QStringLiteral("a"), QStringList{QStringLiteral("x")}}}},
+            {QStringLiteral("other types"),
+             QVariantList{true, false, QVariant(), QUrl(QStringLiteral("http://h/p?q=1")),
+                          QByteArray("bytes"), QDateTime(QDate(2026, 1, 2), QTime(3, 4, 5))}},
+        };
+        QJsonParseError error;
+        const auto written = QJsonDocument::fromJson(info.toJson(), &error);
+        QCOMPARE(error.error, QJsonParseError::NoError);
+        QCOMPARE(written, QJsonDocument(QJsonObject::fromVariantHash(info.toVariantHash())));
+        // Unsigned numbers keep their bits rather than rounding through a double.
+        info.customData = {{QStringLiteral("u"), std::numeric_limits<quint64>::max()}};
+        QCOMPARE(QJsonDocument::fromJson(
+                     info.toJson())[QStringLiteral("customData")][QStringLiteral("u")]
+                     .toInteger(),
+                 -1);
     }
 
     void fileRecordUsesTheSharedKeys() {
