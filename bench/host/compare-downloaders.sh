@@ -3,6 +3,8 @@
 # 500 segments of about 200 KiB, wall time of each program (median of RUNS), then speed-limit
 # accuracy of tern-get, curl and aria2c at 2 MiB/s over 20 s.
 #   bench/host/compare-downloaders.sh BUILD-DIR [WORK-DIR] [RUNS]
+# With a build configured with -DTERNCL_BUILD_BENCH=ON it also times bench_qnamsequential, plain
+# QNetworkAccessManager fetching the same URLs, which is the floor for tern-get's HTTP stack.
 # Needs: ffmpeg nginx curl aria2 yt-dlp python3 (apt-get install aria2 yt-dlp).
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -65,6 +67,9 @@ echo
 echo "Wall time, median of $runs runs:"
 timeit "tern-get" "$tern_get" "$url" -o out/s.ts --state-dir state
 timeit "curl (one connection, sequential)" sh -c "curl -s \$(cat urls.txt) > out/s.ts"
+if [ -x "$build/bench/bench_qnamsequential" ]; then
+  timeit "QNetworkAccessManager alone" "$build/bench/bench_qnamsequential" urls.txt out/s.ts
+fi
 timeit "ffmpeg -c copy" ffmpeg -hide_banner -loglevel error -y -i "$url" -c copy out/s.ts
 if command -v yt-dlp > /dev/null; then
   timeit "yt-dlp (one fragment at a time)" yt-dlp --no-progress --concurrent-fragments 1 \
@@ -76,6 +81,11 @@ fi
 tern=$(awk '/^tern-get /{print $2}' results.txt)
 curl_time=$(awk '/^curl /{print $NF}' results.txt)
 echo "tern-get / curl = $(echo "scale=3; $tern / $curl_time" | bc)"
+floor=$(awk '/^QNetworkAccessManager /{print $NF}' results.txt)
+if [ -n "$floor" ]; then
+  echo "QNetworkAccessManager alone / curl = $(echo "scale=3; $floor / $curl_time" | bc)"
+  echo "tern-get / QNetworkAccessManager alone = $(echo "scale=3; $tern / $floor" | bc)"
+fi
 
 echo
 echo "Speed limit 2 MiB/s, one-second windows after the first two, 20 s:"
