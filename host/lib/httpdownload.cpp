@@ -336,8 +336,9 @@ bool HttpDownload::prepareRangeResponse(int status) {
     record.contentType = m_reply->header(QNetworkRequest::ContentTypeHeader).toString();
     // Starting over must reach the saved record before the writer cuts the file; anything else
     // learnt here (size, resume support) is learnt again by the next attempt if it is lost.
-    Q_EMIT changed(restart);
-    openWriter(!isShareOfAnotherFile() && doneBytes() == 0);
+    const bool truncate = !isShareOfAnotherFile() && doneBytes() == 0;
+    Q_EMIT changed(restart || truncate);
+    openWriter(truncate);
     return true;
 }
 

@@ -3,11 +3,14 @@
 #include "support/testfiles.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+
+#include <functional>
 
 namespace {
 QByteArray pattern(int size, int seed = 0) {
@@ -41,9 +44,12 @@ private:
     }
 
     // Runs the download to its end and returns it for inspection.
-    QSharedPointer<HttpDownload> run(const AbstractDownloadPersistentInfo& info) {
+    QSharedPointer<HttpDownload> run(const AbstractDownloadPersistentInfo& info,
+                                     const std::function<void(HttpDownload*)>& prepare = {}) {
         QSharedPointer<HttpDownload> download(new HttpDownload(1, &m_network));
         download->setInfo(info);
+        if (prepare)
+            prepare(download.data());
         download->setWritersThread(&m_writers);
         HttpDownload::Options options;
         options.retryBaseDelayMs = 10;
@@ -101,10 +107,30 @@ private Q_SLOTS:
         // stale first bytes are replaced rather than followed by a second copy.
         QVERIFY(writeFile(target(), QByteArray(70000, 'x') + QByteArray(500000, 'y')));
         m_server->setFault(QStringLiteral("/r"), {FaultyHttpServer::FaultKind::IgnoreRange, 0, -1});
-        download = run(info);
+        // The host saves critical changes; starting over must be one, announced while the file
+        // still holds its old bytes, or a record saved earlier would claim bytes that are gone.
+        qint64 fileSizeWhenRestartAnnounced = -1;
+        const auto watchRestart = [&](HttpDownload* starting) {
+            connect(starting, &AbstractDownload::changed, starting, [&, starting](bool critical) {
+                if (critical && fileSizeWhenRestartAnnounced < 0 &&
+                    starting->info().downloadedBytes() == 0)
+                    fileSizeWhenRestartAnnounced = QFileInfo(target()).size();
+            });
+        };
+        download = run(info, watchRestart);
         QCOMPARE(download->lastError().code, 0);
+        QCOMPARE(fileSizeWhenRestartAnnounced, 570000);
         QCOMPARE(readFile(target()), body);
         QCOMPARE(m_server->accessLog().constLast().status, 200);
+
+        // Without resume support the whole body is asked for again, which cuts the file too.
+        info.files[0].resumeSupport = AbstractDownloadFileInfo::ResumeNotSupported;
+        QVERIFY(writeFile(target(), QByteArray(570000, 'z')));
+        fileSizeWhenRestartAnnounced = -1;
+        download = run(info, watchRestart);
+        QCOMPARE(fileSizeWhenRestartAnnounced, 570000);
+        QCOMPARE(readFile(target()), body);
+        QVERIFY(m_server->accessLog().constLast().range.isEmpty());
     }
 
     void errorStatusNeverReachesTheFile() {
