@@ -31,14 +31,14 @@ class QtFfmpegAvMerger;
 //
 // Segments in flight: a window of consecutive segments from the first one not yet in the target
 // (the head). A child made while no other is in flight writes straight into the target at the
-// total, as the only child does when one segment at a time is fetched. Children made behind it
-// ("ahead") write into a spill file of their own beside the target, "<target>.seg<k>" with k
-// below maxConcurrentSegments(), because the offset of a segment is unknown until the ones before
-// it end. When the head is done, finished spill files are appended to the target in order on the
-// writers thread (through one 1 MiB buffer) and removed. A later segment finishing first waits;
-// no segment beyond the window starts while the head is unfinished. Bounds, for N segments at
-// once: at most N children and N spill files, so the spill files hold at most N times the
-// largest segment on disk, and the downloader itself holds one 1 MiB buffer in memory.
+// total, as the only child does when one segment at a time is fetched. Children made while
+// others are in flight ("ahead") write into a spill file of their own beside the target,
+// "<target>.seg<k>" with k below maxConcurrentSegments(), because the offset of a segment is
+// unknown until the ones before it end. When the head is done, finished spill files are appended to
+// the target in order on the writers thread (through one 1 MiB buffer) and removed. A later segment
+// finishing first waits; no segment beyond the window starts while the head is unfinished. Bounds,
+// for N segments at once: at most N children and N spill files, so the spill files hold at most N
+// times the largest segment on disk, and the downloader itself holds one 1 MiB buffer in memory.
 //
 // The record describes only what is in the target: the total of the segments appended in order,
 // and the half-done head when it writes straight into the target (its source and file record in
@@ -60,8 +60,8 @@ class QtFfmpegAvMerger;
 //   name) and writeOffset = the segments total at its creation. When the parent has no file record
 //   yet, the child's has neither name nor tmpPath: the child names the file and the parent takes
 //   its name, and its tmpPath if it set one (no segment is fetched ahead until then). A child
-//   fetching ahead has tmpPath = its spill file, removed before the child is made, and
-//   writeOffset 0.
+//   fetching ahead has tmpPath = its spill file, removed on the writers thread before the
+//   child's first write, and writeOffset 0.
 // - It writes its bytes at writeOffset + section offset + done through a FileDataAsyncWriter on
 //   the writers thread handed to it with setWritersThread, never truncates or preallocates that
 //   file, counts a byte as done only once the writer has flushed it, and reports finished only
