@@ -11,8 +11,8 @@ class QThread;
 
 // Makes the host's downloads. Every record becomes an HttpDownload (the only protocol the host
 // speaks), with a new id, the shared network access manager and the writers thread. Its
-// downloads share one speed-limit bucket: the host runs them one after another (the segments of
-// a stream), and the limit must hold across them.
+// downloads share one speed-limit bucket: the segments of a stream run one after another or
+// several at once, and the limit must hold across all of them.
 class HostDownloadsFactory final : public AbstractDownloadsSimpleFactory {
     Q_OBJECT
 

@@ -69,7 +69,12 @@ int main(int argc, char** argv) {
     const QCommandLineOption retries(QStringLiteral("retries"),
                                      QStringLiteral("Retry transient failures N times."),
                                      QStringLiteral("N"), QStringLiteral("5"));
-    parser.addOptions({output, limitRate, stateDir, retries});
+    const QCommandLineOption concurrentSegments(
+        {QStringLiteral("N"), QStringLiteral("concurrent-segments")},
+        QStringLiteral("Fetch up to N segments of a stream at once (1 to %1).")
+            .arg(TernGetJob::MaxConcurrentSegments),
+        QStringLiteral("N"), QString::number(TernGetJob::Options().concurrentSegments));
+    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -86,6 +91,15 @@ int main(int argc, char** argv) {
     options.stateDir = parser.value(stateDir);
     options.retries = parser.value(retries).toInt();
     options.progressBar = ::isatty(STDERR_FILENO) == 1;
+    bool isNumber = false;
+    options.concurrentSegments = parser.value(concurrentSegments).toInt(&isNumber);
+    if (!isNumber || options.concurrentSegments < 1 ||
+        options.concurrentSegments > TernGetJob::MaxConcurrentSegments) {
+        err << "tern-get: --concurrent-segments takes a whole number from 1 to "
+            << TernGetJob::MaxConcurrentSegments << ": " << parser.value(concurrentSegments)
+            << Qt::endl;
+        return 2;
+    }
     if (parser.isSet(limitRate)) {
         options.limitRate = RateText::parse(parser.value(limitRate));
         if (options.limitRate <= 0) {

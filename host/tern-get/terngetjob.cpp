@@ -269,6 +269,10 @@ void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
     NetworkUsageSettings usage;
     usage.downloadSpeedLimit = m_options.limitRate;
     download->setNetworkUsageSettings(usage);
+    // Through the base class, so that any download that fetches segments takes it (and hands it
+    // to its children) while the others drop it.
+    download->setOption(IndependentSegmentsDownloader::ConcurrentSegmentsOption,
+                        m_options.concurrentSegments);
     m_startBytes = download->info().downloadedBytes();
     m_clock.start();
     save();

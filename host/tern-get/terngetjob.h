@@ -29,13 +29,17 @@ class TernGetJob : public QObject {
     Q_OBJECT
 
 public:
+    // More connections to one server than this help no one and look like abuse.
+    static constexpr int MaxConcurrentSegments = 64;
+
     struct Options {
         QUrl url;
         QString output; // empty: named after the resource
         qint64 limitRate = 0;
         QString stateDir;
         int retries = 5;
-        bool progressBar = false; // a single redrawn line instead of periodic lines
+        int concurrentSegments = 4; // segments of a stream fetched at once
+        bool progressBar = false;   // a single redrawn line instead of periodic lines
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);

@@ -16,6 +16,9 @@
 #include <QJsonObject>
 #include <QThread>
 
+#include <algorithm>
+#include <functional>
+
 const QString IndependentSegmentsDownloader::CurrentSegmentSourceKey =
     QStringLiteral("currentSegmentSource");
 const QString IndependentSegmentsDownloader::CurrentSegmentFileKey =
@@ -47,12 +50,108 @@ QVariantHash toHash(const QVariant& value) {
     }
 }
 
+AbstractError fileError(const QFileDevice& file, const std::string& place) {
+    AbstractError error(file, place);
+    if (!error.isSet())
+        error.code = QFileDevice::UnspecifiedError;
+    return error;
+}
+
+// Copies the first size bytes of a segment fetched ahead into the target at offset, through one
+// buffer, and removes the spill file once its bytes are flushed.
+AbstractError appendSpilledSegment(const QString& spillPath, const QString& targetPath,
+                                   qint64 offset, qint64 size) {
+    constexpr qint64 bufferSize = 1 << 20;
+    QFile spill(spillPath);
+    if (!spill.open(QIODevice::ReadOnly))
+        return fileError(spill, TERNCL_SOURCE_PLACE);
+    if (spill.size() < size) {
+        return AbstractError(QFileDevice::ReadError, AbstractError::QtFileError,
+                             TERNCL_SOURCE_PLACE,
+                             QStringLiteral("%1 holds %2 bytes, fewer than its segment's %3")
+                                 .arg(spillPath)
+                                 .arg(spill.size())
+                                 .arg(size)
+                                 .toStdString());
+    }
+    QFile target(targetPath);
+    QDir().mkpath(QFileInfo(targetPath).path());
+    if (!target.open(QIODevice::ReadWrite) || !target.seek(offset))
+        return fileError(target, TERNCL_SOURCE_PLACE);
+    QByteArray buffer(qMin(size, bufferSize), Qt::Uninitialized);
+    for (qint64 left = size; left > 0;) {
+        const qint64 read = spill.read(buffer.data(), qMin(left, bufferSize));
+        if (read <= 0)
+            return fileError(spill, TERNCL_SOURCE_PLACE);
+        if (target.write(buffer.constData(), read) != read)
+            return fileError(target, TERNCL_SOURCE_PLACE);
+        left -= read;
+    }
+    if (!target.flush())
+        return fileError(target, TERNCL_SOURCE_PLACE);
+    spill.close();
+    spill.remove();
+    return {};
+}
+
+// Spill files of the target: "<target>.seg" followed by digits.
+void removeSpillFiles(const QString& targetPath) {
+    const QFileInfo target(targetPath);
+    const QString prefix = target.fileName() + QStringLiteral(".seg");
+    QDir dir = target.dir();
+    for (const QString& name : dir.entryList({prefix + u'*'}, QDir::Files | QDir::Hidden)) {
+        const QStringView rest = QStringView(name).mid(prefix.size());
+        if (!rest.isEmpty() &&
+            std::all_of(rest.begin(), rest.end(), [](QChar c) { return c.isDigit(); }))
+            dir.remove(name);
+    }
+}
+
 // The size a finished segment adds to the total.
 qint64 finishedSegmentSize(const AbstractDownloadPersistentInfo& info) {
     if (info.files.isEmpty())
         return 0;
     const auto& file = info.files.constFirst();
     return file.size >= 0 ? file.size : file.downloadedBytes();
+}
+// Work on the segments' files that runs on the writers thread, after every write queued there
+// before it, so that it sees the children's flushed bytes. Deletes itself once it has reported.
+class SegmentFilesJob : public QObject {
+    Q_OBJECT
+
+public:
+    SegmentFilesJob(QThread* thread, std::function<AbstractError()> work)
+        : m_work(std::move(work)) {
+        if (thread)
+            moveToThread(thread);
+    }
+    // Connect to done() first.
+    void start() { QMetaObject::invokeMethod(this, &SegmentFilesJob::run, Qt::QueuedConnection); }
+
+Q_SIGNALS:
+    void done(const AbstractError& error);
+
+private:
+    void run() {
+        Q_EMIT done(m_work());
+        deleteLater();
+    }
+
+    std::function<AbstractError()> m_work;
+};
+
+// Queued behind the writes already on the writers thread. Without one, children write on the
+// calling thread at once, so the files go at once too.
+void removeSpillFilesLater(QThread* thread, const QStringList& paths) {
+    const auto remove = [paths] {
+        for (const QString& path : paths)
+            QFile::remove(path);
+        return AbstractError();
+    };
+    if (!thread)
+        remove();
+    else if (!paths.isEmpty())
+        (new SegmentFilesJob(thread, remove))->start();
 }
 } // namespace
 
@@ -76,17 +175,20 @@ IndependentSegmentsDownloader::IndependentSegmentsDownloader(
             &AbstractDownload::fileExistsActionRequired);
     connect(companion, &Companion::fileExistsActionApplied, this,
             &AbstractDownload::fileExistsActionApplied);
+    m_info.supportedOptions |= ConcurrentSegmentsOption;
     if (const auto tracker = QtQObjectsTracker::instance())
         tracker->registerObject(this, "IndependentSegmentsDownloader");
 }
 
 IndependentSegmentsDownloader::~IndependentSegmentsDownloader() {
     m_companion->disconnect(this);
-    if (m_segment && m_segment->isRunning()) {
-        m_segment->disconnect(this);
-        m_segment->doCommand(AbstractDownloadCommand::Stop);
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download && segment.download->isRunning()) {
+            segment.download->disconnect(this);
+            segment.download->doCommand(AbstractDownloadCommand::Stop);
+        }
     }
-    releaseCurrentSegmentDownload();
+    releaseSegmentsInFlight();
 }
 
 void IndependentSegmentsDownloader::setSegmentsSources(
@@ -97,7 +199,25 @@ void IndependentSegmentsDownloader::setSegmentsSources(
     m_sourcesComplete = sourcesComplete;
     m_mergeRequired = mergeRequired;
     m_currentIndex = 0;
-    releaseCurrentSegmentDownload();
+    releaseSegmentsInFlight();
+}
+
+void IndependentSegmentsDownloader::setMaxConcurrentSegments(int count) {
+    setOption(ConcurrentSegmentsOption, qMax(count, 1));
+}
+
+int IndependentSegmentsDownloader::maxConcurrentSegments() const {
+    return qMax(allOptions().value(ConcurrentSegmentsOption).toInt(), 1);
+}
+
+void IndependentSegmentsDownloader::setOption(quint64 option, const QVariant& value) {
+    AbstractDownload::setOption(option, value);
+    if (option == ConcurrentSegmentsOption && isRunning())
+        continueToDownloadSegments();
+}
+
+QSharedPointer<AbstractDownload> IndependentSegmentsDownloader::currentSegmentDownload() const {
+    return m_inFlight.isEmpty() ? nullptr : m_inFlight.constFirst().download;
 }
 
 // --- Commands ------------------------------------------------------------------------------------
@@ -192,16 +312,14 @@ void IndependentSegmentsDownloader::stop(const AbstractError& error) {
 void IndependentSegmentsDownloader::continueToStop() {
     if (!isRunning() || !testState(Stopping))
         return;
-    if (testState(Finalizing) || m_companion->isPerformingOperation())
+    // An append in progress ends first: its segment is counted, not fetched again.
+    if (testState(Finalizing) || m_companion->isPerformingOperation() || isAppending())
         return;
-    if (m_segment) {
-        if (m_segment->isRunning()) {
-            if (!m_segment->isStopping())
-                m_segment->doCommand(AbstractDownloadCommand::Stop); // may finish the stop
-            return;
-        }
-        releaseCurrentSegmentDownload();
-    }
+    if (stopSegmentDownloads())
+        return;
+    if (!isRunning() || !testState(Stopping))
+        return; // a child's running(false) finished the stop meanwhile
+    releaseSegmentsInFlight();
     const AbstractError pending = std::exchange(m_pendingError, {});
     const QDateTime pendingTime = std::exchange(m_pendingErrorTime, {});
     if (pending.isSet() && pending != m_lastError) {
@@ -215,7 +333,22 @@ void IndependentSegmentsDownloader::continueToStop() {
 
 // --- Segments ------------------------------------------------------------------------------------
 
+// Starting a child can end it at once, and the end of a segment comes back here: the outer call
+// goes round again instead of nesting.
 void IndependentSegmentsDownloader::continueToDownloadSegments() {
+    if (m_continuing) {
+        m_continueAgain = true;
+        return;
+    }
+    m_continuing = true;
+    do {
+        m_continueAgain = false;
+        stepDownloadSegments();
+    } while (m_continueAgain);
+    m_continuing = false;
+}
+
+void IndependentSegmentsDownloader::stepDownloadSegments() {
     if (!isRunning())
         return;
     if (testState(Stopping)) {
@@ -224,23 +357,10 @@ void IndependentSegmentsDownloader::continueToDownloadSegments() {
     }
     if (testState(Finalizing) || m_companion->isPerformingOperation())
         return;
-    if (m_segment) {
-        if (m_segment->isRunning())
-            return;
-        releaseCurrentSegmentDownload();
-    }
-    if (m_currentIndex < m_sources.size()) {
-        if (const AbstractError error = createNextSegmentDownload(); error.isSet()) {
-            stop(error);
-            return;
-        }
-        const QSharedPointer<AbstractDownload> segment = m_segment;
-        segment->doCommand(AbstractDownloadCommand::Start);
-        // A child that neither ran nor said so would leave the download waiting for ever.
-        if (m_segment == segment && isRunning() && !segment->isRunning())
-            onCurrentSegmentStopped();
+    while (canStartAnotherSegment())
+        startNextSegment();
+    if (!m_inFlight.isEmpty() || !isRunning() || testState(Stopping))
         return;
-    }
     if (m_sourcesComplete) {
         finalizeDownload();
         return;
@@ -252,61 +372,103 @@ void IndependentSegmentsDownloader::continueToDownloadSegments() {
     stop(AbstractError());
 }
 
-AbstractError IndependentSegmentsDownloader::createNextSegmentDownload() {
+bool IndependentSegmentsDownloader::canStartAnotherSegment() const {
+    if (!isRunning() || testState(Stopping) || testState(Finalizing))
+        return false;
+    if (m_currentIndex + m_inFlight.size() >= m_sources.size())
+        return false;
+    if (m_inFlight.isEmpty())
+        return true;
+    // Spill files lie beside the target, so its name must be known first.
+    return m_inFlight.size() < maxConcurrentSegments() && !targetFilePath().isEmpty();
+}
+
+void IndependentSegmentsDownloader::startNextSegment() {
+    SegmentInFlight segment;
+    segment.serial = m_nextSerial++;
+    segment.index = m_currentIndex + int(m_inFlight.size());
+    if (!m_inFlight.isEmpty()) {
+        segment.spillSlot = freeSpillSlot();
+        segment.spillPath = spillPath(segment.spillSlot);
+        // A spill file left by a killed run must not lengthen the new one.
+        removeSpillFilesLater(m_writersThread, {segment.spillPath});
+    }
+    AbstractError error;
+    segment.download = createSegmentDownload(segment, error);
+    if (!segment.download) {
+        stop(error);
+        return;
+    }
+    const QSharedPointer<AbstractDownload> download = segment.download;
+    m_inFlight.append(segment);
+    download->doCommand(AbstractDownloadCommand::Start);
+    // A child that neither ran nor said so would leave the download waiting for ever.
+    if (isRunning() && !download->isRunning() && findSegment(download.data()))
+        onSegmentStopped(download.data());
+}
+
+QSharedPointer<AbstractDownload>
+IndependentSegmentsDownloader::createSegmentDownload(const SegmentInFlight& segment,
+                                                     AbstractError& error) {
     const auto factory = m_factory.toStrongRef();
     if (!factory) {
-        return genericError(GenericFailureCode, TERNCL_SOURCE_PLACE,
-                            QStringLiteral("the downloads factory is gone"));
+        error = genericError(GenericFailureCode, TERNCL_SOURCE_PLACE,
+                             QStringLiteral("the downloads factory is gone"));
+        return {};
     }
-    const AbstractDownloadSourceInfo& source = m_sources.at(m_currentIndex);
+    const AbstractDownloadSourceInfo& source = m_sources.at(segment.index);
     auto& customData = m_info.customData;
-    const bool resume =
-        customData.contains(CurrentSegmentSourceKey) && customData.contains(CurrentSegmentFileKey);
+    const bool ahead = !segment.spillPath.isEmpty();
+    const bool resume = !ahead && customData.contains(CurrentSegmentSourceKey) &&
+                        customData.contains(CurrentSegmentFileKey);
     if (resume) {
         const auto stored = AbstractDownloadSourceInfo::fromVariantHash(
             toHash(customData.value(CurrentSegmentSourceKey)));
         if (stored != source) {
-            return genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
-                                QStringLiteral("the half-done segment %1 is not segment %2 of the "
-                                               "list (%3)")
-                                    .arg(stored.url.toString())
-                                    .arg(m_currentIndex)
-                                    .arg(source.url.toString()));
+            error = genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
+                                 QStringLiteral("the half-done segment %1 is not segment %2 of "
+                                                "the list (%3)")
+                                     .arg(stored.url.toString())
+                                     .arg(segment.index)
+                                     .arg(source.url.toString()));
+            return {};
         }
-    } else {
+    } else if (!ahead) {
         customData.insert(CurrentSegmentSourceKey, source.toVariantHash());
     }
-    AbstractError error;
-    const auto segment = factory->createDownload(makeSegmentInfo(source, resume), error);
-    if (!segment) {
-        return genericError(ChildCreationFailedCode, TERNCL_SOURCE_PLACE,
-                            QStringLiteral("cannot create the download of segment %1: %2")
-                                .arg(m_currentIndex)
-                                .arg(error.toText()));
+    AbstractError factoryError;
+    const auto download =
+        factory->createDownload(makeSegmentInfo(source, resume, segment.spillPath), factoryError);
+    if (!download) {
+        error = genericError(ChildCreationFailedCode, TERNCL_SOURCE_PLACE,
+                             QStringLiteral("cannot create the download of segment %1: %2")
+                                 .arg(segment.index)
+                                 .arg(factoryError.toText()));
+        return {};
     }
     log(QStringLiteral("%1 segment %2 of %3: %4")
-            .arg(resume ? QStringLiteral("resuming") : QStringLiteral("fetching"))
-            .arg(m_currentIndex)
+            .arg(resume ? QStringLiteral("resuming")
+                        : (ahead ? QStringLiteral("fetching ahead") : QStringLiteral("fetching")))
+            .arg(segment.index)
             .arg(m_sources.size())
             .arg(source.url.toString()));
-    m_segment = segment;
     AbstractDownloadSettings settings = m_settings;
     settings.flags &= ~qint32(AbstractDownloadSettings::TruncateFilesWhenCreating);
-    segment->setSettings(settings);
-    segment->setInteractive(false);
-    segment->setNetworkSettings(m_networkSettings);
-    segment->setNetworkUsageSettings(m_usageSettings);
+    download->setSettings(settings);
+    download->setInteractive(false);
+    download->setNetworkSettings(m_networkSettings);
+    download->setNetworkUsageSettings(m_usageSettings);
     if (m_writersThread)
-        segment->setWritersThread(m_writersThread);
+        download->setWritersThread(m_writersThread);
     if (m_speedMeter)
-        m_speedMeter->registerDownload(segment.data());
-    connectSegmentDownload(segment.data());
-    return {};
+        m_speedMeter->registerDownload(download.data());
+    connectSegmentDownload(download.data());
+    return download;
 }
 
 AbstractDownloadPersistentInfo
 IndependentSegmentsDownloader::makeSegmentInfo(const AbstractDownloadSourceInfo& source,
-                                               bool resume) const {
+                                               bool resume, const QString& spillPath) const {
     AbstractDownloadPersistentInfo info;
     setupChildOriginatorName(info);
     info.downloadType = AbstractDownloadType::Resource;
@@ -338,9 +500,11 @@ IndependentSegmentsDownloader::makeSegmentInfo(const AbstractDownloadSourceInfo&
         file.flags = 0;
         file.resumeSupport = AbstractDownloadFileInfo::ResumeUnknown;
     }
-    if (const QString target = targetFilePath(); !target.isEmpty())
+    if (!spillPath.isEmpty())
+        file.tmpPath = spillPath;
+    else if (const QString target = targetFilePath(); !target.isEmpty())
         file.tmpPath = target;
-    file.writeOffset = segmentsTotal();
+    file.writeOffset = spillPath.isEmpty() ? segmentsTotal() : 0;
     info.files = {file};
     return info;
 }
@@ -351,7 +515,7 @@ void IndependentSegmentsDownloader::connectSegmentDownload(AbstractDownload* dow
     connect(download, &AbstractNetworkConsumerWithExtraTasks::running, this,
             &IndependentSegmentsDownloader::onSegmentDownloadRunning);
     connect(download, &AbstractNetworkConsumer::connectionsMapChangedDelta, this,
-            &AbstractNetworkConsumer::connectionsMapChangedDelta);
+            &IndependentSegmentsDownloader::onSegmentConnectionsChanged);
     connect(download, &AbstractDownload::sendingRequestHeaders, this,
             &AbstractDownload::sendingRequestHeaders);
     connect(download, &AbstractDownload::gotResponseHeaders, this,
@@ -363,22 +527,59 @@ void IndependentSegmentsDownloader::connectSegmentDownload(AbstractDownload* dow
             &AbstractNetworkConsumer::sslAcceptUnknownHostRequired, Qt::DirectConnection);
 }
 
+void IndependentSegmentsDownloader::onSegmentConnectionsChanged(const QtConnectionsMap& delta) {
+    terncl::applyConnectionsDelta(m_connections, delta);
+    Q_EMIT connectionsMapChangedDelta(delta);
+}
+
 // The child is deleted later: this may run inside one of its own signals.
-void IndependentSegmentsDownloader::releaseCurrentSegmentDownload() {
-    if (!m_segment)
+void IndependentSegmentsDownloader::releaseSegmentDownload(SegmentInFlight& segment) {
+    if (!segment.download)
         return;
-    const QSharedPointer<AbstractDownload> segment = std::exchange(m_segment, {});
-    segment->disconnect(this);
-    segment->setParent(nullptr);
+    const QSharedPointer<AbstractDownload> download = std::exchange(segment.download, {});
+    download->disconnect(this);
+    download->setParent(nullptr);
+    if (const QtConnectionsMap& connections = download->connectionsMap(); !connections.isEmpty())
+        onSegmentConnectionsChanged(terncl::negatedConnections(connections));
     if (auto* app = QCoreApplication::instance())
         QMetaObject::invokeMethod(
-            app, [segment] {}, Qt::QueuedConnection);
+            app, [download] {}, Qt::QueuedConnection);
+}
+
+// Segments not yet in the target are dropped with their spill files; the half-done head that
+// writes straight into the target stays in the record.
+void IndependentSegmentsDownloader::releaseSegmentsInFlight() {
+    QStringList spillPaths;
+    for (auto& segment : m_inFlight) {
+        releaseSegmentDownload(segment);
+        if (!segment.spillPath.isEmpty())
+            spillPaths.append(segment.spillPath);
+    }
+    m_inFlight.clear();
+    removeSpillFilesLater(m_writersThread, spillPaths);
+}
+
+// True while a child has yet to report running(false).
+bool IndependentSegmentsDownloader::stopSegmentDownloads() {
+    QList<QSharedPointer<AbstractDownload>> running;
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download && segment.download->isRunning())
+            running.append(segment.download);
+    }
+    for (const auto& download : std::as_const(running)) {
+        if (download->isRunning() && !download->isStopping())
+            download->doCommand(AbstractDownloadCommand::Stop); // may finish the stop
+    }
+    return std::any_of(m_inFlight.cbegin(), m_inFlight.cend(), [](const SegmentInFlight& segment) {
+        return segment.download && segment.download->isRunning();
+    });
 }
 
 void IndependentSegmentsDownloader::onSegmentDownloadChanged(bool criticalChange) {
-    if (!m_segment || sender() != m_segment.data())
-        return;
-    const auto& segmentInfo = m_segment->info();
+    AbstractDownload* download = directHeadDownload();
+    if (!download || sender() != download)
+        return; // the bytes of a segment ahead reach the target only when it is appended
+    const auto& segmentInfo = download->info();
     if (segmentInfo.files.isEmpty())
         return;
     const auto& segmentFile = segmentInfo.files.constFirst();
@@ -391,6 +592,7 @@ void IndependentSegmentsDownloader::onSegmentDownloadChanged(bool criticalChange
         critical = true;
     }
     auto& file = m_info.files.first();
+    const bool targetWasKnown = !targetFilePath().isEmpty();
     file.name = segmentFile.name;
     file.contentType = segmentFile.contentType;
     file.lastModified = segmentFile.lastModified;
@@ -406,47 +608,155 @@ void IndependentSegmentsDownloader::onSegmentDownloadChanged(bool criticalChange
     }
     Q_EMIT changed(critical);
     Q_EMIT progressChanged(file.downloadedBytes(), file.size);
+    // Now that the file has a name, segments ahead can be spilled beside it.
+    if (!targetWasKnown && !targetFilePath().isEmpty())
+        QMetaObject::invokeMethod(
+            this, [this] { continueToDownloadSegments(); }, Qt::QueuedConnection);
 }
 
 void IndependentSegmentsDownloader::onSegmentDownloadRunning(bool isRunning) {
-    if (isRunning || !m_segment || sender() != m_segment.data() || !this->isRunning())
+    if (isRunning || !this->isRunning())
         return;
-    onCurrentSegmentStopped();
+    if (auto* download = qobject_cast<AbstractDownload*>(sender()); findSegment(download))
+        onSegmentStopped(download);
 }
 
 // A finished segment is counted even while stopping, so that a restart goes on with the next
 // one instead of fetching it again.
-void IndependentSegmentsDownloader::onCurrentSegmentStopped() {
-    const AbstractDownloadPersistentInfo& segmentInfo = m_segment->info();
+void IndependentSegmentsDownloader::onSegmentStopped(AbstractDownload* download) {
+    SegmentInFlight& segment = *findSegment(download);
+    const AbstractDownloadPersistentInfo& segmentInfo = download->info();
     if (segmentInfo.isFinished()) {
-        const qint64 size = finishedSegmentSize(segmentInfo);
-        m_info.customData.insert(DownloadedSegmentsTotalKey, segmentsTotal() + size);
-        releaseCurrentSegmentDownload();
-        removeCurrentSegmentDownloadInfo(false);
-        ++m_currentIndex;
-        log(QStringLiteral("segment %1 finished: %2 bytes").arg(m_currentIndex - 1).arg(size));
-        Q_EMIT segmentFinished();
-        Q_EMIT changed(false);
-        if (!isRunning())
-            return;
-        if (testState(Stopping))
-            continueToStop();
-        else if (size != 0)
-            continueToDownloadSegments();
-        else
-            stop(genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
-                              QStringLiteral("segment %1 has no data").arg(m_currentIndex - 1)));
+        segment.size = finishedSegmentSize(segmentInfo);
+        segment.finished = true;
+        releaseSegmentDownload(segment);
+        commitFinishedSegments();
+        afterSegmentEvent();
         return;
     }
     if (testState(Stopping)) {
         continueToStop();
         return;
     }
-    const AbstractError segmentError = m_segment->lastError();
+    const AbstractError segmentError = download->lastError();
     stop(segmentError.isSet()
              ? segmentError
              : genericError(GenericFailureCode, TERNCL_SOURCE_PLACE,
-                            QStringLiteral("segment %1 stopped unfinished").arg(m_currentIndex)));
+                            QStringLiteral("segment %1 stopped unfinished").arg(segment.index)));
+}
+
+// Moves the write position over the finished segments at the front, in order. A segment fetched
+// ahead is appended to the target first, on the writers thread; the ones behind it wait.
+void IndependentSegmentsDownloader::commitFinishedSegments() {
+    while (!m_inFlight.isEmpty() && m_inFlight.constFirst().finished &&
+           !m_inFlight.constFirst().appending) {
+        if (!m_inFlight.constFirst().spillPath.isEmpty()) {
+            appendSpilledHead();
+            return;
+        }
+        if (!commitHead())
+            return;
+    }
+}
+
+// False when the download cannot go on with the next segment.
+bool IndependentSegmentsDownloader::commitHead() {
+    const SegmentInFlight head = m_inFlight.takeFirst();
+    m_info.customData.insert(DownloadedSegmentsTotalKey, segmentsTotal() + head.size);
+    removeCurrentSegmentDownloadInfo(false);
+    ++m_currentIndex;
+    log(QStringLiteral("segment %1 finished: %2 bytes").arg(head.index).arg(head.size));
+    Q_EMIT segmentFinished();
+    Q_EMIT changed(false);
+    if (head.size != 0)
+        return isRunning();
+    if (isRunning() && !testState(Stopping))
+        stop(genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
+                          QStringLiteral("segment %1 has no data").arg(head.index)));
+    return false;
+}
+
+void IndependentSegmentsDownloader::appendSpilledHead() {
+    SegmentInFlight& head = m_inFlight.first();
+    head.appending = true;
+    auto* job =
+        new SegmentFilesJob(m_writersThread, [spill = head.spillPath, target = targetFilePath(),
+                                              offset = segmentsTotal(), size = head.size] {
+            return appendSpilledSegment(spill, target, offset, size);
+        });
+    connect(job, &SegmentFilesJob::done, this,
+            [this, serial = head.serial](const AbstractError& error) {
+                onSegmentAppended(serial, error);
+            });
+    job->start();
+}
+
+void IndependentSegmentsDownloader::onSegmentAppended(quint64 serial, const AbstractError& error) {
+    if (m_inFlight.isEmpty() || m_inFlight.constFirst().serial != serial)
+        return; // released meanwhile
+    SegmentInFlight& head = m_inFlight.first();
+    head.appending = false;
+    if (error.isSet()) {
+        head.finished = false; // fetched again after a restart
+        log(QStringLiteral("cannot append segment %1: %2").arg(head.index).arg(error.toText()));
+        stop(error);
+        return;
+    }
+    if (commitHead())
+        commitFinishedSegments();
+    afterSegmentEvent();
+}
+
+void IndependentSegmentsDownloader::afterSegmentEvent() {
+    if (!isRunning())
+        return;
+    if (testState(Stopping))
+        continueToStop();
+    else
+        continueToDownloadSegments();
+}
+
+IndependentSegmentsDownloader::SegmentInFlight*
+IndependentSegmentsDownloader::findSegment(const QObject* download) {
+    if (!download)
+        return nullptr;
+    for (auto& segment : m_inFlight) {
+        if (segment.download.data() == download)
+            return &segment;
+    }
+    return nullptr;
+}
+
+AbstractDownload* IndependentSegmentsDownloader::directHeadDownload() const {
+    if (m_inFlight.isEmpty() || !m_inFlight.constFirst().spillPath.isEmpty())
+        return nullptr;
+    return m_inFlight.constFirst().download.data();
+}
+
+AbstractDownload* IndependentSegmentsDownloader::firstSegmentDownload() const {
+    for (const auto& segment : m_inFlight) {
+        if (segment.download)
+            return segment.download.data();
+    }
+    return nullptr;
+}
+
+bool IndependentSegmentsDownloader::isAppending() const {
+    return std::any_of(m_inFlight.cbegin(), m_inFlight.cend(),
+                       [](const SegmentInFlight& segment) { return segment.appending; });
+}
+
+int IndependentSegmentsDownloader::freeSpillSlot() const {
+    for (int slot = 0;; ++slot) {
+        if (std::none_of(
+                m_inFlight.cbegin(), m_inFlight.cend(),
+                [slot](const SegmentInFlight& segment) { return segment.spillSlot == slot; }))
+            return slot;
+    }
+}
+
+QString IndependentSegmentsDownloader::spillPath(int slot) const {
+    return targetFilePath() + QStringLiteral(".seg") + QString::number(slot);
 }
 
 // Keeps the file's size and sections equal to the finished segments followed by the current
@@ -457,9 +767,10 @@ bool IndependentSegmentsDownloader::attachCurrentSegmentFileStats(bool withCurre
     const qint64 total = segmentsTotal();
     const bool isLastSegment = m_sourcesComplete && m_currentIndex == m_sources.size() - 1;
     const AbstractDownloadFileInfo* current = nullptr;
-    if (withCurrent && m_segment && !m_segment->info().files.isEmpty() &&
-        !m_segment->info().files.constFirst().sections.isEmpty())
-        current = &m_segment->info().files.constFirst();
+    const AbstractDownload* head = withCurrent ? directHeadDownload() : nullptr;
+    if (head && !head->info().files.isEmpty() &&
+        !head->info().files.constFirst().sections.isEmpty())
+        current = &head->info().files.constFirst();
 
     qint64 size = -1;
     QList<AbstractDownloadFileSection> sections;
@@ -532,6 +843,11 @@ void IndependentSegmentsDownloader::finalizeDownload() {
                               .arg(QString::fromStdString(error.description))));
         return;
     }
+    const QString target = targetFilePath();
+    (new SegmentFilesJob(m_writersThread, [target] {
+        removeSpillFiles(target); // left by runs that were killed
+        return AbstractError();
+    }))->start();
     // Removed only now: a failed cut must find the total again on the next attempt.
     m_info.customData.remove(DownloadedSegmentsTotalKey);
     m_info.files.first().flags |= AbstractDownloadFileInfo::Created;
@@ -663,8 +979,10 @@ void IndependentSegmentsDownloader::log(const QString& text) const {
 void IndependentSegmentsDownloader::setNetworkSettings(
     const AbstractNetworkConsumerSettings& settings) {
     m_networkSettings = settings;
-    if (m_segment)
-        m_segment->setNetworkSettings(settings);
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download)
+            segment.download->setNetworkSettings(settings);
+    }
 }
 
 AbstractNetworkConsumerSettings IndependentSegmentsDownloader::networkSettings() const {
@@ -675,8 +993,10 @@ void IndependentSegmentsDownloader::setNetworkUsageSettings(const NetworkUsageSe
     if (settings == m_usageSettings)
         return;
     m_usageSettings = settings;
-    if (m_segment)
-        m_segment->setNetworkUsageSettings(settings);
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download)
+            segment.download->setNetworkUsageSettings(settings);
+    }
 }
 
 NetworkUsageSettings IndependentSegmentsDownloader::networkUsageSettings() const {
@@ -684,13 +1004,15 @@ NetworkUsageSettings IndependentSegmentsDownloader::networkUsageSettings() const
 }
 
 const QtConnectionsMap& IndependentSegmentsDownloader::connectionsMap() const {
-    static const QtConnectionsMap none;
-    return m_segment ? m_segment->connectionsMap() : none;
+    return m_connections;
 }
 
 qint64 IndependentSegmentsDownloader::speed(NetworkTrafficDirection direction,
                                             bool currentOnly) const {
-    return m_segment ? m_segment->speed(direction, currentOnly) : 0;
+    qint64 total = 0;
+    for (const auto& segment : m_inFlight)
+        total += segment.download ? segment.download->speed(direction, currentOnly) : 0;
+    return total;
 }
 
 AbstractError IndependentSegmentsDownloader::lastError() const {
@@ -698,11 +1020,13 @@ AbstractError IndependentSegmentsDownloader::lastError() const {
 }
 
 QList<QSslError> IndependentSegmentsDownloader::lastSslErrors() const {
-    return m_segment ? m_segment->lastSslErrors() : QList<QSslError>();
+    const AbstractDownload* download = firstSegmentDownload();
+    return download ? download->lastSslErrors() : QList<QSslError>();
 }
 
 QtSslHost IndependentSegmentsDownloader::lastUnknownSslHost() const {
-    return m_segment ? m_segment->lastUnknownSslHost() : QtSslHost();
+    const AbstractDownload* download = firstSegmentDownload();
+    return download ? download->lastUnknownSslHost() : QtSslHost();
 }
 
 QDateTime IndependentSegmentsDownloader::lastErrorTime() const {
@@ -730,7 +1054,8 @@ bool IndependentSegmentsDownloader::setInfo(const AbstractDownloadPersistentInfo
     if (isRunning())
         return false;
     m_info = info;
-    releaseCurrentSegmentDownload(); // made from the record being replaced
+    m_info.supportedOptions |= ConcurrentSegmentsOption;
+    releaseSegmentsInFlight(); // made from the record being replaced
     return true;
 }
 
@@ -749,17 +1074,20 @@ QSet<AbstractDownloadDestinationType> IndependentSegmentsDownloader::supportedDe
 bool IndependentSegmentsDownloader::setWritersThread(QThread* thread) {
     m_writersThread = thread;
     m_companion->setWritersThread(thread);
-    if (m_segment)
-        m_segment->setWritersThread(thread);
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download)
+            segment.download->setWritersThread(thread);
+    }
     return true;
 }
 
 void IndependentSegmentsDownloader::setSettings(const AbstractDownloadSettings& settings) {
     m_settings = settings;
-    if (m_segment) {
-        AbstractDownloadSettings segmentSettings = settings;
-        segmentSettings.flags &= ~qint32(AbstractDownloadSettings::TruncateFilesWhenCreating);
-        m_segment->setSettings(segmentSettings);
+    AbstractDownloadSettings segmentSettings = settings;
+    segmentSettings.flags &= ~qint32(AbstractDownloadSettings::TruncateFilesWhenCreating);
+    for (const auto& segment : std::as_const(m_inFlight)) {
+        if (segment.download)
+            segment.download->setSettings(segmentSettings);
     }
 }
 
@@ -807,3 +1135,5 @@ bool IndependentSegmentsDownloader::isStopping() const {
 bool IndependentSegmentsDownloader::isFinalizing() const {
     return testState(Finalizing) || m_companion->isPerformingOperation();
 }
+
+#include "independentsegmentsdownloader.moc"

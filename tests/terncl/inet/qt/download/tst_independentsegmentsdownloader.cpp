@@ -109,6 +109,15 @@ private:
         return urls;
     }
 
+    QStringList spillFiles() const {
+        return QDir(path(QStringLiteral("tmp"))).entryList({QStringLiteral("*.seg*")});
+    }
+    qint64 recordedTotal(const Downloader& downloader) const {
+        return downloader.info()
+            .customData.value(Downloader::DownloadedSegmentsTotalKey)
+            .toLongLong();
+    }
+
     qint64 childDone() const {
         const auto child = m_factory->lastDownload();
         return child && child->info().hasFiles() ? child->info().files[0].downloadedBytes() : -1;
@@ -268,6 +277,76 @@ private Q_SLOTS:
         QCOMPARE(resumed.writeOffset, 6000);
         QCOMPARE(resumed.downloadedBytes(), resumeSupported ? 4000 : 0);
         QCOMPARE(readFile(target()), m_all);
+    }
+
+    // Segments finishing before the head wait in spill files, never more than the window holds,
+    // and reach the file in order.
+    void laterSegmentsWaitForTheHead() {
+        const auto sources = addSegments({3000, 5000, 2000, 4000, 1000, 3000});
+        planNextChild(sources[1], 5000, FakeDownload::Outcome::KeepRunning);
+        auto downloader = make(record(), sources);
+        downloader->setMaxConcurrentSegments(3);
+        QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
+        downloader->doCommand(AbstractDownloadCommand::Start);
+        QTRY_VERIFY(segmentFinished.size() == 1 && m_factory->aliveDownloads().size() == 1);
+        QCOMPARE(m_factory->requests().size(), 4);
+        QCOMPARE(spillFiles().size(), 3);
+        QCOMPARE(recordedTotal(*downloader), 3000);
+        QCOMPARE(readFile(temporary()), m_all.left(3000));
+
+        m_factory->aliveDownloads().constFirst()->finish();
+        QTRY_VERIFY(!downloader->isRunning());
+        QVERIFY(downloader->info().isFinished());
+        QCOMPARE(readFile(target()), m_all);
+        QCOMPARE(segmentFinished.size(), 6);
+        QCOMPARE(m_factory->requests().size(), 6);
+        QTRY_COMPARE(spillFiles(), QStringList());
+    }
+
+    // A failing segment stops the others; the record holds only what is in the file, in order,
+    // and the next start fetches again at most the segments that were in flight.
+    void failingSegmentStopsAllThenResumes_data() {
+        QTest::addColumn<int>("stalled");
+        QTest::addColumn<int>("failing");
+        QTest::addColumn<bool>("restoredRecord");
+        QTest::newRow("head writing into the file, restored record") << 0 << 2 << true;
+        QTest::newRow("head fetched ahead, same downloader") << 2 << 3 << false;
+    }
+    void failingSegmentStopsAllThenResumes() {
+        QFETCH(int, stalled);
+        QFETCH(int, failing);
+        QFETCH(bool, restoredRecord);
+        const auto sources = addSegments({3000, 3000, 3000, 3000, 3000, 3000});
+        planNextChild(sources[stalled], 2000, FakeDownload::Outcome::KeepRunning);
+        planNextChild(sources[failing], 1000, FakeDownload::Outcome::Fail);
+        auto downloader = make(record(), sources);
+        downloader->setMaxConcurrentSegments(3);
+        QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
+        run(*downloader);
+        QCOMPARE(downloader->lastError().code, httpError.code);
+        const int done = int(segmentFinished.size());
+        QCOMPARE(done, stalled);
+        QCOMPARE(recordedTotal(*downloader), 3000 * done);
+        const qint64 claimed = downloader->info().files[0].downloadedBytes();
+        QCOMPARE(claimed, stalled == 0 ? 2000 : 3000 * done);
+        QCOMPARE(readFile(temporary()).left(claimed), m_all.left(claimed));
+        QTRY_COMPARE(spillFiles(), QStringList());
+        QTRY_COMPARE(m_factory->aliveDownloads().size(), 0);
+
+        const qsizetype firstRun = m_factory->requests().size();
+        if (restoredRecord) {
+            const auto saved =
+                AbstractDownloadPersistentInfo::fromJson(downloader->info().toJson());
+            downloader = make(saved, sources.mid(done));
+            QCOMPARE(downloader->maxConcurrentSegments(), 3);
+        }
+        run(*downloader);
+        QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
+        QCOMPARE(readFile(target()), m_all);
+        const auto resumed = m_factory->requests().at(firstRun).info.files[0];
+        QCOMPARE(resumed.writeOffset, 3000 * done);
+        QCOMPARE(resumed.downloadedBytes(), claimed - 3000 * done);
+        QVERIFY(m_factory->requests().size() <= sources.size() + 3);
     }
 
     // A list that is not complete pauses when done; more segments continue the same file.

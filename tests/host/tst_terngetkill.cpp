@@ -1,0 +1,113 @@
+#include "support/ffmpegtestmedia.h"
+#include "support/nginxserver.h"
+#include "support/testfiles.h"
+
+#include <terncl/inet/qt/download/abstractdownloadpersistentinfo.h>
+#include <terncl/inet/qt/download/independentsegmentsdownloader.h>
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+
+// tern-get fetching four segments at once, killed outright at random moments and run again each
+// time, must end with the stream byte for byte, and every record it saved on the way must claim
+// only bytes that are in the file.
+class TestTernGetKill : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QByteArray m_all;           // the segments back to back
+    QList<qint64> m_prefixSize; // [i]: bytes of the first i segments
+
+    QString state() const { return m_dir.filePath(QStringLiteral("state")); }
+
+    // The saved record agrees with the host's count of finished segments and with the file.
+    void checkSavedState() {
+        const QStringList saved = QDir(state()).entryList({QStringLiteral("*.json")}, QDir::Files);
+        if (saved.isEmpty())
+            return; // killed before the first save
+        const QJsonObject root =
+            QJsonDocument::fromJson(readFile(QDir(state()).filePath(saved.constFirst()))).object();
+        const auto record = AbstractDownloadPersistentInfo::fromJson(
+            QJsonDocument(root.value(QStringLiteral("record")).toObject()).toJson());
+        const int done = root.value(QStringLiteral("host"))
+                             .toObject()
+                             .value(QStringLiteral("segmentsDone"))
+                             .toInt();
+        const qint64 total =
+            record.customData.value(IndependentSegmentsDownloader::DownloadedSegmentsTotalKey)
+                .toLongLong();
+        QCOMPARE(total, m_prefixSize.value(done, -1));
+        QVERIFY(record.hasFiles());
+        const qint64 claimed = record.files[0].downloadedBytes();
+        QCOMPARE(readFile(record.files[0].tmpPath).left(claimed), m_all.left(claimed));
+    }
+
+private Q_SLOTS:
+    void killedAtRandomMomentsEndsByteExact() {
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
+            QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
+        const QString stream = m_dir.filePath(QStringLiteral("www/s"));
+        QString error;
+        QVERIFY2(FfmpegTestMedia::makeHls(stream, 60, 0.5, false, &error), qPrintable(error));
+        const QStringList segments =
+            FfmpegTestMedia::segmentFiles(stream + QStringLiteral("/index.m3u8"));
+        m_prefixSize = {0};
+        for (const auto& segment : segments) {
+            m_all += readFile(segment);
+            m_prefixSize.append(m_all.size());
+        }
+        NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
+        QVERIFY2(nginx.start(&error), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/s.ts"));
+        const QStringList args{nginx.url(QStringLiteral("/s/index.m3u8")).toString(),
+                               QStringLiteral("-o"),
+                               output,
+                               QStringLiteral("--state-dir"),
+                               state(),
+                               QStringLiteral("-N"),
+                               QStringLiteral("4")};
+        const quint32 seed = QRandomGenerator::global()->generate();
+        QRandomGenerator random(seed);
+        constexpr int kills = 20;
+        for (int i = 0; i < kills; ++i) {
+            QProcess run;
+            // Slow enough for every run to end with segments in flight.
+            run.start(QStringLiteral(TERN_GET_PATH),
+                      args + QStringList{QStringLiteral("--limit-rate"), QStringLiteral("100k")});
+            QVERIFY(run.waitForStarted());
+            QTest::qWait(int(random.bounded(1500))); // the random moment is the point
+            QVERIFY2(run.state() == QProcess::Running, qPrintable(QString::number(seed)));
+            ::kill(pid_t(run.processId()), SIGKILL);
+            QVERIFY(run.waitForFinished());
+            checkSavedState();
+            if (QTest::currentTestFailed())
+                QFAIL(qPrintable(QStringLiteral("seed %1, kill %2").arg(seed).arg(i)));
+        }
+
+        QProcess last;
+        last.start(QStringLiteral(TERN_GET_PATH), args);
+        QVERIFY(last.waitForFinished(120000));
+        QVERIFY2(last.exitCode() == 0, last.readAllStandardError().constData());
+        QCOMPARE(readFile(output), m_all);
+        QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out"))).entryList(QDir::Files),
+                 QStringList{QStringLiteral("s.ts")}); // no spill file left behind
+        // A kill costs the segments in flight, and at most one finished in the moment before
+        // its record was saved.
+        int fetches = 0;
+        for (const auto& access : nginx.accessLog())
+            fetches += access.path.endsWith(QStringLiteral(".ts")) ? 1 : 0;
+        QVERIFY2(fetches <= segments.size() + kills * (4 + 1),
+                 qPrintable(QString::number(fetches)));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestTernGetKill)
+#include "tst_terngetkill.moc"
