@@ -638,8 +638,11 @@ std::optional<Failure> Parser::fromList(const Level& level, Reader::Representati
                                const QString& range) -> std::optional<Failure> {
         if (auto failure = addSource(at, level, uri, range, rep))
             return failure;
-        everyRanged = everyRanged && !range.isEmpty();
-        bytes += rep->segments.constLast().rangeSize;
+        const qint64 size = rep->segments.constLast().rangeSize;
+        everyRanged =
+            everyRanged && !range.isEmpty() && size <= std::numeric_limits<qint64>::max() - bytes;
+        if (everyRanged)
+            bytes += size;
         return std::nullopt;
     };
     if (info.initialization) {

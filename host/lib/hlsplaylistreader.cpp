@@ -115,6 +115,7 @@ private:
     bool checkMasterOrMedia(bool master);
     bool checkGroups();
     void finishMediaPlaylist();
+    void addRangedBytes(qint64 size);
     std::optional<Attributes> attributesOf(const QString& value, const QString& line);
     std::optional<QUrl> resolve(const QString& uri);
     bool fail(const QString& reason, const QString& line = {},
@@ -160,6 +161,14 @@ Reader::Playlist Parser::run(const QByteArray& text) {
     if (!m_playlist.isMaster)
         finishMediaPlaylist();
     return m_playlist;
+}
+
+// A sum beyond what a size can hold is no size at all.
+void Parser::addRangedBytes(qint64 size) {
+    if (size > std::numeric_limits<qint64>::max() - m_rangedBytes)
+        m_everySegmentRanged = false;
+    else
+        m_rangedBytes += size;
 }
 
 void Parser::finishMediaPlaylist() {
@@ -254,7 +263,7 @@ bool Parser::parseMap(const QString& value, const QString& line) {
             return fail(QStringLiteral("invalid init segment byte range"), line);
         source.rangeOffset = range->offset.value_or(0);
         source.rangeSize = range->size;
-        m_rangedBytes += range->size;
+        addRangedBytes(range->size);
     } else {
         m_everySegmentRanged = false;
     }
@@ -385,7 +394,7 @@ bool Parser::addSegment(const QUrl& url, const QString& line) {
             return fail(QStringLiteral("invalid byte range"), line);
         m_nextRangeOffset = source.rangeOffset + source.rangeSize;
         m_lastRangeUrl = url;
-        m_rangedBytes += source.rangeSize;
+        addRangedBytes(source.rangeSize);
         m_pendingRange.reset();
     } else {
         m_everySegmentRanged = false;

@@ -6,6 +6,7 @@
 #include <QVariantList>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 using Version = MediaVersions::Version;
@@ -31,6 +32,18 @@ using Request = MediaVersions::Request;
 
 int clampedInt(qint64 value) {
     return int(std::clamp<qint64>(value, 0, std::numeric_limits<int>::max()));
+}
+
+// Whole seconds of a duration, within what an int holds.
+int roundedSeconds(double seconds) {
+    return seconds > 0 ? int(std::min(std::round(seconds), double(std::numeric_limits<int>::max())))
+                       : 0;
+}
+
+// Bytes that bitsPerSecond fill in seconds, within what a size holds.
+qint64 estimatedBytes(double bitsPerSecond, double seconds) {
+    const double bytes = bitsPerSecond * seconds / 8;
+    return bytes >= 9e18 ? qint64(9e18) : qint64(bytes);
 }
 
 QVariantHash detailsOf(const Version& version) {
@@ -387,7 +400,7 @@ Version representationVersion(const Representation& rep, int index, double durat
     media.height = rep.height;
     media.bitrate = clampedInt(rep.bandwidth);
     media.fps = qRound(rep.frameRate);
-    media.duration = clampedInt(qRound64(duration));
+    media.duration = roundedSeconds(duration);
     media.language = rep.language;
     version.title = rep.kind == DashManifestReader::Kind::Audio
                         ? audioTitle(QString(), rep.language, rep.bandwidth)
@@ -396,7 +409,7 @@ Version representationVersion(const Representation& rep, int index, double durat
     if (!single && media.format == QLatin1String("mp4"))
         setDetail(&version, remuxKey, true);
     if (rep.exactSize < 0 && !single && duration > 0)
-        setDetail(&version, estimatedSizeKey, qint64(double(rep.bandwidth) * duration / 8));
+        setDetail(&version, estimatedSizeKey, estimatedBytes(double(rep.bandwidth), duration));
     return version;
 }
 
@@ -406,7 +419,7 @@ void setCompositeEstimate(CompositeVersion* version) {
     for (const Version& part : version->parts) {
         const qint64 size =
             part.size >= 0 ? part.size : detailsOf(part).value(estimatedSizeKey, -1).toLongLong();
-        if (size < 0)
+        if (size < 0 || size > std::numeric_limits<qint64>::max() - total)
             return;
         total += size;
     }
@@ -512,7 +525,7 @@ void MediaVersions::applyMediaPlaylist(CompositeVersion* version, int part,
     if (!media.format.isEmpty())
         target->media.format = media.format;
     target->fragmentCount = int(media.segments.size()) - (media.hasInitSegment ? 1 : 0);
-    target->media.duration = clampedInt(qRound64(media.totalDurationSeconds));
+    target->media.duration = roundedSeconds(media.totalDurationSeconds);
     target->size = media.exactSize;
     setDetail(target, remuxKey, media.hasInitSegment ? QVariant(true) : QVariant());
     if (!version->parts.isEmpty()) {
@@ -526,7 +539,7 @@ void MediaVersions::applyMediaPlaylist(CompositeVersion* version, int part,
     const bool exact = version->totalSize() >= 0;
     setDetail(version, estimatedSizeKey,
               !exact && bitrate > 0 && media.totalDurationSeconds > 0
-                  ? QVariant(qint64(double(bitrate) * media.totalDurationSeconds / 8))
+                  ? QVariant(estimatedBytes(double(bitrate), media.totalDurationSeconds))
                   : QVariant());
 }
 
