@@ -163,7 +163,7 @@ void setId(Version* version, const QString& id) {
 }
 
 // Renames the ids that a listing has already taken.
-void makeIdsUnique(QList<CompositeVersion>* versions, QSet<QString> taken = {}) {
+template <typename T> void makeIdsUnique(QList<T>* versions, QSet<QString> taken = {}) {
     for (auto& version : *versions) {
         const QString base = MediaVersions::id(version);
         QString id = base;
@@ -172,6 +172,14 @@ void makeIdsUnique(QList<CompositeVersion>* versions, QSet<QString> taken = {}) 
         taken.insert(id.toLower());
         setId(&version, id);
     }
+}
+
+template <typename T> void appendUnique(QList<T>* into, QList<T> more) {
+    QSet<QString> taken;
+    for (const auto& version : *into)
+        taken.insert(MediaVersions::id(version).toLower());
+    makeIdsUnique(&more, taken);
+    *into += more;
 }
 
 // --- HLS -----------------------------------------------------------------------------------------
@@ -371,11 +379,17 @@ QString dashFormat(const Representation& rep) {
 }
 
 QString dashLabel(const Representation& rep) {
-    if (rep.kind != DashManifestReader::Kind::Audio)
-        return videoLabel(rep.height, rep.bandwidth);
     const QString language = idWord(rep.language);
-    return QStringLiteral("audio-") + (language.isEmpty() ? QString() : language + u'-') +
-           kbps(rep.bandwidth);
+    switch (rep.kind) {
+    case DashManifestReader::Kind::Video:
+        return videoLabel(rep.height, rep.bandwidth);
+    case DashManifestReader::Kind::Audio:
+        return QStringLiteral("audio-") + (language.isEmpty() ? QString() : language + u'-') +
+               kbps(rep.bandwidth);
+    case DashManifestReader::Kind::Text:
+        break;
+    }
+    return QStringLiteral("subs-") + (language.isEmpty() ? idWord(rep.id) : language);
 }
 
 Version representationVersion(const Representation& rep, int index, double duration,
@@ -433,6 +447,7 @@ MediaVersions::Listing MediaVersions::fromHlsMaster(const HlsPlaylistReader::Pla
                                                     const QUrl& masterUrl, const Request& request) {
     Listing listing = HlsMasterListing(master, masterUrl, request).run();
     makeIdsUnique(&listing.versions);
+    makeIdsUnique(&listing.subtitles);
     return listing;
 }
 
@@ -483,6 +498,7 @@ MediaVersions::Listing MediaVersions::fromDash(const DashManifestReader::Manifes
     for (const Version& audio : audios)
         listing.versions.append(CompositeVersion(audio));
     makeIdsUnique(&listing.versions);
+    makeIdsUnique(&listing.subtitles);
     return listing;
 }
 
@@ -510,13 +526,8 @@ MediaVersions::Listing MediaVersions::fromPage(const HtmlMediaPageReader::Page& 
 }
 
 void MediaVersions::append(Listing* listing, const Listing& more) {
-    QSet<QString> taken;
-    for (const auto& version : listing->versions)
-        taken.insert(id(version).toLower());
-    QList<CompositeVersion> added = more.versions;
-    makeIdsUnique(&added, taken);
-    listing->versions += added;
-    listing->subtitles += more.subtitles;
+    appendUnique(&listing->versions, more.versions);
+    appendUnique(&listing->subtitles, more.subtitles);
 }
 
 void MediaVersions::applyMediaPlaylist(CompositeVersion* version, int part,

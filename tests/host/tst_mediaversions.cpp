@@ -126,7 +126,10 @@ private Q_SLOTS:
         audio.url = QUrl(QStringLiteral("https://cdn/a.m4a"));
         audio.segments.resize(1);
         audio.exactSize = 1000;
-        manifest.representations = {video, audio, audio};
+        DashManifestReader::Representation subtitles = audio;
+        subtitles.kind = DashManifestReader::Kind::Text;
+        subtitles.language = QStringLiteral("en");
+        manifest.representations = {video, audio, audio, subtitles, subtitles};
         manifest.representations[2].language = QStringLiteral("en");
         auto listing = MediaVersions::fromDash(manifest, masterUrl, request);
         QCOMPARE(ids(listing),
@@ -143,6 +146,8 @@ private Q_SLOTS:
         QCOMPARE(MediaVersions::sizeOf(composite).bytes, 1200000 * 8 / 8 + 1000);
         QVERIFY(MediaVersions::sizeOf(composite).estimated);
         QCOMPARE(listing.versions.at(2).originType, int(MediaVersions::PlainFile));
+        QCOMPARE(listing.subtitles.size(), 2);
+        QCOMPARE(MediaVersions::id(listing.subtitles.at(1)), QStringLiteral("dash-subs-en-2"));
 
         HtmlMediaPageReader::Page page;
         page.links = {{QUrl(QStringLiteral("https://site/x.mp4")),
