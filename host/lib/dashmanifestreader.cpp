@@ -437,8 +437,14 @@ std::optional<Failure> Parser::parseRepresentation(const Element& element, const
 
 std::optional<Failure> Parser::buildSegments(const Element& element, const Level& level,
                                              Reader::Representation* rep) {
-    if (level.segments.is("SegmentTemplate"))
-        return fromTemplate(level, rep);
+    if (level.segments.is("SegmentTemplate")) {
+        auto failure = fromTemplate(level, rep);
+        if (!failure && rep->segments.size() == (rep->hasInitSegment ? 1 : 0))
+            failure = failureAt(*level.segments.element,
+                                QStringLiteral("representation %1 lists no segments")
+                                    .arg(MediaParse::shortened(rep->id)));
+        return failure;
+    }
     if (level.segments.is("SegmentList"))
         return fromList(level, rep);
     // SegmentBase or nothing: the representation is the one file its BaseURL names.

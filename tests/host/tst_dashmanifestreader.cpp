@@ -153,6 +153,10 @@ private Q_SLOTS:
             << malformed << QStringLiteral("template identifier $Nmber$ cannot be used here");
         QTest::newRow("no media") << mpd(period("<Representation id=\"r\" bandwidth=\"1\"/>"))
                                   << malformed << QStringLiteral("representation r names no media");
+        QTest::newRow("empty timeline")
+            << mpd(period("<Representation id=\"r\" bandwidth=\"1\"><SegmentTemplate "
+                          "media=\"$Time$\"><SegmentTimeline/></SegmentTemplate></Representation>"))
+            << malformed << QStringLiteral("representation r lists no segments");
         QTest::newRow("two periods") << mpd("<Period/><Period/>") << int(MediaParse::Unsupported)
                                      << QStringLiteral("manifests of 2 periods");
         QTest::newRow("endless")
