@@ -5,7 +5,7 @@
 #   bench/host/compare-downloaders.sh BUILD-DIR [WORK-DIR] [RUNS]
 # With a build configured with -DTERNCL_BUILD_BENCH=ON it also times bench_qnamsequential, plain
 # QNetworkAccessManager fetching the same URLs, which is the floor for tern-get's HTTP stack.
-# Needs: ffmpeg nginx curl aria2 yt-dlp python3 (apt-get install aria2 yt-dlp).
+# Needs: ffmpeg nginx curl aria2 yt-dlp python3 (scripts/install-deps --bench).
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "${1:?build dir}" && pwd)"

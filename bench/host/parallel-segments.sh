@@ -6,7 +6,7 @@
 #  2. peak resident memory of tern-get -N 8 on 1 MiB segments (/usr/bin/time -v);
 #  3. the speed limit with -N 8: tern-get --limit-rate 2M, one-second windows.
 #   bench/host/parallel-segments.sh BUILD-DIR [WORK-DIR] [RUNS]
-# Needs: ffmpeg nginx aria2 yt-dlp time python3 bc (apt-get install aria2 yt-dlp time).
+# Needs: ffmpeg nginx aria2 yt-dlp time python3 bc (scripts/install-deps --bench).
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "${1:?build dir}" && pwd)"

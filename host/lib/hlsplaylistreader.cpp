@@ -2,30 +2,61 @@
 
 #include <terncl/core/sourceplace.h>
 
+#include <QFileInfo>
 #include <QHash>
 #include <QRegularExpression>
-#include <QStringList>
 
+#include <algorithm>
+#include <limits>
 #include <optional>
 
 namespace {
+
+using Reader = HlsPlaylistReader;
 
 struct ByteRange {
     qint64 size = 0;
     std::optional<qint64> offset;
 };
 
-// Attribute lists: KEY=VALUE pairs separated by commas, values optionally quoted.
-QHash<QString, QString> attributes(const QString& text) {
-    static const QRegularExpression pair(QStringLiteral(R"(([A-Z0-9-]+)=("[^"]*"|[^,]*))"));
+bool isNameChar(QChar c) {
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9') ||
+           c == u'-' || c == u'_';
+}
+
+// Attribute lists: NAME=VALUE pairs separated by commas, values quoted or plain. Nothing when
+// the list is broken (a missing "=", an unterminated quote, text after a quoted value).
+std::optional<QHash<QString, QString>> attributes(const QString& text) {
     QHash<QString, QString> result;
-    auto it = pair.globalMatch(text);
-    while (it.hasNext()) {
-        const auto match = it.next();
-        QString value = match.captured(2);
-        if (value.size() >= 2 && value.startsWith(u'"') && value.endsWith(u'"'))
-            value = value.mid(1, value.size() - 2);
-        result.insert(match.captured(1), value);
+    int i = 0;
+    const int n = int(text.size());
+    while (i < n) {
+        while (i < n && text.at(i) == u' ')
+            ++i;
+        const int nameStart = i;
+        while (i < n && isNameChar(text.at(i)))
+            ++i;
+        if (i == nameStart || i >= n || text.at(i) != u'=')
+            return std::nullopt;
+        const QString name = text.mid(nameStart, i - nameStart).toUpper();
+        ++i;
+        QString value;
+        if (i < n && text.at(i) == u'"') {
+            const int close = int(text.indexOf(u'"', i + 1));
+            if (close < 0)
+                return std::nullopt;
+            value = text.mid(i + 1, close - i - 1);
+            i = close + 1;
+            if (i < n && text.at(i) != u',')
+                return std::nullopt;
+        } else {
+            const int comma = int(text.indexOf(u',', i));
+            const int end = comma < 0 ? n : comma;
+            value = text.mid(i, end - i).trimmed();
+            i = end;
+        }
+        result.insert(name, value);
+        ++i; // the comma
     }
     return result;
 }
@@ -41,11 +72,25 @@ std::optional<ByteRange> parseByteRange(const QString& text) {
         return std::nullopt;
     if (parts.size() == 2) {
         const qint64 offset = parts.at(1).trimmed().toLongLong(&ok);
-        if (!ok || offset < 0)
+        if (!ok || offset < 0 || offset > std::numeric_limits<qint64>::max() - range.size)
             return std::nullopt;
         range.offset = offset;
     }
     return range;
+}
+
+QString segmentFormat(const QUrl& url) {
+    static const QStringList fragmentedMp4{QStringLiteral("m4s"),  QStringLiteral("mp4"),
+                                           QStringLiteral("m4v"),  QStringLiteral("m4a"),
+                                           QStringLiteral("cmfv"), QStringLiteral("cmfa")};
+    const QString suffix = QFileInfo(url.path()).suffix().toLower();
+    if (fragmentedMp4.contains(suffix))
+        return QStringLiteral("mp4");
+    if (suffix == QLatin1String("aac") || suffix == QLatin1String("mp3"))
+        return suffix;
+    if (suffix == QLatin1String("vtt") || suffix == QLatin1String("webvtt"))
+        return QStringLiteral("vtt");
+    return QStringLiteral("ts");
 }
 
 class Parser {
@@ -54,47 +99,91 @@ public:
         : m_baseUrl(baseUrl)
         , m_error(error) {}
 
-    HlsPlaylistReader::Playlist run(const QByteArray& text);
+    Reader::Playlist run(const QByteArray& text);
 
 private:
+    using Attributes = QHash<QString, QString>;
+
     bool parseLine(const QString& line);
     bool parseTag(const QString& line);
+    bool parseKey(const QString& method);
+    bool parseMap(const QString& value, const QString& line);
+    bool parseStreamInf(const QString& value, const QString& line);
+    bool parseMedia(const QString& value, const QString& line);
     bool addUri(const QString& line);
-    bool fail(const QString& reason, const QString& line);
+    bool addSegment(const QUrl& url, const QString& line);
+    bool checkMasterOrMedia(bool master);
+    bool checkGroups();
+    void finishMediaPlaylist();
+    void addRangedBytes(qint64 size);
+    std::optional<Attributes> attributesOf(const QString& value, const QString& line);
     std::optional<QUrl> resolve(const QString& uri);
+    bool fail(const QString& reason, const QString& line = {},
+              MediaParse::ErrorCode code = MediaParse::Malformed);
 
     QUrl m_baseUrl;
     AbstractError* m_error;
-    HlsPlaylistReader::Playlist m_playlist;
+    Reader::Playlist m_playlist;
     int m_lineNumber = 0;
+    bool m_sawMediaTag = false;
     bool m_expectSegmentUri = false;
     bool m_expectVariantUri = false;
-    qint64 m_pendingBandwidth = 0;
-    QString m_pendingResolution;
+    Reader::Variant m_pendingVariant;
+    QList<int> m_variantLines;
     std::optional<ByteRange> m_pendingRange;
     QUrl m_lastRangeUrl;
     qint64 m_nextRangeOffset = 0;
     double m_pendingDuration = 0;
+    bool m_everySegmentRanged = true;
+    qint64 m_rangedBytes = 0;
 };
 
-HlsPlaylistReader::Playlist Parser::run(const QByteArray& text) {
+Reader::Playlist Parser::run(const QByteArray& text) {
     const QStringList lines =
         QString::fromUtf8(text).split(QRegularExpression(QStringLiteral("\r?\n")));
     for (const QString& raw : lines) {
         ++m_lineNumber;
         const QString line = raw.trimmed();
         if (m_lineNumber == 1 && line != QStringLiteral("#EXTM3U")) {
-            fail(QStringLiteral("not an HLS playlist (no #EXTM3U header)"), line);
+            // The first line is not quoted: whatever was fetched is not a playlist.
+            fail(QStringLiteral("not an HLS playlist (no #EXTM3U header)"));
             return {};
         }
         if (!parseLine(line))
             return {};
     }
     if (m_expectSegmentUri || m_expectVariantUri) {
-        fail(QStringLiteral("a tag expects a URI but the playlist ends"), QString());
+        fail(QStringLiteral("a tag expects a URI but the playlist ends"));
         return {};
     }
+    if (m_playlist.isMaster && !checkGroups())
+        return {};
+    if (!m_playlist.isMaster)
+        finishMediaPlaylist();
     return m_playlist;
+}
+
+// A sum beyond what a size can hold is no size at all.
+void Parser::addRangedBytes(qint64 size) {
+    if (size > std::numeric_limits<qint64>::max() - m_rangedBytes)
+        m_everySegmentRanged = false;
+    else
+        m_rangedBytes += size;
+}
+
+void Parser::finishMediaPlaylist() {
+    if (m_playlist.segments.isEmpty())
+        return;
+    if (m_everySegmentRanged)
+        m_playlist.exactSize = m_rangedBytes;
+    // An init segment means fragmented MP4 unless it is plainly a transport stream.
+    const QUrl& init = m_playlist.segments.constFirst().url;
+    const bool tsInit =
+        QFileInfo(init.path()).suffix().compare(QLatin1String("ts"), Qt::CaseInsensitive) == 0;
+    if (m_playlist.hasInitSegment)
+        m_playlist.format = tsInit ? QStringLiteral("ts") : QStringLiteral("mp4");
+    else
+        m_playlist.format = segmentFormat(m_playlist.segments.constLast().url);
 }
 
 bool Parser::parseLine(const QString& line) {
@@ -106,80 +195,209 @@ bool Parser::parseLine(const QString& line) {
 }
 
 bool Parser::parseTag(const QString& line) {
-    const int colon = line.indexOf(u':');
+    const int colon = int(line.indexOf(u':'));
     const QString tag = colon < 0 ? line : line.left(colon);
     const QString value = colon < 0 ? QString() : line.mid(colon + 1);
     if (tag == QStringLiteral("#EXTINF")) {
         bool ok = false;
         m_pendingDuration = value.section(u',', 0, 0).toDouble(&ok);
-        if (!ok || m_pendingDuration < 0)
+        if (!ok || m_pendingDuration < 0 || m_pendingDuration > 1e9)
             return fail(QStringLiteral("invalid segment duration"), line);
         m_expectSegmentUri = true;
-    } else if (tag == QStringLiteral("#EXT-X-ENDLIST")) {
+        return checkMasterOrMedia(false);
+    }
+    if (tag == QStringLiteral("#EXT-X-ENDLIST")) {
         m_playlist.complete = true;
     } else if (tag == QStringLiteral("#EXT-X-BYTERANGE")) {
         m_pendingRange = parseByteRange(value);
         if (!m_pendingRange)
             return fail(QStringLiteral("invalid byte range"), line);
     } else if (tag == QStringLiteral("#EXT-X-KEY") || tag == QStringLiteral("#EXT-X-SESSION-KEY")) {
-        const QString method = attributes(value).value(QStringLiteral("METHOD"));
-        if (method != QStringLiteral("NONE"))
-            return fail(
-                QStringLiteral("encrypted segments (METHOD=%1) are not supported").arg(method),
-                line);
+        const auto attrs = attributesOf(value, line);
+        return attrs && parseKey(attrs->value(QStringLiteral("METHOD")));
     } else if (tag == QStringLiteral("#EXT-X-MAP")) {
-        const auto attrs = attributes(value);
-        const auto url = resolve(attrs.value(QStringLiteral("URI")));
-        if (!url || attrs.value(QStringLiteral("URI")).isEmpty())
-            return fail(QStringLiteral("init segment without a valid URI"), line);
-        if (m_playlist.hasInitSegment)
-            return fail(QStringLiteral("a second init segment is not supported"), line);
-        AbstractDownloadSourceInfo source;
-        source.url = *url;
-        if (attrs.contains(QStringLiteral("BYTERANGE"))) {
-            const auto range = parseByteRange(attrs.value(QStringLiteral("BYTERANGE")));
-            if (!range)
-                return fail(QStringLiteral("invalid init segment byte range"), line);
-            source.rangeOffset = range->offset.value_or(0);
-            source.rangeSize = range->size;
-        }
-        m_playlist.segments.prepend(source);
-        m_playlist.hasInitSegment = true;
+        return parseMap(value, line) && checkMasterOrMedia(false);
     } else if (tag == QStringLiteral("#EXT-X-STREAM-INF")) {
-        const auto attrs = attributes(value);
-        bool ok = false;
-        m_pendingBandwidth = attrs.value(QStringLiteral("BANDWIDTH")).toLongLong(&ok);
-        if (!ok)
-            return fail(QStringLiteral("variant without a valid BANDWIDTH"), line);
-        m_pendingResolution = attrs.value(QStringLiteral("RESOLUTION"));
+        return parseStreamInf(value, line) && checkMasterOrMedia(true);
+    } else if (tag == QStringLiteral("#EXT-X-MEDIA")) {
+        return parseMedia(value, line) && checkMasterOrMedia(true);
+    }
+    return true;
+}
+
+bool Parser::checkMasterOrMedia(bool master) {
+    if (master)
         m_playlist.isMaster = true;
-        m_expectVariantUri = true;
+    else
+        m_sawMediaTag = true;
+    if (m_playlist.isMaster && m_sawMediaTag)
+        return fail(QStringLiteral("the playlist mixes variant streams and media segments"));
+    return true;
+}
+
+bool Parser::parseKey(const QString& method) {
+    if (method.isEmpty())
+        return fail(QStringLiteral("key without a METHOD"));
+    if (method == QStringLiteral("NONE"))
+        return true;
+    return fail(QStringLiteral("encrypted stream: %1 is not supported").arg(method), {},
+                MediaParse::Unsupported);
+}
+
+bool Parser::parseMap(const QString& value, const QString& line) {
+    const auto attrs = attributesOf(value, line);
+    if (!attrs)
+        return false;
+    if (!attrs->contains(QStringLiteral("URI")))
+        return fail(QStringLiteral("init segment without a URI"), line);
+    const auto url = resolve(attrs->value(QStringLiteral("URI")));
+    if (!url)
+        return false;
+    if (m_playlist.hasInitSegment)
+        return fail(QStringLiteral("a second init segment is not supported"), line);
+    AbstractDownloadSourceInfo source;
+    source.url = *url;
+    if (attrs->contains(QStringLiteral("BYTERANGE"))) {
+        const auto range = parseByteRange(attrs->value(QStringLiteral("BYTERANGE")));
+        if (!range)
+            return fail(QStringLiteral("invalid init segment byte range"), line);
+        source.rangeOffset = range->offset.value_or(0);
+        source.rangeSize = range->size;
+        addRangedBytes(range->size);
+    } else {
+        m_everySegmentRanged = false;
+    }
+    m_playlist.segments.prepend(source);
+    m_playlist.hasInitSegment = true;
+    return true;
+}
+
+bool Parser::parseStreamInf(const QString& value, const QString& line) {
+    const auto attrs = attributesOf(value, line);
+    if (!attrs)
+        return false;
+    Reader::Variant variant;
+    bool ok = false;
+    variant.bandwidth = attrs->value(QStringLiteral("BANDWIDTH")).toLongLong(&ok);
+    if (!ok || variant.bandwidth < 0)
+        return fail(QStringLiteral("variant without a valid BANDWIDTH"), line);
+    if (attrs->contains(QStringLiteral("AVERAGE-BANDWIDTH"))) {
+        variant.averageBandwidth =
+            attrs->value(QStringLiteral("AVERAGE-BANDWIDTH")).toLongLong(&ok);
+        if (!ok || variant.averageBandwidth < 0)
+            return fail(QStringLiteral("invalid AVERAGE-BANDWIDTH"), line);
+    }
+    if (attrs->contains(QStringLiteral("RESOLUTION"))) {
+        const QStringList size = attrs->value(QStringLiteral("RESOLUTION")).split(u'x');
+        bool widthOk = false;
+        bool heightOk = false;
+        variant.width = size.value(0).toInt(&widthOk);
+        variant.height = size.value(1).toInt(&heightOk);
+        if (size.size() != 2 || !widthOk || !heightOk || variant.width < 0 || variant.height < 0)
+            return fail(QStringLiteral("invalid RESOLUTION"), line);
+    }
+    if (attrs->contains(QStringLiteral("FRAME-RATE"))) {
+        variant.frameRate = attrs->value(QStringLiteral("FRAME-RATE")).toDouble(&ok);
+        if (!ok || variant.frameRate < 0 || variant.frameRate > 1000)
+            return fail(QStringLiteral("invalid FRAME-RATE"), line);
+    }
+    for (const QString& codec : attrs->value(QStringLiteral("CODECS")).split(u',')) {
+        if (!codec.trimmed().isEmpty())
+            variant.codecs.append(codec.trimmed());
+    }
+    variant.audioGroup = attrs->value(QStringLiteral("AUDIO"));
+    variant.subtitlesGroup = attrs->value(QStringLiteral("SUBTITLES"));
+    m_pendingVariant = variant;
+    m_expectVariantUri = true;
+    return true;
+}
+
+bool Parser::parseMedia(const QString& value, const QString& line) {
+    const auto attrs = attributesOf(value, line);
+    if (!attrs)
+        return false;
+    static const QHash<QString, Reader::RenditionType> types{
+        {QStringLiteral("AUDIO"), Reader::RenditionType::Audio},
+        {QStringLiteral("SUBTITLES"), Reader::RenditionType::Subtitles},
+        {QStringLiteral("VIDEO"), Reader::RenditionType::Video},
+        {QStringLiteral("CLOSED-CAPTIONS"), Reader::RenditionType::ClosedCaptions}};
+    const auto type = types.constFind(attrs->value(QStringLiteral("TYPE")));
+    if (type == types.constEnd())
+        return fail(QStringLiteral("rendition without a valid TYPE"), line);
+    Reader::Rendition rendition;
+    rendition.type = *type;
+    rendition.groupId = attrs->value(QStringLiteral("GROUP-ID"));
+    if (rendition.groupId.isEmpty())
+        return fail(QStringLiteral("rendition without a GROUP-ID"), line);
+    rendition.name = attrs->value(QStringLiteral("NAME"));
+    rendition.language = attrs->value(QStringLiteral("LANGUAGE"));
+    rendition.isDefault = attrs->value(QStringLiteral("DEFAULT")) == QStringLiteral("YES");
+    rendition.autoSelect = attrs->value(QStringLiteral("AUTOSELECT")) == QStringLiteral("YES");
+    // Closed captions travel inside the video; any other rendition may have a playlist.
+    if (attrs->contains(QStringLiteral("URI")) && *type != Reader::RenditionType::ClosedCaptions) {
+        const auto url = resolve(attrs->value(QStringLiteral("URI")));
+        if (!url)
+            return false;
+        rendition.url = *url;
+    }
+    m_playlist.renditions.append(rendition);
+    return true;
+}
+
+bool Parser::checkGroups() {
+    for (int i = 0; i < m_playlist.variants.size(); ++i) {
+        const auto& variant = m_playlist.variants.at(i);
+        const auto defines = [&](Reader::RenditionType type, const QString& group) {
+            return std::any_of(m_playlist.renditions.cbegin(), m_playlist.renditions.cend(),
+                               [&](const auto& r) { return r.type == type && r.groupId == group; });
+        };
+        const bool audioOk = variant.audioGroup.isEmpty() ||
+                             defines(Reader::RenditionType::Audio, variant.audioGroup);
+        const bool subtitlesOk = variant.subtitlesGroup.isEmpty() ||
+                                 defines(Reader::RenditionType::Subtitles, variant.subtitlesGroup);
+        if (!audioOk || !subtitlesOk) {
+            m_lineNumber = m_variantLines.at(i);
+            return fail(QStringLiteral("the variant names a rendition group (%1) that the playlist "
+                                       "does not define")
+                            .arg(audioOk ? variant.subtitlesGroup : variant.audioGroup));
+        }
     }
     return true;
 }
 
 bool Parser::addUri(const QString& line) {
+    if (!m_expectVariantUri && !m_expectSegmentUri)
+        return fail(QStringLiteral("a URI without a preceding #EXTINF"), line);
     const auto url = resolve(line);
     if (!url)
-        return fail(QStringLiteral("invalid URI"), line);
+        return false;
     if (m_expectVariantUri) {
-        m_playlist.variants.append({*url, m_pendingBandwidth, m_pendingResolution});
+        m_pendingVariant.url = *url;
+        m_playlist.variants.append(m_pendingVariant);
+        m_variantLines.append(m_lineNumber);
         m_expectVariantUri = false;
         return true;
     }
-    if (!m_expectSegmentUri)
-        return fail(QStringLiteral("a URI without a preceding #EXTINF"), line);
+    return addSegment(*url, line);
+}
+
+bool Parser::addSegment(const QUrl& url, const QString& line) {
     AbstractDownloadSourceInfo source;
-    source.url = *url;
+    source.url = url;
     if (m_pendingRange) {
-        if (!m_pendingRange->offset && m_lastRangeUrl != *url)
+        if (!m_pendingRange->offset && m_lastRangeUrl != url)
             return fail(QStringLiteral("byte range without an offset after another resource"),
                         line);
         source.rangeOffset = m_pendingRange->offset.value_or(m_nextRangeOffset);
         source.rangeSize = m_pendingRange->size;
+        if (source.rangeOffset > std::numeric_limits<qint64>::max() - source.rangeSize)
+            return fail(QStringLiteral("invalid byte range"), line);
         m_nextRangeOffset = source.rangeOffset + source.rangeSize;
-        m_lastRangeUrl = *url;
+        m_lastRangeUrl = url;
+        addRangedBytes(source.rangeSize);
         m_pendingRange.reset();
+    } else {
+        m_everySegmentRanged = false;
     }
     m_playlist.segments.append(source);
     m_playlist.totalDurationSeconds += m_pendingDuration;
@@ -187,30 +405,29 @@ bool Parser::addUri(const QString& line) {
     return true;
 }
 
+std::optional<QHash<QString, QString>> Parser::attributesOf(const QString& value,
+                                                            const QString& line) {
+    auto attrs = attributes(value);
+    if (!attrs)
+        fail(QStringLiteral("malformed attribute list"), line);
+    return attrs;
+}
+
 std::optional<QUrl> Parser::resolve(const QString& uri) {
-    // Control characters, blanks and undecodable bytes mean the text is not a playlist line.
-    for (const QChar c : uri) {
-        if (c.unicode() <= 0x20 || c.unicode() == 0x7f || c == QChar::ReplacementCharacter)
-            return std::nullopt;
-    }
-    const QUrl relative(uri, QUrl::StrictMode);
-    if (!relative.isValid())
-        return std::nullopt;
-    const QUrl url = m_baseUrl.resolved(relative);
-    if (!url.isValid() || url.scheme().isEmpty())
-        return std::nullopt;
+    QString reason;
+    MediaParse::ErrorCode code = MediaParse::Malformed;
+    auto url = MediaParse::resolveUri(m_baseUrl, uri, &reason, &code);
+    if (!url)
+        fail(reason, {}, code);
     return url;
 }
 
-bool Parser::fail(const QString& reason, const QString& line) {
+bool Parser::fail(const QString& reason, const QString& line, MediaParse::ErrorCode code) {
     if (m_error) {
-        const QString text =
-            line.isEmpty() ? QStringLiteral("Playlist line %1: %2").arg(m_lineNumber).arg(reason)
-                           : QStringLiteral("Playlist line %1: %2: %3")
-                                 .arg(m_lineNumber)
-                                 .arg(reason, line.left(200));
-        *m_error = AbstractError(HlsPlaylistReader::PlaylistError, AbstractError::GenericError,
-                                 TERNCL_SOURCE_PLACE, text.toStdString());
+        QString text = QStringLiteral("Playlist line %1: %2").arg(m_lineNumber).arg(reason);
+        if (!line.isEmpty())
+            text += QStringLiteral(": ") + MediaParse::shortened(line);
+        *m_error = MediaParse::error(code, text, TERNCL_SOURCE_PLACE);
     }
     return false;
 }

@@ -1,4 +1,5 @@
 #include "hlsplaylistreader.h"
+#include "mediaparse.h"
 
 #include <QTest>
 
@@ -28,6 +29,8 @@ private Q_SLOTS:
         QCOMPARE(playlist.segments.at(1).url, QUrl(QStringLiteral("http://host/abs/seg1.ts")));
         QCOMPARE(playlist.segments.at(2).url, QUrl(QStringLiteral("https://cdn/seg2.ts?x=1")));
         QCOMPARE(playlist.totalDurationSeconds, 5.5);
+        QCOMPARE(playlist.format, QStringLiteral("ts"));
+        QCOMPARE(playlist.exactSize, -1);
 
         const auto live = parse("#EXTM3U\n#EXTINF:2,\na.ts\n", &error);
         QVERIFY(!live.complete);
@@ -48,6 +51,8 @@ private Q_SLOTS:
         QCOMPARE(playlist.segments.at(1).rangeOffset, 700);
         QCOMPARE(playlist.segments.at(2).rangeOffset, 1700);
         QCOMPARE(playlist.segments.at(2).rangeSize, 500);
+        QCOMPARE(playlist.format, QStringLiteral("mp4"));
+        QCOMPARE(playlist.exactSize, 2200);
     }
 
     void masterPicksHighestBandwidth() {
@@ -65,39 +70,120 @@ private Q_SLOTS:
         QCOMPARE(HlsPlaylistReader::bestVariant({}), QUrl());
     }
 
+    void masterWithRenditions() {
+        AbstractError error;
+        const auto playlist = parse(
+            "#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",NAME=\"Deutsch\",LANGUAGE=\"de\","
+            "DEFAULT=YES,URI=\"audio/de.m3u8\"\n"
+            "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",NAME=\"English\",LANGUAGE=\"en\","
+            "URI=\"https://cdn/en.m3u8\"\n"
+            "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"en\",URI=\"s.m3u8\"\n"
+            "#EXT-X-MEDIA:TYPE=CLOSED-CAPTIONS,GROUP-ID=\"cc\",NAME=\"cc\",INSTREAM-ID=\"CC1\"\n"
+            "#EXT-X-STREAM-INF:BANDWIDTH=2500000,AVERAGE-BANDWIDTH=2000000,RESOLUTION=1920x1080,"
+            "FRAME-RATE=29.970,CODECS=\"avc1.640028,mp4a.40.2\",AUDIO=\"aud\",SUBTITLES=\"subs\"\n"
+            "1080.m3u8\n#EXT-X-I-FRAME-STREAM-INF:BANDWIDTH=1,URI=\"file:///ignored\"\n"
+            "#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=640x360,AUDIO=\"aud\"\n360.m3u8\n",
+            &error);
+        QCOMPARE(error.code, 0);
+        QCOMPARE(playlist.variants.size(), 2);
+        const auto& top = playlist.variants.at(0);
+        QCOMPARE(top.url, QUrl(QStringLiteral("http://host/video/1080.m3u8")));
+        QCOMPARE(top.averageBandwidth, 2000000);
+        QCOMPARE(top.width, 1920);
+        QCOMPARE(top.height, 1080);
+        QCOMPARE(top.frameRate, 29.97);
+        QCOMPARE(top.codecs,
+                 QStringList({QStringLiteral("avc1.640028"), QStringLiteral("mp4a.40.2")}));
+        QCOMPARE(top.audioGroup, QStringLiteral("aud"));
+        QCOMPARE(top.subtitlesGroup, QStringLiteral("subs"));
+        QCOMPARE(playlist.renditions.size(), 4);
+        const auto& german = playlist.renditions.at(0);
+        QVERIFY(german.isDefault && german.type == HlsPlaylistReader::RenditionType::Audio);
+        QCOMPARE(german.language, QStringLiteral("de"));
+        QCOMPARE(german.name, QStringLiteral("Deutsch"));
+        QCOMPARE(german.url, QUrl(QStringLiteral("http://host/video/audio/de.m3u8")));
+        QVERIFY(!playlist.renditions.at(1).isDefault);
+        QCOMPARE(playlist.renditions.at(2).type, HlsPlaylistReader::RenditionType::Subtitles);
+        QVERIFY(playlist.renditions.at(3).url.isEmpty());
+    }
+
     void unsupportedPlaylistsNameTheLine_data() {
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("expected");
+        QTest::addColumn<int>("code");
+        const int malformed = MediaParse::Malformed;
+        const int forbidden = MediaParse::ForbiddenUri;
+        const int unsupported = MediaParse::Unsupported;
         QTest::newRow("no header")
-            << QByteArray("seg.ts\n") << QStringLiteral("Playlist line 1: not an HLS");
-        QTest::newRow("empty") << QByteArray() << QStringLiteral("Playlist line 1:");
+            << QByteArray("seg.ts\n") << QStringLiteral("Playlist line 1: not an HLS") << malformed;
+        QTest::newRow("empty") << QByteArray() << QStringLiteral("Playlist line 1:") << malformed;
         QTest::newRow("encrypted")
             << QByteArray("#EXTM3U\n#EXT-X-KEY:METHOD=AES-128,URI=\"k\"\n#EXTINF:2,\na.ts\n")
-            << QStringLiteral("Playlist line 2: encrypted segments (METHOD=AES-128)");
+            << QStringLiteral("Playlist line 2: encrypted stream: AES-128 is not supported")
+            << unsupported;
         QTest::newRow("uri without extinf")
-            << QByteArray("#EXTM3U\na.ts\n") << QStringLiteral("Playlist line 2: a URI without");
+            << QByteArray("#EXTM3U\na.ts\n") << QStringLiteral("Playlist line 2: a URI without")
+            << malformed;
         QTest::newRow("bad duration")
             << QByteArray("#EXTM3U\n#EXTINF:abc,\na.ts\n")
-            << QStringLiteral("Playlist line 2: invalid segment duration");
+            << QStringLiteral("Playlist line 2: invalid segment duration") << malformed;
         QTest::newRow("bad range")
             << QByteArray("#EXTM3U\n#EXTINF:1,\n#EXT-X-BYTERANGE:x@1\na.ts\n")
-            << QStringLiteral("Playlist line 3: invalid byte range");
-        QTest::newRow("dangling tag") << QByteArray("#EXTM3U\n#EXTINF:1,\n")
-                                      << QStringLiteral("Playlist line 3: a tag expects a URI");
+            << QStringLiteral("Playlist line 3: invalid byte range") << malformed;
+        QTest::newRow("dangling tag")
+            << QByteArray("#EXTM3U\n#EXTINF:1,\n")
+            << QStringLiteral("Playlist line 3: a tag expects a URI") << malformed;
         QTest::newRow("binary") << QByteArray("#EXTM3U\n#EXTINF:1,\n\x01\xff\xfe:\n")
-                                << QStringLiteral("Playlist line");
+                                << QStringLiteral("Playlist line") << malformed;
+        QTest::newRow("broken attributes")
+            << QByteArray("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1,CODECS=\"avc1\n")
+            << QStringLiteral("Playlist line 2: malformed attribute list") << malformed;
+        QTest::newRow("undefined group")
+            << QByteArray("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1,AUDIO=\"a\"\nv.m3u8\n")
+            << QStringLiteral("Playlist line 3: the variant names a rendition group (a)")
+            << malformed;
+        QTest::newRow("session key")
+            << QByteArray("#EXTM3U\n#EXT-X-SESSION-KEY:METHOD=SAMPLE-AES,URI=\"k\"\n")
+            << QStringLiteral("Playlist line 2: encrypted stream: SAMPLE-AES") << unsupported;
+        QTest::newRow("local variant")
+            << QByteArray("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nfile:///etc/passwd\n")
+            << QStringLiteral("Playlist line 3: URI refused (only http and https are allowed): "
+                              "file:///etc/passwd")
+            << forbidden;
+        QTest::newRow("data rendition")
+            << QByteArray("#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"x\","
+                          "URI=\"data:,x\"\n")
+            << QStringLiteral("Playlist line 2: URI refused (only http and https are allowed): "
+                              "data:,x")
+            << forbidden;
+        QTest::newRow("ftp init segment")
+            << QByteArray("#EXTM3U\n#EXT-X-MAP:URI=\"ftp://h/init.mp4\"\n")
+            << QStringLiteral("Playlist line 2: URI refused") << forbidden;
+        QTest::newRow("script segment")
+            << QByteArray("#EXTM3U\n#EXTINF:1,\njavascript:alert(1)\n")
+            << QStringLiteral("Playlist line 3: URI refused") << forbidden;
+        QTest::newRow("relative to a file")
+            << QByteArray("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlocal.m3u8\n")
+            << QStringLiteral("Playlist line 3: relative URI against a base that is not http")
+            << forbidden;
     }
 
     void unsupportedPlaylistsNameTheLine() {
         QFETCH(QByteArray, text);
         QFETCH(QString, expected);
+        QFETCH(int, code);
         AbstractError error;
-        const auto playlist = HlsPlaylistReader::parse(text, base, &error);
-        QCOMPARE(error.code, int(HlsPlaylistReader::PlaylistError));
+        const QUrl localBase(QStringLiteral("file:///srv/index.m3u8"));
+        const auto playlist = HlsPlaylistReader::parse(
+            text, QTest::currentDataTag() == QByteArray("relative to a file") ? localBase : base,
+            &error);
+        QCOMPARE(error.code, code);
         QCOMPARE(error.category, std::string("GenericError"));
         QVERIFY2(QString::fromStdString(error.description).startsWith(expected),
                  error.description.c_str());
-        QVERIFY(playlist.segments.isEmpty());
+        QVERIFY(playlist.segments.isEmpty() && playlist.variants.isEmpty());
+        // What a refused URI points to is never read, so it cannot be quoted either.
+        QVERIFY(!QString::fromStdString(error.description).contains(QStringLiteral("root:")));
     }
 
     void clearKeysAreAccepted() {

@@ -97,6 +97,21 @@ bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segment
     return run(ffmpeg(), args, nullptr, error);
 }
 
+bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
+                               bool timeline, QString* error) {
+    QDir().mkpath(dir);
+    const QString command =
+        QStringLiteral("-hide_banner -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=25 "
+                       "-f lavfi -i sine=frequency=1000 -t %1 -c:v libx264 -preset ultrafast "
+                       "-force_key_frames expr:gte(t,n_forced*%2) -c:a aac -f dash "
+                       "-seg_duration %2 -use_template 1 -use_timeline %3")
+            .arg(seconds)
+            .arg(segmentSeconds)
+            .arg(timeline ? 1 : 0);
+    return run(ffmpeg(), command.split(u' ') << QDir(dir).filePath(QStringLiteral("manifest.mpd")),
+               nullptr, error);
+}
+
 QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
     QStringList files;
     QFile file(playlistPath);

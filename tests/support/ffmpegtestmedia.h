@@ -18,6 +18,11 @@ public:
     // MPEG-TS, or fragmented MP4 with an init segment "init.mp4".
     static bool makeHls(const QString& dir, double seconds, double segmentSeconds, bool fmp4,
                         QString* error);
+    // A DASH stream "manifest.mpd" with a video and an audio representation in fragmented MP4
+    // segments of segmentSeconds in dir, addressed by $Number$ or, with timeline, by a
+    // SegmentTimeline.
+    static bool makeDash(const QString& dir, double seconds, double segmentSeconds, bool timeline,
+                         QString* error);
     // The files an HLS playlist names, in download order (the init segment first).
     static QStringList segmentFiles(const QString& playlistPath);
     // The kinds of the file's streams ("video", "audio") and its duration in seconds.

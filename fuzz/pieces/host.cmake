@@ -1,0 +1,18 @@
+# The host's media parsers (HLS playlists, DASH manifests, web pages), built from their sources
+# because fuzzing builds leave the host out. Each checks that a parse either fails cleanly or
+# hands out only http and https addresses, and that its listing has unique ids.
+# Run: fuzz_hlsplaylist -dict=fuzz/host/hlsplaylist.dict CORPUS_DIR fuzz/corpus/hlsplaylist
+find_package(LibXml2 REQUIRED)
+set(terncl_fuzzed_media_parsers
+  "${PROJECT_SOURCE_DIR}/host/lib/mediaparse.cpp"
+  "${PROJECT_SOURCE_DIR}/host/lib/hlsplaylistreader.cpp"
+  "${PROJECT_SOURCE_DIR}/host/lib/dashmanifestreader.cpp"
+  "${PROJECT_SOURCE_DIR}/host/lib/htmlmediapagereader.cpp"
+  "${PROJECT_SOURCE_DIR}/host/lib/mediaversions.cpp")
+terncl_add_fuzzer(fuzz_hlsplaylist host/fuzz_hlsplaylist.cpp ${terncl_fuzzed_media_parsers})
+terncl_add_fuzzer(fuzz_dashmanifest host/fuzz_dashmanifest.cpp ${terncl_fuzzed_media_parsers})
+terncl_add_fuzzer(fuzz_htmlmediapage host/fuzz_htmlmediapage.cpp ${terncl_fuzzed_media_parsers})
+foreach(target fuzz_hlsplaylist fuzz_dashmanifest fuzz_htmlmediapage)
+  target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/host/lib")
+  target_link_libraries(${target} PRIVATE LibXml2::LibXml2)
+endforeach()

@@ -1,0 +1,184 @@
+#include "dashmanifestreader.h"
+#include "support/ffmpegtestmedia.h"
+#include "support/testfiles.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+using Reader = DashManifestReader;
+const QUrl base(QStringLiteral("http://host/dash/manifest.mpd"));
+
+Reader::Manifest parse(const QByteArray& text, AbstractError* error) {
+    return Reader::parse(text, base, error);
+}
+
+QStringList urls(const Reader::Representation& rep) {
+    QStringList result;
+    for (const auto& segment : rep.segments)
+        result << segment.url.toString();
+    return result;
+}
+
+QByteArray mpd(const QByteArray& body, const char* attributes = "type=\"static\"") {
+    return QByteArray("<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
+                      "mediaPresentationDuration=\"PT5S\" ") +
+           attributes + ">\n" + body + "\n</MPD>\n";
+}
+} // namespace
+
+class TestDashManifestReader : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    // Every segment a manifest made by ffmpeg names is a file ffmpeg wrote.
+    void ffmpegManifests_data() {
+        QTest::addColumn<bool>("timeline");
+        QTest::newRow("$Number$") << false;
+        QTest::newRow("SegmentTimeline") << true;
+    }
+    void ffmpegManifests() {
+        QFETCH(bool, timeline);
+        if (FfmpegTestMedia::ffmpeg().isEmpty())
+            QSKIP("ffmpeg is needed (scripts/install-deps installs it)");
+        QTemporaryDir dir;
+        QString problem;
+        QVERIFY2(FfmpegTestMedia::makeDash(dir.path(), 5, 1, timeline, &problem),
+                 qPrintable(problem));
+        AbstractError error;
+        const auto manifest = parse(readFile(dir.filePath(QStringLiteral("manifest.mpd"))), &error);
+        QCOMPARE(error.code, 0);
+        QCOMPARE(manifest.durationSeconds, 5.0);
+        QCOMPARE(manifest.representations.size(), 2);
+        const auto& video = manifest.representations.at(0);
+        QCOMPARE(video.kind, Reader::Kind::Video);
+        QCOMPARE(video.width, 160);
+        QCOMPARE(video.height, 120);
+        QCOMPARE(video.frameRate, 25.0);
+        QVERIFY(video.bandwidth > 0 && video.hasInitSegment && !video.singleFile);
+        QCOMPARE(manifest.representations.at(1).kind, Reader::Kind::Audio);
+        QCOMPARE(manifest.representations.at(1).audioSamplingRate, 44100);
+        for (const auto& rep : manifest.representations) {
+            QCOMPARE(rep.segments.size(), 6); // the init segment and five of a second
+            for (const QString& url : urls(rep)) {
+                QVERIFY2(url.startsWith(QStringLiteral("http://host/dash/")), qPrintable(url));
+                QVERIFY2(QFile::exists(dir.filePath(url.mid(17))), qPrintable(url));
+            }
+        }
+    }
+
+    void templatesListsAndSingleFiles() {
+        AbstractError error;
+        const auto manifest = parse(
+            mpd("<BaseURL>https://cdn/base/</BaseURL><Period><BaseURL>p/</BaseURL>"
+                "<AdaptationSet contentType=\"video\" mimeType=\"video/mp4\">"
+                "<SegmentTemplate media=\"$RepresentationID$/$Bandwidth$-$Number%03d$.m4s?$$\" "
+                "initialization=\"$RepresentationID$/init.mp4\" startNumber=\"7\" "
+                "duration=\"5\" timescale=\"2\"/>"
+                "<Representation id=\"v1\" bandwidth=\"900\" width=\"640\" height=\"360\"/>"
+                "<Representation id=\"v2\" bandwidth=\"1800\"><SegmentTemplate "
+                "media=\"t/$Time$.m4s\" timescale=\"1\"><SegmentTimeline><S t=\"0\" d=\"2\" "
+                "r=\"1\"/>"
+                "<S d=\"1\" r=\"-1\"/></SegmentTimeline></SegmentTemplate></Representation>"
+                "</AdaptationSet><AdaptationSet mimeType=\"audio/mp4\" lang=\"de\">"
+                "<Representation id=\"a1\" bandwidth=\"64\"><SegmentList><Initialization "
+                "sourceURL=\"a.mp4\" range=\"0-99\"/><SegmentURL mediaRange=\"100-199\"/>"
+                "<SegmentURL media=\"b.mp4\" mediaRange=\"0-49\"/></SegmentList>"
+                "<BaseURL>a.mp4</BaseURL></Representation>"
+                "<Representation id=\"a2\" bandwidth=\"64\"><BaseURL>http://other/a2.m4a</BaseURL>"
+                "<SegmentBase indexRange=\"0-10\"/></Representation>"
+                "</AdaptationSet><AdaptationSet contentType=\"image\"><Representation id=\"i\" "
+                "bandwidth=\"1\"/></AdaptationSet></Period>"),
+            &error);
+        QCOMPARE(error.code, 0);
+        QCOMPARE(manifest.representations.size(), 4); // thumbnails are left out
+        const auto& v1 = manifest.representations.at(0);
+        QCOMPARE(urls(v1), QStringList({QStringLiteral("https://cdn/base/p/v1/init.mp4"),
+                                        QStringLiteral("https://cdn/base/p/v1/900-007.m4s?$"),
+                                        QStringLiteral("https://cdn/base/p/v1/900-008.m4s?$")}));
+        // The initialization comes from the adaptation set's template. Without a time in the
+        // next entry, r="-1" repeats up to the end of the period (PT5S).
+        QCOMPARE(urls(manifest.representations.at(1)),
+                 QStringList({QStringLiteral("https://cdn/base/p/v2/init.mp4"),
+                              QStringLiteral("https://cdn/base/p/t/0.m4s"),
+                              QStringLiteral("https://cdn/base/p/t/2.m4s"),
+                              QStringLiteral("https://cdn/base/p/t/4.m4s")}));
+        const auto& a1 = manifest.representations.at(2);
+        QCOMPARE(a1.language, QStringLiteral("de"));
+        QCOMPARE(urls(a1), QStringList({QStringLiteral("https://cdn/base/p/a.mp4"),
+                                        QStringLiteral("https://cdn/base/p/a.mp4"),
+                                        QStringLiteral("https://cdn/base/p/b.mp4")}));
+        QCOMPARE(a1.segments.at(1).rangeOffset, 100);
+        QCOMPARE(a1.segments.at(1).rangeSize, 100);
+        QCOMPARE(a1.exactSize, 250);
+        const auto& a2 = manifest.representations.at(3);
+        QVERIFY(a2.singleFile && !a2.hasInitSegment);
+        QCOMPARE(urls(a2), QStringList({QStringLiteral("http://other/a2.m4a")}));
+        QCOMPARE(a2.exactSize, -1);
+    }
+
+    void refusedManifestsSayWhy_data() {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("expected");
+        const auto period = [](const char* inside) {
+            return QByteArray("<Period><AdaptationSet mimeType=\"video/mp4\">") + inside +
+                   "</AdaptationSet></Period>";
+        };
+        const int malformed = MediaParse::Malformed;
+        QTest::newRow("not well-formed")
+            << QByteArray("<MPD>\n<Period>\n</MPD>") << malformed
+            << QStringLiteral("Manifest line 3, column 6: Opening and ending tag mismatch");
+        QTest::newRow("not a manifest") << QByteArray("<html/>") << malformed
+                                        << QStringLiteral("Manifest line 1, column 7: "
+                                                          "not a DASH manifest");
+        QTest::newRow("live") << mpd("<Period/>", "type=\"dynamic\"")
+                              << int(MediaParse::Unsupported)
+                              << QStringLiteral("live manifests (type=\"dynamic\")");
+        QTest::newRow("encrypted")
+            << mpd(period("<ContentProtection schemeIdUri=\"urn:mpeg:dash:mp4protection:2011\" "
+                          "value=\"cenc\"/><Representation id=\"1\" bandwidth=\"1\"/>"))
+            << int(MediaParse::Unsupported) << QStringLiteral("encrypted stream: cenc");
+        QTest::newRow("local base")
+            << mpd("<BaseURL>file:///etc/</BaseURL><Period/>") << int(MediaParse::ForbiddenUri)
+            << QStringLiteral("URI refused (only http and https are allowed): file:///etc/");
+        QTest::newRow("script segment")
+            << mpd(period("<Representation id=\"1\" bandwidth=\"1\"><SegmentList>"
+                          "<SegmentURL media=\"javascript:x()\"/></SegmentList></Representation>"))
+            << int(MediaParse::ForbiddenUri) << QStringLiteral("URI refused");
+        QTest::newRow("unknown identifier")
+            << mpd(period("<SegmentTemplate media=\"$Nmber$\" duration=\"1\"/>"
+                          "<Representation id=\"1\" bandwidth=\"1\"/>"))
+            << malformed << QStringLiteral("template identifier $Nmber$ cannot be used here");
+        QTest::newRow("no media") << mpd(period("<Representation id=\"r\" bandwidth=\"1\"/>"))
+                                  << malformed << QStringLiteral("representation r names no media");
+        QTest::newRow("empty timeline")
+            << mpd(period("<Representation id=\"r\" bandwidth=\"1\"><SegmentTemplate "
+                          "media=\"$Time$\"><SegmentTimeline/></SegmentTemplate></Representation>"))
+            << malformed << QStringLiteral("representation r lists no segments");
+        QTest::newRow("two periods") << mpd("<Period/><Period/>") << int(MediaParse::Unsupported)
+                                     << QStringLiteral("manifests of 2 periods");
+        QTest::newRow("endless")
+            << mpd(period(
+                   "<SegmentTemplate media=\"$Number$\" duration=\"1\" timescale=\"1000000\"/>"
+                   "<Representation id=\"1\" bandwidth=\"1\"/>"))
+            << int(MediaParse::Unsupported) << QStringLiteral("more than 300000 segments");
+    }
+    void refusedManifestsSayWhy() {
+        QFETCH(QByteArray, text);
+        QFETCH(int, code);
+        QFETCH(QString, expected);
+        AbstractError error;
+        const auto manifest = parse(text, &error);
+        QCOMPARE(error.code, code);
+        const QString description = QString::fromStdString(error.description);
+        QVERIFY2(description.startsWith(QStringLiteral("Manifest line ")) &&
+                     description.contains(expected),
+                 qPrintable(description));
+        QVERIFY(manifest.representations.isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDashManifestReader)
+#include "tst_dashmanifestreader.moc"

@@ -1,0 +1,176 @@
+#include "mediaversions.h"
+
+#include <QTest>
+
+namespace {
+using Selector = AbstractDownloadResourceVersionSelector;
+const QUrl masterUrl(QStringLiteral("https://host/show/master.m3u8"));
+
+const MediaVersions::Request request{{{"Cookie", "a=1"}}, QUrl(QStringLiteral("https://site/"))};
+
+// The ids of the versions from the first on, separated by blanks.
+QString ids(const MediaVersions::Listing& listing, int first = 0) {
+    QStringList result;
+    for (const auto& version : listing.versions.mid(first))
+        result << MediaVersions::id(version);
+    return result.join(u' ');
+}
+
+HlsPlaylistReader::Playlist hls(const QByteArray& text, const QUrl& url = masterUrl) {
+    AbstractError error;
+    auto playlist = HlsPlaylistReader::parse(text, url, &error);
+    if (error.isSet())
+        qFatal("%s", error.description.c_str());
+    return playlist;
+}
+} // namespace
+
+class TestMediaVersions : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void hlsMasterCombinesVariantsAndLanguages() {
+        const auto master = hls(
+            "#EXTM3U\n"
+            "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"Deutsch\",LANGUAGE=\"de\",URI=\"de."
+            "m3u8\"\n"
+            "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"English\",LANGUAGE=\"en\",URI=\"en."
+            "m3u8\"\n"
+            "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"s\",NAME=\"English\",LANGUAGE=\"en\","
+            "URI=\"subs.m3u8\"\n"
+            "#EXT-X-STREAM-INF:BANDWIDTH=2500000,AVERAGE-BANDWIDTH=2000000,RESOLUTION=1920x1080,"
+            "CODECS=\"avc1.640028,mp4a.40.2\",AUDIO=\"a\"\n1080.m3u8\n"
+            "#EXT-X-STREAM-INF:BANDWIDTH=1200000,RESOLUTION=1280x720,AUDIO=\"a\"\n720.m3u8\n"
+            "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x360,CODECS=\"hvc1.1.6.L93.90\"\n"
+            "360.m3u8\n#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x360\nmuxed.m3u8\n");
+        const auto listing = MediaVersions::fromHlsMaster(master, masterUrl, request);
+        QCOMPARE(
+            ids(listing),
+            QStringLiteral(
+                "hls-1080p-2500k+audio-de hls-1080p-2500k+audio-en hls-720p-1200k+audio-de "
+                "hls-720p-1200k+audio-en hls-360p-600k hls-360p-600k-2 hls-audio-de hls-audio-en"));
+        const auto& top = listing.versions.at(0);
+        QCOMPARE(top.parts.size(), 2);
+        QCOMPARE(top.media.type, int(Selector::VideoWithAudio));
+        QCOMPARE(top.media.height, 1080);
+        QCOMPARE(top.media.language, QStringLiteral("de"));
+        QCOMPARE(top.media.format, QStringLiteral("ts"));
+        const auto& video = top.parts.at(0);
+        const auto& audio = top.parts.at(1);
+        QCOMPARE(video.media.type, int(Selector::VideoOnly));
+        QCOMPARE(audio.media.type, int(Selector::AudioOnly));
+        QVERIFY(video.protocol == MediaVersions::HlsModule && audio.protocol == video.protocol);
+        QCOMPARE(video.originType, int(MediaVersions::HlsStream));
+        const auto sources = MediaVersions::sources(audio);
+        QCOMPARE(sources.size(), 1);
+        QCOMPARE(sources.at(0).url, QUrl(QStringLiteral("https://host/show/de.m3u8")));
+        QCOMPARE(sources.at(0).requestHeaders, request.headers);
+        QCOMPARE(audio.requestHeaders, QList<QString>({QStringLiteral("Cookie: a=1")}));
+        QCOMPARE(audio.referrer, request.referrer);
+        // An HEVC variant without audio codecs is video only, in fragmented MP4; without CODECS
+        // the variant is taken to carry its audio.
+        QCOMPARE(listing.versions.at(4).media.type, int(Selector::VideoOnly));
+        QCOMPARE(listing.versions.at(4).media.format, QStringLiteral("mp4"));
+        QCOMPARE(listing.versions.at(5).media.type, int(Selector::VideoWithAudio));
+        QCOMPARE(listing.subtitles.size(), 1);
+        QCOMPARE(MediaVersions::id(listing.subtitles.at(0)), QStringLiteral("hls-subs-en"));
+        QCOMPARE(MediaVersions::indexOf(listing.versions, QStringLiteral("HLS-AUDIO-EN")), 7);
+        QCOMPARE(MediaVersions::indexOf(listing.versions, QStringLiteral("hls")), -1);
+    }
+
+    // Sizes are unknown until a media playlist is read; then exact with byte ranges, otherwise
+    // estimated from the variant's average bandwidth, and marked as an estimate.
+    void hlsSizesComeWithMediaPlaylists() {
+        auto listing = MediaVersions::fromHlsMaster(
+            hls("#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"a\",NAME=\"x\",URI=\"a.m3u8\"\n"
+                "#EXT-X-STREAM-INF:BANDWIDTH=900000,AVERAGE-BANDWIDTH=800000,AUDIO=\"a\"\nv."
+                "m3u8\n"),
+            masterUrl);
+        auto& version = listing.versions[0];
+        QCOMPARE(MediaVersions::sizeOf(version).bytes, -1);
+        const auto fmp4 = hls("#EXTM3U\n#EXT-X-MAP:URI=\"init.mp4\"\n#EXTINF:4,\n1.m4s\n"
+                              "#EXTINF:6,\n2.m4s\n#EXT-X-ENDLIST\n");
+        MediaVersions::applyMediaPlaylist(&version, 0, fmp4);
+        QCOMPARE(version.parts.at(0).fragmentCount, 2);
+        QCOMPARE(version.media.format, QStringLiteral("mp4"));
+        QCOMPARE(version.media.duration, 10);
+        QVERIFY(MediaVersions::needsRemux(version.parts.at(0)));
+        const auto estimate = MediaVersions::sizeOf(version);
+        QVERIFY(estimate.estimated);
+        QCOMPARE(estimate.bytes, 800000 * 10 / 8);
+        QCOMPARE(version.size, -1);
+
+        auto single = MediaVersions::fromHlsMedia(
+            hls("#EXTM3U\n#EXTINF:2,\n#EXT-X-BYTERANGE:1000@0\nall.ts\n#EXTINF:2,\n"
+                "#EXT-X-BYTERANGE:500\nall.ts\n"),
+            masterUrl);
+        const auto exact = MediaVersions::sizeOf(single.versions.at(0));
+        QVERIFY(!exact.estimated);
+        QCOMPARE(exact.bytes, 1500);
+    }
+
+    void dashCompositesAndPages() {
+        DashManifestReader::Manifest manifest;
+        manifest.durationSeconds = 8;
+        DashManifestReader::Representation video;
+        video.mimeType = QStringLiteral("video/mp4");
+        video.height = 720;
+        video.bandwidth = 1200000;
+        video.hasInitSegment = true;
+        video.segments.resize(5);
+        DashManifestReader::Representation audio;
+        audio.kind = DashManifestReader::Kind::Audio;
+        audio.mimeType = QStringLiteral("audio/mp4");
+        audio.bandwidth = 128000;
+        audio.singleFile = true;
+        audio.url = QUrl(QStringLiteral("https://cdn/a.m4a"));
+        audio.segments.resize(1);
+        audio.exactSize = 1000;
+        DashManifestReader::Representation subtitles = audio;
+        subtitles.kind = DashManifestReader::Kind::Text;
+        subtitles.language = QStringLiteral("en");
+        manifest.representations = {video, audio, audio, subtitles, subtitles};
+        manifest.representations[2].language = QStringLiteral("en");
+        auto listing = MediaVersions::fromDash(manifest, masterUrl, request);
+        QCOMPARE(ids(listing),
+                 QStringLiteral("dash-720p-1200k+audio-128k dash-720p-1200k+audio-en-128k "
+                                "dash-audio-128k dash-audio-en-128k"));
+        const auto& composite = listing.versions.at(0);
+        QCOMPARE(composite.parts.at(0).protocol, MediaVersions::FragmentsModule);
+        QCOMPARE(composite.parts.at(0).fragmentCount, 4);
+        QCOMPARE(MediaVersions::sources(composite.parts.at(0)).size(), 5);
+        QVERIFY(MediaVersions::needsRemux(composite.parts.at(0)));
+        QCOMPARE(composite.parts.at(1).protocol, MediaVersions::PlainFileModule);
+        QCOMPARE(composite.originType, int(MediaVersions::DashStream));
+        QCOMPARE(composite.media.bitrate, 1328000);
+        QCOMPARE(MediaVersions::sizeOf(composite).bytes, 1200000 * 8 / 8 + 1000);
+        QVERIFY(MediaVersions::sizeOf(composite).estimated);
+        QCOMPARE(listing.versions.at(2).originType, int(MediaVersions::PlainFile));
+        QCOMPARE(listing.subtitles.size(), 2);
+        QCOMPARE(MediaVersions::id(listing.subtitles.at(1)), QStringLiteral("dash-subs-en-2"));
+
+        HtmlMediaPageReader::Page page;
+        page.links = {{QUrl(QStringLiteral("https://site/x.mp4")),
+                       HtmlMediaPageReader::LinkKind::MediaFile,
+                       {},
+                       QStringLiteral("mp4")},
+                      {QUrl(QStringLiteral("https://site/x.m3u8")),
+                       HtmlMediaPageReader::LinkKind::HlsPlaylist,
+                       {},
+                       {}},
+                      {QUrl(QStringLiteral("https://site/a.m4a")),
+                       HtmlMediaPageReader::LinkKind::MediaFile,
+                       {},
+                       QStringLiteral("m4a")}};
+        const auto files = MediaVersions::fromPage(page, QUrl(QStringLiteral("https://site/p")));
+        QCOMPARE(ids(files), QStringLiteral("file-1 file-2"));
+        QCOMPARE(files.versions.at(1).media.type, int(Selector::AudioOnly));
+        QCOMPARE(files.versions.at(0).referrer, QUrl(QStringLiteral("https://site/p")));
+        MediaVersions::append(&listing, files);
+        MediaVersions::append(&listing, files);
+        QCOMPARE(ids(listing, 4), QStringLiteral("file-1 file-2 file-1-2 file-2-2"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestMediaVersions)
+#include "tst_mediaversions.moc"
