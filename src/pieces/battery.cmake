@@ -10,7 +10,7 @@ terncl_add_sources(
     terncl/core/qtwindowsbatteryinfo.cpp)
 if(WIN32)
   # The thin Win32 layer: plain C++ over kernel32, also built on its own by the cross-compile
-  # check together with tests/terncl/core/win32/powerstatusprobe.cpp.
+  # check together with terncl/core/win32/powerstatusprobe.cpp.
   terncl_add_sources(
     HEADERS terncl/core/win32/win32systempowerstatussource_p.h
     SOURCES terncl/core/win32/win32systempowerstatussource.cpp)

@@ -17,65 +17,65 @@ AbstractError moduleError(const char* text) {
 }
 
 // A sub-module that logs its passes into a shared list and ends each one at once, failing or
-// asking for an exit when told.
+// asking for an exit or a restart when told.
 class LeafModule : public QtAbstractModule {
 public:
-    LeafModule(const QString& name, QStringList& log)
-        : m_name(name)
-        , m_log(log) {}
+    LeafModule(const char* name, QStringList& log)
+        : name(QString::fromLatin1(name))
+        , log(log) {}
 
     void initialize(bool init) override {
         setInitializeRunning(true, init);
-        m_log.append(m_name + (init ? QStringLiteral("+") : QStringLiteral("-")));
-        if (init ? failInit : failUninit) {
-            setUnsupportedDeviceError(true);
-            setInitFailed(init, moduleError("leaf failed"), true);
-            return;
-        }
+        log.append(name + (init ? QStringLiteral("+") : QStringLiteral("-")));
+        setUnsupportedDeviceError(true);
+        if (init ? failInit : failUninit)
+            return setInitFailed(init, moduleError("leaf failed"), true);
         setNeedExit(askExit);
         setNeedRestart(askRestart);
         setInitializeRunning(false, init);
     }
 
+    QString name;
+    QStringList& log;
     bool failInit = false, failUninit = false, askExit = false, askRestart = false;
-
-private:
-    QString m_name;
-    QStringList& m_log;
 };
 
+// Logs its own before- and after-steps around those of its sub-modules.
 class ComplexModule : public QtAbstractComplexModule {
 public:
-    explicit ComplexModule(QStringList& log)
-        : m_log(log) {}
-    using QtAbstractComplexModule::addModule;
+    ComplexModule(QStringList& log, const QList<LeafModule*>& leaves = {})
+        : log(log) {
+        for (auto* leaf : leaves)
+            addModule(leaf);
+    }
     using QtAbstractComplexModule::currentModuleIndex;
 
 protected:
     void initializeSelfBefore(bool init) override {
-        m_log.append(init ? QStringLiteral("before+") : QStringLiteral("before-"));
+        log.append(init ? QStringLiteral("before+") : QStringLiteral("before-"));
         QtAbstractComplexModule::initializeSelfBefore(init);
     }
     void initializeSelfAfter(bool init) override {
-        m_log.append(init ? QStringLiteral("after+") : QStringLiteral("after-"));
+        log.append(init ? QStringLiteral("after+") : QStringLiteral("after-"));
         QtAbstractComplexModule::initializeSelfAfter(init);
     }
 
 private:
-    QStringList& m_log;
+    QStringList& log;
 };
 
 // Runs one pass and waits for its end.
 bool runPass(QtAbstractModule& module, bool init) {
     QSignalSpy spy(&module, &QtAbstractModule::initializeRunning);
     module.initialize(init);
-    return spy.wait(5000) || (!spy.isEmpty() && !spy.last().at(0).toBool());
+    return QTest::qWaitFor([&] { return !spy.isEmpty() && !spy.last().at(0).toBool(); });
 }
 
 QStringList words(const char* text) {
     return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
+// Takes the addresses whose scheme is its uid and makes fake downloads of them.
 class FakeDownloadModule : public AbstractDownloadModule {
 public:
     FakeDownloadModule(const QString& uid, int priority, bool failInit = false)
@@ -89,9 +89,8 @@ public:
         return supportedSource(d);
     }
     bool supportedSource(const AbstractDownload* d) const override {
-        return sourceType(QUrl(d->info().resourceUrl)) != AbstractDownloadType::Unknown;
+        return QUrl(d->info().resourceUrl).scheme() == m_uid;
     }
-    // Takes the addresses whose scheme is its uid.
     AbstractDownloadType sourceType(const QUrl& url) const override {
         return url.scheme() == m_uid ? AbstractDownloadType::Resource
                                      : AbstractDownloadType::Unknown;
@@ -116,6 +115,11 @@ private:
     int m_priority;
     bool m_failInit;
 };
+
+QSharedPointer<FakeDownloadModule> downloadModule(const char* uid, int priority,
+                                                  bool failInit = false) {
+    return QSharedPointer<FakeDownloadModule>::create(QString::fromLatin1(uid), priority, failInit);
+}
 } // namespace
 
 class TestModules : public QObject {
@@ -124,11 +128,8 @@ class TestModules : public QObject {
 private Q_SLOTS:
     void complexModuleWalksForwardThenBack() {
         QStringList log;
-        ComplexModule complex(log);
-        LeafModule first(QStringLiteral("first"), log), second(QStringLiteral("second"), log),
-            third(QStringLiteral("third"), log);
-        for (auto* leaf : {&first, &second, &third})
-            complex.addModule(leaf);
+        LeafModule first("first", log), second("second", log), third("third", log);
+        ComplexModule complex(log, {&first, &second, &third});
         QSignalSpy spy(&complex, &QtAbstractModule::initializeRunning);
 
         complex.initialize(true);
@@ -141,46 +142,35 @@ private Q_SLOTS:
         QVERIFY(runPass(complex, false));
         QCOMPARE(log, words("before- third- second- first- after-"));
         QVERIFY(!complex.initFailed(true) && !complex.initFailed(false));
+        QVERIFY(!complex.isUnsupportedDeviceError());
         QCOMPARE(spy.count(), 4);
         QCOMPARE(spy.at(3), (QVariantList{false, false}));
     }
 
-    void failedSubModuleStopsTheWalkAndTheReverseStartsThere() {
+    void failureAndExitStopTheWalk() {
         QStringList log;
-        ComplexModule complex(log);
-        LeafModule first(QStringLiteral("first"), log), second(QStringLiteral("second"), log),
-            third(QStringLiteral("third"), log);
+        LeafModule first("first", log), second("second", log), third("third", log);
         second.failInit = second.failUninit = true;
-        second.askRestart = true; // not asked: the failure ends the pass before it is read
-        for (auto* leaf : {&first, &second, &third})
-            complex.addModule(leaf);
-
+        ComplexModule complex(log, {&first, &second, &third});
         QVERIFY(runPass(complex, true));
         QCOMPARE(log, words("before+ first+ second+ after+"));
-        QVERIFY(complex.initFailed(true));
-        QVERIFY(!complex.initFailed(false));
+        QVERIFY(complex.initFailed(true) && !complex.initFailed(false));
         QVERIFY(complex.isUnsupportedDeviceError());
         QCOMPARE(complex.error(), moduleError("leaf failed"));
-
-        // The de-initialization failure of the second is kept and the walk goes on.
+        // The reverse pass starts at the failed module; its failure is kept and the walk goes on.
         log.clear();
         QVERIFY(runPass(complex, false));
         QCOMPARE(log, words("before- second- first- after-"));
         QVERIFY(complex.initFailed(false));
-    }
 
-    void exitRequestStopsTheWalkAndWithoutSubModulesAfterFollowsBefore() {
-        QStringList log;
-        ComplexModule complex(log);
-        LeafModule first(QStringLiteral("first"), log), second(QStringLiteral("second"), log);
+        log.clear();
         first.askExit = first.askRestart = true;
-        complex.addModule(&first);
-        complex.addModule(&second);
-        QVERIFY(runPass(complex, true));
+        ComplexModule exiting(log, {&first, &third});
+        QVERIFY(runPass(exiting, true));
         QCOMPARE(log, words("before+ first+ after+"));
-        QVERIFY(complex.needExit() && complex.needRestart() && !complex.initFailed(true));
+        QVERIFY(exiting.needExit() && exiting.needRestart() && !exiting.initFailed(true));
 
-        // A pass asked for from another thread runs on the module's thread.
+        // Without sub-modules; asked for from another thread, the pass runs on the module's.
         log.clear();
         ComplexModule empty(log);
         QSignalSpy spy(&empty, &QtAbstractModule::initializeRunning);
@@ -193,10 +183,9 @@ private Q_SLOTS:
     void keeperOrdersModulesAndKeepsFailedOnesOut() {
         RecordingLogger logger;
         AbstractDownloadsModulesKeeper keeper;
-        keeper.addModule(QSharedPointer<FakeDownloadModule>::create(QStringLiteral("low"), 1));
-        keeper.addModule(QSharedPointer<FakeDownloadModule>::create(QStringLiteral("high"), 9));
-        keeper.addModule(
-            QSharedPointer<FakeDownloadModule>::create(QStringLiteral("broken"), 5, true));
+        keeper.addModule(downloadModule("low", 1));
+        keeper.addModule(downloadModule("high", 9));
+        keeper.addModule(downloadModule("broken", 5, true));
         keeper.onFinishedAddingModules();
         QCOMPARE(keeper.modulesUids(), words("high broken low"));
 
@@ -206,12 +195,10 @@ private Q_SLOTS:
         QTRY_COMPARE(finished.count(), 1);
         QCOMPARE(failed.count(), 1);
         QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("broken"));
-        QCOMPARE(
-            logger.lines(),
-            QStringList{QStringLiteral("[AbstractDownloadsModulesKeeper]: WARNING: the download "
-                                       "module \"broken\" failed to initialize: ") +
-                        moduleError("no runtime").toText()});
-        QCOMPARE(keeper.failedModules().keys(), words("broken"));
+        QCOMPARE(logger.lines(), QStringList{QStringLiteral("[AbstractDownloadsModulesKeeper]: "
+                                                            "WARNING: the download module "
+                                                            "\"broken\" failed to initialize: ") +
+                                             moduleError("no runtime").toText()});
 
         AbstractDownloadPersistentInfo info;
         info.resourceUrl = QStringLiteral("low://file");
@@ -230,31 +217,26 @@ private Q_SLOTS:
 
     void keepersUniteAndSubtractFromSeveralThreads() {
         AbstractDownloadsModulesKeeper left, right;
-        QList<QSharedPointer<FakeDownloadModule>> modules;
-        for (int i = 0; i < 40; ++i)
-            modules.append(
-                QSharedPointer<FakeDownloadModule>::create(QStringLiteral("m%1").arg(i), i));
-        std::thread writer([&] {
+        std::thread adder([&left] {
             for (int i = 0; i < 40; i += 2)
-                left.addModule(modules.at(i));
+                left.addModule(downloadModule(qPrintable(QStringLiteral("m%1").arg(i)), i));
         });
         for (int i = 1; i < 40; i += 2) {
-            right.addModule(modules.at(i));
+            right.addModule(downloadModule(qPrintable(QStringLiteral("m%1").arg(i)), i));
             left.unite(&right);
             right.unite(&left);
         }
-        writer.join();
+        adder.join();
         left.unite(&right);
         QCOMPARE(left.modulesUids().size(), 40);
         QCOMPARE(left.modulesUids().first(), QStringLiteral("m39"));
-        QVERIFY(left.containsModule(QStringLiteral("m0")));
 
         right.subtract(&right);
         QVERIFY(right.modulesUids().isEmpty());
-        right.addModule(modules.at(3));
+        right.addModule(left.module(QStringLiteral("m3")));
         left.subtract(&right);
         QCOMPARE(left.modulesUids().size(), 39);
-        QVERIFY(!left.module(QStringLiteral("m3")));
+        QVERIFY(!left.containsModule(QStringLiteral("m3")));
     }
 };
 
