@@ -1,0 +1,2 @@
+terncl_add_test(tst_abstractdownloadsnetworkrequestslogger
+  terncl/inet/qt/download/tst_abstractdownloadsnetworkrequestslogger.cpp)

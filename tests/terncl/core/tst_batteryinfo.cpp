@@ -1,0 +1,207 @@
+#include <terncl/core/qtlinuxbatteryinfo.h>
+#include <terncl/core/qtwindowsbatteryinfo.h>
+
+#include "support/testfiles.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+// A power status the test changes while the battery info polls it.
+class FakePowerStatus : public SystemPowerStatusSource {
+public:
+    bool read(SystemPowerStatus& out) override {
+        ++reads;
+        out = status;
+        return ok;
+    }
+    SystemPowerStatus status;
+    bool ok = true;
+    int reads = 0;
+};
+
+QtWindowsBatteryInfo* makeWindowsInfo(FakePowerStatus*& fake, SystemPowerStatus status,
+                                      QObject* parent) {
+    auto source = std::make_unique<FakePowerStatus>();
+    source->status = status;
+    fake = source.get();
+    return new QtWindowsBatteryInfo(std::move(source), 5, parent);
+}
+
+void writeSupply(const QTemporaryDir& root, const QString& name,
+                 const QList<std::pair<const char*, QByteArray>>& files) {
+    for (const auto& [file, value] : files)
+        QVERIFY(
+            writeFile(root.filePath(name + QLatin1Char('/') + QLatin1String(file)), value + '\n'));
+}
+
+const auto devicePath = QStringLiteral("/org/freedesktop/UPower/devices/DisplayDevice");
+const auto managerPath = QStringLiteral("/org/freedesktop/UPower");
+
+// UPower's display device and service object as the battery info reads them.
+class FakeUPowerDevice : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.UPower.Device")
+    Q_PROPERTY(uint Type MEMBER type)
+    Q_PROPERTY(bool IsPresent MEMBER isPresent)
+    Q_PROPERTY(uint State MEMBER state)
+    Q_PROPERTY(double Percentage MEMBER percentage)
+
+public:
+    uint type = 2;
+    bool isPresent = true;
+    uint state = 2;
+    double percentage = 42;
+};
+
+class FakeUPowerManager : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.UPower")
+    Q_PROPERTY(bool OnBattery MEMBER onBattery)
+
+public:
+    bool onBattery = true;
+};
+
+void announce(QDBusConnection& bus, const QString& path, const char* interface,
+              const QVariantMap& changed, const QStringList& invalidated = {}) {
+    auto signal =
+        QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.DBus.Properties"),
+                                   QStringLiteral("PropertiesChanged"));
+    signal << QString::fromLatin1(interface) << changed << invalidated;
+    QVERIFY(bus.send(signal));
+}
+} // namespace
+
+class TestBatteryInfo : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void windowsStatusIsPolledWhileABatteryIsPresent() {
+        FakePowerStatus* fake = nullptr;
+        QObject owner;
+        // Unknown battery state: read once, no battery, full level, no polling.
+        auto* unknown = makeWindowsInfo(fake, {1, 255, 255}, &owner);
+        QVERIFY(!unknown->hasBattery() && unknown->isACLineActive() && !unknown->isPolling());
+        QCOMPARE(unknown->level(), 1.0f);
+
+        auto* info = makeWindowsInfo(fake, {0, 0, 80}, &owner);
+        QVERIFY(info->hasBattery() && !info->isCharging() && !info->isACLineActive());
+        QCOMPARE(info->level(), 0.8f);
+        QSignalSpy changed(info, &QtAbstractBatteryInfo::changed);
+        fake->status = {1, 8, 55};
+        QTRY_COMPARE(changed.count(), 1);
+        QVERIFY(info->isCharging() && info->isACLineActive());
+        QCOMPARE(info->level(), 0.55f);
+        // Unchanged reads emit nothing.
+        const int reads = fake->reads;
+        QTRY_VERIFY(fake->reads >= reads + 3);
+        QCOMPARE(changed.count(), 1);
+
+        fake->status = {255, 8, 255};
+        QTRY_COMPARE(changed.count(), 2);
+        QVERIFY(!info->isACLineActive() && info->hasBattery());
+        QCOMPARE(info->level(), 1.0f);
+
+        // A failed read changes nothing and ends the polling; so does a battery that goes away.
+        fake->ok = false;
+        fake->status = {1, 128, 255};
+        QTRY_VERIFY(!info->isPolling());
+        QVERIFY(info->hasBattery());
+        auto* gone = makeWindowsInfo(fake, {0, 2, 30}, &owner);
+        fake->status = {1, 128, 255};
+        QTRY_VERIFY(!gone->hasBattery());
+        QVERIFY(!gone->isPolling() && gone->isACLineActive());
+        QCOMPARE(changed.count(), 2);
+    }
+
+    void powerSupplyFilesWithoutDBus() {
+        QTemporaryDir root;
+        writeSupply(root, QStringLiteral("BAT0"),
+                    {{"type", "Battery"}, {"present", "1"}, {"capacity", "40"}});
+        writeSupply(root, QStringLiteral("BAT1"),
+                    {{"type", "Battery"},
+                     {"status", "Charging"},
+                     {"energy_now", "30"},
+                     {"energy_full", "60"}});
+        writeSupply(root, QStringLiteral("BAT2"), {{"type", "Battery"}, {"capacity", "full"}});
+        writeSupply(root, QStringLiteral("BAT3"), {{"type", "Battery"}, {"charge_full", "0"}});
+        writeSupply(root, QStringLiteral("mouse"),
+                    {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
+        writeSupply(root, QStringLiteral("AC"), {{"type", "Mains"}, {"online", "1"}});
+
+        const auto noBus = QStringLiteral("unix:path=/nonexistent/bus");
+        QtLinuxBatteryInfo info(noBus, root.path(), 5);
+        QCOMPARE(info.source(), QtLinuxBatteryInfo::Source::PowerSupplyFiles);
+        QVERIFY(info.hasBattery() && info.isCharging() && info.isACLineActive());
+        QCOMPARE(info.level(), 0.45f);
+        QSignalSpy changed(&info, &QtAbstractBatteryInfo::changed);
+        writeSupply(root, QStringLiteral("BAT0"), {{"capacity", "60"}});
+        QVERIFY(changed.wait());
+        QCOMPARE(info.level(), 0.55f);
+
+        // Only unreadable batteries, or no folder at all: no battery.
+        for (const char* gone : {"BAT0", "BAT1", "AC"})
+            QVERIFY(QDir(root.filePath(QLatin1String(gone))).removeRecursively());
+        QtLinuxBatteryInfo garbage(noBus, root.path(), 5);
+        QtLinuxBatteryInfo missing(noBus, root.filePath(QStringLiteral("none")), 5);
+        for (const auto* empty : {&garbage, &missing}) {
+            QVERIFY(!empty->hasBattery() && !empty->isCharging() && !empty->isACLineActive());
+            QCOMPARE(empty->level(), 1.0f);
+        }
+    }
+
+    void upowerOnAPrivateBus() {
+        QProcess daemon;
+        daemon.start(QStringLiteral("dbus-daemon"),
+                     {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                      QStringLiteral("--print-address")});
+        if (!daemon.waitForStarted())
+            QSKIP("dbus-daemon is not installed (Debian package dbus-daemon)");
+        const auto stop = qScopeGuard([&daemon] {
+            daemon.kill();
+            daemon.waitForFinished();
+        });
+        QTRY_VERIFY(daemon.canReadLine());
+        const QString address = QString::fromUtf8(daemon.readLine().trimmed());
+
+        // Without the service the files are read.
+        QTemporaryDir emptyRoot;
+        QtLinuxBatteryInfo withoutService(address, emptyRoot.path(), 5);
+        QTRY_COMPARE(withoutService.source(), QtLinuxBatteryInfo::Source::PowerSupplyFiles);
+
+        QDBusConnection bus = QDBusConnection::connectToBus(address, QStringLiteral("fake-upower"));
+        const auto disconnect =
+            qScopeGuard([] { QDBusConnection::disconnectFromBus(QStringLiteral("fake-upower")); });
+        FakeUPowerDevice device;
+        FakeUPowerManager manager;
+        QVERIFY(bus.registerObject(devicePath, &device, QDBusConnection::ExportAllProperties));
+        QVERIFY(bus.registerObject(managerPath, &manager, QDBusConnection::ExportAllProperties));
+        QVERIFY(bus.registerService(QStringLiteral("org.freedesktop.UPower")));
+
+        QtLinuxBatteryInfo info(address, emptyRoot.path(), 5);
+        QTRY_COMPARE(info.source(), QtLinuxBatteryInfo::Source::UPower);
+        QTRY_COMPARE(info.level(), 0.42f);
+        QVERIFY(info.hasBattery() && !info.isCharging() && !info.isACLineActive());
+
+        announce(bus, devicePath, "org.freedesktop.UPower.Device",
+                 {{QStringLiteral("State"), 1u}, {QStringLiteral("Percentage"), 43.5}});
+        announce(bus, managerPath, "org.freedesktop.UPower",
+                 {{QStringLiteral("OnBattery"), false}});
+        QTRY_VERIFY(info.isACLineActive());
+        QVERIFY(info.isCharging());
+        QCOMPARE(info.level(), 0.435f);
+        // An invalidated property is fetched again.
+        device.percentage = 50;
+        announce(bus, devicePath, "org.freedesktop.UPower.Device", {},
+                 {QStringLiteral("Percentage")});
+        QTRY_COMPARE(info.level(), 0.5f);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBatteryInfo)
+#include "tst_batteryinfo.moc"
