@@ -69,7 +69,10 @@ int main(int argc, char** argv) {
     const QCommandLineOption retries(QStringLiteral("retries"),
                                      QStringLiteral("Retry transient failures N times."),
                                      QStringLiteral("N"), QStringLiteral("5"));
-    parser.addOptions({output, limitRate, stateDir, retries});
+    const QCommandLineOption noSandbox(
+        QStringLiteral("no-sandbox"),
+        QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
+    parser.addOptions({output, limitRate, stateDir, retries, noSandbox});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -86,6 +89,7 @@ int main(int argc, char** argv) {
     options.stateDir = parser.value(stateDir);
     options.retries = parser.value(retries).toInt();
     options.progressBar = ::isatty(STDERR_FILENO) == 1;
+    options.sandbox = !parser.isSet(noSandbox);
     if (parser.isSet(limitRate)) {
         options.limitRate = RateText::parse(parser.value(limitRate));
         if (options.limitRate <= 0) {

@@ -36,6 +36,7 @@ public:
         QString stateDir;
         int retries = 5;
         bool progressBar = false; // a single redrawn line instead of periodic lines
+        bool sandbox = true;      // run ffmpeg confined where the system allows it
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);
