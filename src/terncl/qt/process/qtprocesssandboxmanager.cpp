@@ -31,11 +31,11 @@ quint32 accessMaskOf(const QtProcessSandboxManager::AllowedPath& entry) {
 
 QString integrityStepText(WinSandboxApi::IntegrityStep step) {
     switch (step) {
-    case WinSandboxApi::IntegrityStep::OpenProcessToken:
+    case WinSandboxApi::IntegrityStep::OpenToken:
         return QStringLiteral("OpenProcessToken");
-    case WinSandboxApi::IntegrityStep::ConvertStringSidToSid:
+    case WinSandboxApi::IntegrityStep::MakeLowSid:
         return QStringLiteral("ConvertStringSidToSid");
-    case WinSandboxApi::IntegrityStep::SetTokenInformation:
+    case WinSandboxApi::IntegrityStep::SetLevel:
         return QStringLiteral("SetTokenInformation");
     case WinSandboxApi::IntegrityStep::Done:
         break;

@@ -123,7 +123,7 @@ private Q_SLOTS:
         lowOnly.kind = 1;
         for (bool fallback : {false, true}) {
             Rig rig;
-            rig.api->integrityFailure = Step::SetTokenInformation;
+            rig.api->integrityFailure = Step::SetLevel;
             QCOMPARE(rig.start(lowOnly, fallback), fallback);
             QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
             // A child left suspended runs only when it may run unconfined.

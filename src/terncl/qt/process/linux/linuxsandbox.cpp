@@ -15,6 +15,7 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <linux/securebits.h>
 #include <memory>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -78,12 +79,17 @@ constexpr SystemPath systemPaths[] = {
     {"/dev/urandom", DeviceAccess},
 };
 
-// The steps the child takes, in order; a failed one is reported to the parent by number.
+// The steps of the namespace holder and of the child, in order; a failed one is reported to
+// the parent by number.
 enum ChildStep {
     UnshareStep = 1,
     SetGroupsStep,
     UidMapStep,
     GidMapStep,
+    JoinUserStep,
+    JoinIpcStep,
+    JoinNetStep,
+    SecureBitsStep,
     NoNewPrivsStep,
     SyscallFilterStep,
     LandlockStep
@@ -99,6 +105,14 @@ const char* stepText(int step) {
         return "writing /proc/self/uid_map";
     case GidMapStep:
         return "writing /proc/self/gid_map";
+    case JoinUserStep:
+        return "setns(user namespace)";
+    case JoinIpcStep:
+        return "setns(IPC namespace)";
+    case JoinNetStep:
+        return "setns(network namespace)";
+    case SecureBitsStep:
+        return "prctl(PR_SET_SECUREBITS)";
     case NoNewPrivsStep:
         return "prctl(PR_SET_NO_NEW_PRIVS)";
     case SyscallFilterStep:
@@ -121,21 +135,13 @@ constexpr int MaxFilterLength = 16;
 struct ChildPlan {
     int rulesetFd = -1;
     int reportFd = -1;
-    int namespaceFlags = 0;
-    char uidMap[48] = {};
-    char gidMap[48] = {};
+    int userNamespaceFd = -1;
+    int ipcNamespaceFd = -1;
+    // -1: the child keeps the network of its parent.
+    int netNamespaceFd = -1;
     sock_filter filter[MaxFilterLength] = {};
     sock_fprog filterProgram = {};
 };
-
-void fillIdMaps(ChildPlan* plan) {
-    // The child keeps its own ids inside the new user namespace, so it holds no capability
-    // there once it runs its program.
-    std::snprintf(plan->uidMap, sizeof(plan->uidMap), "%u %u 1\n", unsigned(::getuid()),
-                  unsigned(::getuid()));
-    std::snprintf(plan->gidMap, sizeof(plan->gidMap), "%u %u 1\n", unsigned(::getgid()),
-                  unsigned(::getgid()));
-}
 
 // Children may create UNIX-domain sockets only in pairs (socketpair), so no socket file or
 // abstract name outside the sandbox is reachable; io_uring could open sockets around that rule.
@@ -207,23 +213,27 @@ TERNCL_CHILD_SIDE bool writeWhole(const char* path, const char* text) {
     return written;
 }
 
+TERNCL_CHILD_SIDE void report(int fd, int step) {
+    const ChildReport report{step, step == 0 ? 0 : errno};
+    [[maybe_unused]] const auto written = ::write(fd, &report, sizeof(report));
+}
+
 [[noreturn]] TERNCL_CHILD_SIDE void failChild(const ChildPlan& plan, int step) {
-    const ChildReport report{step, errno};
-    [[maybe_unused]] const auto written = ::write(plan.reportFd, &report, sizeof(report));
+    report(plan.reportFd, step);
     ::_exit(127);
 }
 
 TERNCL_CHILD_SIDE void confineChild(const ChildPlan& plan) {
-    if (plan.namespaceFlags != 0) {
-        if (::unshare(plan.namespaceFlags) != 0)
-            failChild(plan, UnshareStep);
-        if (!writeWhole("/proc/self/setgroups", "deny"))
-            failChild(plan, SetGroupsStep);
-        if (!writeWhole("/proc/self/uid_map", plan.uidMap))
-            failChild(plan, UidMapStep);
-        if (!writeWhole("/proc/self/gid_map", plan.gidMap))
-            failChild(plan, GidMapStep);
-    }
+    if (::setns(plan.userNamespaceFd, CLONE_NEWUSER) != 0)
+        failChild(plan, JoinUserStep);
+    if (::setns(plan.ipcNamespaceFd, CLONE_NEWIPC) != 0)
+        failChild(plan, JoinIpcStep);
+    if (plan.netNamespaceFd >= 0 && ::setns(plan.netNamespaceFd, CLONE_NEWNET) != 0)
+        failChild(plan, JoinNetStep);
+    // Joining the user namespace gave every capability inside it; whatever the child's user id
+    // there, its program must start with none.
+    if (::prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED, 0, 0, 0) != 0)
+        failChild(plan, SecureBitsStep);
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
         failChild(plan, NoNewPrivsStep);
     if (plan.filterProgram.len > 0 &&
@@ -232,6 +242,25 @@ TERNCL_CHILD_SIDE void confineChild(const ChildPlan& plan) {
     }
     if (restrictSelf(plan.rulesetFd) != 0)
         failChild(plan, LandlockStep);
+}
+
+// Makes the namespaces, then waits until the parent has opened them and closes release.
+[[noreturn]] TERNCL_CHILD_SIDE void holdNamespaces(int readyFd, int releaseFd, const char* uidMap,
+                                                   const char* gidMap) {
+    int step = 0;
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWIPC | CLONE_NEWNET) != 0)
+        step = UnshareStep;
+    else if (!writeWhole("/proc/self/setgroups", "deny"))
+        step = SetGroupsStep;
+    else if (!writeWhole("/proc/self/uid_map", uidMap))
+        step = UidMapStep;
+    else if (!writeWhole("/proc/self/gid_map", gidMap))
+        step = GidMapStep;
+    report(readyFd, step);
+    char byte;
+    while (::read(releaseFd, &byte, 1) < 0 && errno == EINTR) {
+    }
+    ::_exit(0);
 }
 
 // --- In the parent --------------------------------------------------------------------------
@@ -287,15 +316,6 @@ bool addRules(Ruleset& ruleset, const LinuxSandbox::Request& request, QString* r
     return true;
 }
 
-std::unique_ptr<ChildPlan> makePlan(int rulesetFd, bool newNetwork) {
-    auto plan = std::make_unique<ChildPlan>();
-    plan->rulesetFd = rulesetFd;
-    plan->namespaceFlags = CLONE_NEWUSER | CLONE_NEWIPC | (newNetwork ? CLONE_NEWNET : 0);
-    fillIdMaps(plan.get());
-    fillSyscallFilter(plan.get());
-    return plan;
-}
-
 // Reads the child's report until every write end is closed: the child's closes when it runs its
 // program (close-on-exec) or exits. False when the child reported nothing.
 bool readReport(int fd, ChildReport* report) {
@@ -319,11 +339,88 @@ QString reportText(const ChildReport& report) {
         .arg(QString::fromLatin1(stepText(report.step)), errorText(report.error));
 }
 
+// A user namespace (with an IPC and a network namespace it owns) made once per process and kept
+// open, so that every child joins it instead of paying for new namespaces: creating and tearing
+// down a network namespace costs milliseconds. Children of every sandbox manager share it; it
+// holds nothing but the loopback interface, which is down.
+struct SharedNamespaces {
+    int user = -1;
+    int ipc = -1;
+    int net = -1;
+    QString error;
+};
+
+SharedNamespaces makeSharedNamespaces() {
+    SharedNamespaces namespaces;
+    // Inside, the user keeps its own ids (and root stays root, without capabilities: see the
+    // secure bits the child sets).
+    char uidMap[48], gidMap[48];
+    std::snprintf(uidMap, sizeof(uidMap), "%u %u 1\n", unsigned(::getuid()), unsigned(::getuid()));
+    std::snprintf(gidMap, sizeof(gidMap), "%u %u 1\n", unsigned(::getgid()), unsigned(::getgid()));
+    int ready[2], release[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(release, O_CLOEXEC) != 0) {
+        namespaces.error = QStringLiteral("pipe2 failed: %1").arg(errorText(errno));
+        return namespaces;
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        // The holder must not keep the parent's ends open, or it would wait for itself.
+        ::close(ready[0]);
+        ::close(release[1]);
+        holdNamespaces(ready[1], release[0], uidMap, gidMap);
+    }
+    ::close(ready[1]);
+    ::close(release[0]);
+    ChildReport report = {};
+    if (pid < 0) {
+        namespaces.error = QStringLiteral("fork failed: %1").arg(errorText(errno));
+    } else if (!readReport(ready[0], &report)) {
+        namespaces.error = QStringLiteral("the namespace holder ended early");
+    } else if (report.step != 0) {
+        namespaces.error = reportText(report);
+    } else {
+        const auto open = [pid](const char* name) {
+            const QByteArray path = "/proc/" + QByteArray::number(pid) + "/ns/" + name;
+            return ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+        };
+        namespaces.user = open("user");
+        namespaces.ipc = open("ipc");
+        namespaces.net = open("net");
+        if (namespaces.user < 0 || namespaces.ipc < 0 || namespaces.net < 0)
+            namespaces.error = QStringLiteral("cannot open the namespaces of the holder");
+    }
+    ::close(release[1]);
+    ::close(ready[0]);
+    if (pid > 0)
+        ::waitpid(pid, nullptr, 0);
+    return namespaces;
+}
+
+const SharedNamespaces& sharedNamespaces() {
+    static const SharedNamespaces namespaces = makeSharedNamespaces();
+    return namespaces;
+}
+
+std::unique_ptr<ChildPlan> makePlan(int rulesetFd, bool network) {
+    const SharedNamespaces& namespaces = sharedNamespaces();
+    auto plan = std::make_unique<ChildPlan>();
+    plan->rulesetFd = rulesetFd;
+    plan->userNamespaceFd = namespaces.user;
+    plan->ipcNamespaceFd = namespaces.ipc;
+    plan->netNamespaceFd = network ? -1 : namespaces.net;
+    fillSyscallFilter(plan.get());
+    return plan;
+}
+
 LinuxSandbox::Support probeSupport() {
     LinuxSandbox::Support support;
     support.landlockAbi = abiVersion();
     if (support.landlockAbi < 1) {
         support.reason = QStringLiteral("the kernel offers no Landlock");
+        return support;
+    }
+    if (!sharedNamespaces().error.isEmpty()) {
+        support.reason = sharedNamespaces().error;
         return support;
     }
     Ruleset ruleset;
@@ -336,7 +433,7 @@ LinuxSandbox::Support probeSupport() {
         support.reason = QStringLiteral("pipe2 failed: %1").arg(errorText(errno));
         return support;
     }
-    auto plan = makePlan(ruleset.fd(), true);
+    auto plan = makePlan(ruleset.fd(), false);
     plan->reportFd = fds[1];
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -386,7 +483,7 @@ bool LinuxSandbox::start(QProcess* process, QIODeviceBase::OpenMode mode, const 
         *reason = QStringLiteral("pipe2 failed: %1").arg(errorText(errno));
         return false;
     }
-    const auto plan = makePlan(ruleset.fd(), !request.network);
+    const auto plan = makePlan(ruleset.fd(), request.network);
     plan->reportFd = fds[1];
     const ChildPlan* childPlan = plan.get();
     process->setChildProcessModifier([childPlan] { confineChild(*childPlan); });

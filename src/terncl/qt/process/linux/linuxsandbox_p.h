@@ -16,11 +16,14 @@ namespace terncl {
 // the CPU topology; beyond that only the allowed paths, with exactly their read, write and
 // execute bits, and its private folder. It gets no new privileges, cannot create UNIX-domain
 // sockets (so it reaches no session bus, agent or display server through a socket file), cannot
-// use io_uring, has its own System V IPC, and without network access lives in a network
-// namespace of its own that holds only a loopback interface that is down.
+// use io_uring, starts without capabilities, shares System V IPC only with other sandboxed
+// children, and without network access lives in a network namespace that holds only a loopback
+// interface that is down.
 //
-// Files are confined with Landlock, the namespaces come from unshare(2) in the child, the socket
-// rule from a seccomp filter. Everything is prepared in the parent: the child only makes raw
+// Files are confined with Landlock, the socket rule comes from a seccomp filter. The user, IPC
+// and network namespaces are made once per process (unshare(2) in a short-lived holder) and each
+// child joins them with setns(2): that costs microseconds, a new network namespace per child
+// milliseconds. Everything is prepared in the parent: the child only makes raw
 // system calls, as the child-process modifier of QProcess runs in a vfork-style child.
 class LinuxSandbox {
 public:

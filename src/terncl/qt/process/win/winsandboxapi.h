@@ -23,8 +23,9 @@ public:
         virtual void* extend(void* startupInfo, unsigned long* creationFlags) = 0;
     };
 
-    // The call that failed while lowering a process to low integrity.
-    enum class IntegrityStep { Done, OpenProcessToken, ConvertStringSidToSid, SetTokenInformation };
+    // The call that failed while lowering a process to low integrity: OpenProcessToken,
+    // ConvertStringSidToSidW (of "LW") or SetTokenInformation.
+    enum class IntegrityStep { Done, OpenToken, MakeLowSid, SetLevel };
 
     // Generic rights, as access masks of a grant.
     static constexpr std::uint32_t GenericExecute = 0x20000000;
