@@ -32,9 +32,10 @@ QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, 
     return entry;
 }
 
-// Tries each access and prints "name:ok" or "name:denied", then what it knows of itself.
+// Tries each access and prints "name:ok" or "name:denied", then its no-new-privileges flag and
+// capabilities (capget) and its environment.
 const char* const probeScript = R"(
-import ctypes, os, socket, sys
+import ctypes, os, platform, socket, sys
 root, port = sys.argv[1], int(sys.argv[2])
 def attempt(name, action):
     try:
@@ -49,7 +50,11 @@ attempt('read-readonly', lambda: open(root + '/ro/data.txt').read())
 attempt('write-allowed', lambda: open(root + '/rw/new.txt', 'w').close())
 attempt('write-temp', lambda: open(os.environ['TMPDIR'] + '/t', 'w').close())
 attempt('connect', lambda: socket.create_connection(('127.0.0.1', port), 5).close())
-print('nnp:%d' % ctypes.CDLL(None).prctl(39, 0, 0, 0, 0))
+libc = ctypes.CDLL(None)
+capabilities = (ctypes.c_uint32 * 6)()
+capget = {'x86_64': 125, 'aarch64': 90}[platform.machine()]
+libc.syscall(capget, (ctypes.c_uint32 * 2)(0x20080522, 0), capabilities)
+print('nnp:%d caps:%x' % (libc.prctl(39, 0, 0, 0, 0), capabilities[0] | capabilities[1]))
 for name in ('TMPDIR', 'TEMP', 'TMP', 'XDG_CACHE_HOME', 'PYTHONPYCACHEPREFIX'):
     print(name + '=' + os.environ.get(name, '-'))
 )";
@@ -126,7 +131,7 @@ private Q_SLOTS:
         QVERIFY2(!confined.error.isSet(), confined.error.description.c_str());
         const QByteArray denied = "read-outside:denied\nwrite-outside:denied\n"
                                   "write-readonly:denied\nread-readonly:ok\nwrite-allowed:ok\n"
-                                  "write-temp:ok\nconnect:denied\nnnp:1\n";
+                                  "write-temp:ok\nconnect:denied\nnnp:1 caps:0\n";
         QVERIFY2(confined.output.startsWith(denied), confined.output.constData());
         QVERIFY(!QFile::exists(root + s("/new.txt")) && QFile::exists(root + s("/rw/new.txt")));
         QCOMPARE(connections.size(), 0);
@@ -152,7 +157,7 @@ private Q_SLOTS:
         const Run allowedRun = runSandboxed(manager, python, args, sandbox);
         QVERIFY2(allowedRun.output.startsWith(
                      "read-outside:ok\nwrite-outside:ok\nwrite-readonly:ok\nread-readonly:ok\n"
-                     "write-allowed:ok\nwrite-temp:ok\nconnect:ok\nnnp:1\n"),
+                     "write-allowed:ok\nwrite-temp:ok\nconnect:ok\nnnp:1 caps:0\n"),
                  allowedRun.output.constData());
         QCOMPARE(connections.size(), 1);
     }
