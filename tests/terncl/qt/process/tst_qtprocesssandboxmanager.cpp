@@ -50,6 +50,8 @@ attempt('read-readonly', lambda: open(root + '/ro/data.txt').read())
 attempt('write-allowed', lambda: open(root + '/rw/new.txt', 'w').close())
 attempt('write-temp', lambda: open(os.environ['TMPDIR'] + '/t', 'w').close())
 attempt('connect', lambda: socket.create_connection(('127.0.0.1', port), 5).close())
+udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+attempt('send-udp', lambda: udp.sendto(b'x', ('127.0.0.1', port)))
 libc = ctypes.CDLL(None)
 capabilities = (ctypes.c_uint32 * 6)()
 capget = {'x86_64': 125, 'aarch64': 90}[platform.machine()]
@@ -131,7 +133,7 @@ private Q_SLOTS:
         QVERIFY2(!confined.error.isSet(), confined.error.description.c_str());
         const QByteArray denied = "read-outside:denied\nwrite-outside:denied\n"
                                   "write-readonly:denied\nread-readonly:ok\nwrite-allowed:ok\n"
-                                  "write-temp:ok\nconnect:denied\nnnp:1 caps:0\n";
+                                  "write-temp:ok\nconnect:denied\nsend-udp:denied\nnnp:1 caps:0\n";
         QVERIFY2(confined.output.startsWith(denied), confined.output.constData());
         QVERIFY(!QFile::exists(root + s("/new.txt")) && QFile::exists(root + s("/rw/new.txt")));
         QCOMPARE(connections.size(), 0);
@@ -157,7 +159,7 @@ private Q_SLOTS:
         const Run allowedRun = runSandboxed(manager, python, args, sandbox);
         QVERIFY2(allowedRun.output.startsWith(
                      "read-outside:ok\nwrite-outside:ok\nwrite-readonly:ok\nread-readonly:ok\n"
-                     "write-allowed:ok\nwrite-temp:ok\nconnect:ok\nnnp:1 caps:0\n"),
+                     "write-allowed:ok\nwrite-temp:ok\nconnect:ok\nsend-udp:ok\nnnp:1 caps:0\n"),
                  allowedRun.output.constData());
         QCOMPARE(connections.size(), 1);
     }
