@@ -77,7 +77,7 @@ public:
     QString name() const;
 
     // Whether this system can confine children: always on Windows; on Linux when the kernel
-    // offers Landlock and lets an unprivileged process make user, IPC and network namespaces.
+    // offers Landlock and lets this process make user, IPC and network namespaces.
     static bool hasSandboxSupport();
 
     // Starts process, whose program, arguments and connections are already set. When the
