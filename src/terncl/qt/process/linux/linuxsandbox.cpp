@@ -297,7 +297,7 @@ bool addRules(Ruleset& ruleset, const LinuxSandbox::Request& request, QString* r
     for (const SystemPath& entry : systemPaths)
         allowPath(ruleset, entry.path, entry.access);
     // Debian keeps the interpreter's site customisation under /etc/python3.X.
-    const QStringList pythonConfig =
+    static const QStringList pythonConfig =
         QDir(QStringLiteral("/etc")).entryList({QStringLiteral("python3*")}, QDir::Dirs);
     for (const QString& name : pythonConfig)
         allowPath(ruleset, QFile::encodeName(QStringLiteral("/etc/") + name), ReadAccess);
