@@ -74,7 +74,10 @@ int main(int argc, char** argv) {
         QStringLiteral("Fetch up to N segments of a stream at once (1 to %1).")
             .arg(TernGetJob::MaxConcurrentSegments),
         QStringLiteral("N"), QString::number(TernGetJob::Options().concurrentSegments));
-    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments});
+    const QCommandLineOption noSandbox(
+        QStringLiteral("no-sandbox"),
+        QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
+    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -100,6 +103,7 @@ int main(int argc, char** argv) {
             << Qt::endl;
         return 2;
     }
+    options.sandbox = !parser.isSet(noSandbox);
     if (parser.isSet(limitRate)) {
         options.limitRate = RateText::parse(parser.value(limitRate));
         if (options.limitRate <= 0) {

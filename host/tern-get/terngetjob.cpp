@@ -68,8 +68,11 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     m_factory->setMaxRetries(m_options.retries);
     m_speedMeter.reset(new AbstractDownloadsSpeedMeter());
     const QString ffmpeg = QStandardPaths::findExecutable(QStringLiteral("ffmpeg"));
+    QSharedPointer<QtProcessSandboxManager> sandbox;
+    if (m_options.sandbox)
+        sandbox.reset(new QtProcessSandboxManager(QStringLiteral("tern-get")));
     m_ffmpeg.reset(
-        new QtFfmpegManager(QFileInfo(ffmpeg).absolutePath(), QStringLiteral("ffmpeg"), {}));
+        new QtFfmpegManager(QFileInfo(ffmpeg).absolutePath(), QStringLiteral("ffmpeg"), sandbox));
     m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));
 }
 

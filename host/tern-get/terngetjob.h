@@ -40,6 +40,7 @@ public:
         int retries = 5;
         int concurrentSegments = 4; // segments of a stream fetched at once
         bool progressBar = false;   // a single redrawn line instead of periodic lines
+        bool sandbox = true;        // run ffmpeg confined where the system allows it
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);

@@ -14,3 +14,8 @@ bool writeFile(const QString& path, const QByteArray& data) {
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
 }
+
+bool writeScript(const QString& path, const QByteArray& text) {
+    return writeFile(path, QByteArrayLiteral("#!/bin/sh\n") + text) &&
+           QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}

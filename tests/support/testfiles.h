@@ -10,3 +10,5 @@
 QByteArray readFile(const QString& path);
 // Writes data as the whole file, creating missing folders; false on any failure.
 bool writeFile(const QString& path, const QByteArray& data);
+// Writes a shell script (text after "#!/bin/sh\n") that its owner may run; false on failure.
+bool writeScript(const QString& path, const QByteArray& text);

@@ -5,3 +5,5 @@ target_sources(terncl_test_support PRIVATE testchild.h testchild.cpp)
 target_compile_definitions(terncl_test_support
   PRIVATE TERNCL_TEST_CHILD_PATH="$<TARGET_FILE:terncl_test_child>")
 add_dependencies(terncl_test_support terncl_test_child)
+# A stand-in for the Win32 calls of the process sandbox.
+target_sources(terncl_test_support PRIVATE fakewinsandboxapi.h fakewinsandboxapi.cpp)

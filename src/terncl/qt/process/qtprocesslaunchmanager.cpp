@@ -65,6 +65,10 @@ bool QtProcessLaunchManager::isRunning() const {
     return m_running.load();
 }
 
+QSharedPointer<QtProcessSandboxManager> QtProcessLaunchManager::sandboxManager() const {
+    return m_sandboxManager;
+}
+
 void QtProcessLaunchManager::setQueueRestartDelayAfterAbort(int msec) {
     m_queueRestartDelayAfterAbortMs = qMax(0, msec);
 }

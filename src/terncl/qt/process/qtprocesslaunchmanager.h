@@ -54,6 +54,8 @@ public:
     int nextId();
     // True from the first launch until the last launch has finished.
     bool isRunning() const;
+    // The sandbox manager given to the constructor; may be null.
+    QSharedPointer<QtProcessSandboxManager> sandboxManager() const;
 
     // How long the queue waits after an abort before starting the next launch.
     void setQueueRestartDelayAfterAbort(int msec);

@@ -6,6 +6,7 @@
 #include <terncl/fs/qt/utils/filenamerules.h>
 
 #include <QFileInfo>
+#include <QStandardPaths>
 
 QtFfmpegAvMerger::QtFfmpegAvMerger(QSharedPointer<QtFfmpegManager> manager, QObject* parent)
     : QObject(parent)
@@ -23,6 +24,14 @@ QtFfmpegAvMerger::~QtFfmpegAvMerger() = default;
 
 int QtFfmpegAvMerger::nextId() {
     return m_manager->nextId();
+}
+
+void QtFfmpegAvMerger::setSandboxEnabled(bool enabled) {
+    m_sandboxEnabled = enabled;
+}
+
+bool QtFfmpegAvMerger::isSandboxEnabled() const {
+    return m_sandboxEnabled;
 }
 
 bool QtFfmpegAvMerger::isSupported(bool forceCheck) const {
@@ -47,7 +56,40 @@ void QtFfmpegAvMerger::merge(int id, const QString& videoFile, const QString& au
     const QString workingDir =
         terncl::ffmpegDirectoryPart(videoFile.isEmpty() ? audioFile : videoFile);
     // Merges are heavy on the disk: one at a time is faster than several side by side.
-    m_manager->launchFfmpeg(id, args, workingDir, true, 1);
+    m_manager->launch(id, m_manager->ffmpegPath(), args, workingDir, true, true,
+                      mergeSandbox({videoFile, audioFile}, resultFile), 1);
+}
+
+QtProcessLaunchManager::Sandbox QtFfmpegAvMerger::mergeSandbox(const QStringList& inputs,
+                                                               const QString& resultFile) const {
+    QtProcessLaunchManager::Sandbox sandbox;
+    const auto sandboxManager = m_manager->sandboxManager();
+    sandbox.enabled = m_sandboxEnabled && sandboxManager && !sandboxManager->name().isEmpty() &&
+                      QtProcessSandboxManager::hasSandboxSupport();
+    if (!sandbox.enabled)
+        return sandbox;
+    sandbox.allowStartWithoutSandbox = false;
+    QtProcessSandboxManager::SandboxSettings& settings = sandbox.settings;
+    settings.internetClient = false;
+    const auto allow = [&settings](const QString& path, bool execute, bool read, bool write) {
+        QtProcessSandboxManager::AllowedPath entry;
+        entry.path = path;
+        entry.execute = execute;
+        entry.read = read;
+        entry.write = write;
+        settings.allowedPaths.append(entry);
+    };
+    QString program = m_manager->ffmpegPath();
+    if (!program.contains(QLatin1Char('/')) && !program.contains(QLatin1Char('\\')))
+        program = QStandardPaths::findExecutable(program);
+    if (!program.isEmpty())
+        allow(QFileInfo(program).absoluteFilePath(), true, true, false);
+    for (const QString& input : inputs) {
+        if (!input.isEmpty())
+            allow(QFileInfo(input).absoluteFilePath(), false, true, false);
+    }
+    allow(QFileInfo(resultFile).absolutePath(), false, false, true);
+    return sandbox;
 }
 
 void QtFfmpegAvMerger::abort(int id) {

@@ -24,6 +24,12 @@ public:
     ~QtFfmpegAvMerger() override;
 
     int nextId();
+    // Whether merges run confined when the manager has a named sandbox manager and the system
+    // can confine children (on by default): ffmpeg may then read its program and its inputs and
+    // write into the result's folder, nothing else, and has no network. A merge whose sandbox
+    // cannot be set up then fails rather than run unconfined on downloaded files.
+    void setSandboxEnabled(bool enabled);
+    bool isSandboxEnabled() const;
     // Whether ffmpeg answers; forceCheck asks it again instead of using the cached answer.
     bool isSupported(bool forceCheck) const;
 
@@ -43,6 +49,10 @@ private Q_SLOTS:
     void onFfmpegFinished(int id, const AbstractError& error, int exitCode);
 
 private:
+    QtProcessLaunchManager::Sandbox mergeSandbox(const QStringList& inputs,
+                                                 const QString& resultFile) const;
+
     QSharedPointer<QtFfmpegManager> m_manager;
     QHash<int, QString> m_resultFiles;
+    bool m_sandboxEnabled = true;
 };

@@ -1,0 +1,6 @@
+#include "abstractdependencyinstallmanager.h"
+
+AbstractDependencyInstallManager::AbstractDependencyInstallManager(QObject* parent)
+    : QObject(parent) {}
+
+AbstractDependencyInstallManager::~AbstractDependencyInstallManager() = default;

@@ -1,0 +1,6 @@
+#include "abstractdependencymanager.h"
+
+AbstractDependencyManager::AbstractDependencyManager(QObject* parent)
+    : QObject(parent) {}
+
+AbstractDependencyManager::~AbstractDependencyManager() = default;

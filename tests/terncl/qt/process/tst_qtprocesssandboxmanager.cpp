@@ -1,0 +1,221 @@
+// Real children confined by the system's sandbox: what a sandboxed Python may read, write and
+// reach, its environment, a sandboxed ffmpeg merge, and a child the sandbox refuses to run.
+#include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
+#include <terncl/qt/process/qtprocesslaunchmanager.h>
+
+#include "support/ffmpegtestmedia.h"
+#include "support/recordinglogger.h"
+#include "support/testchild.h"
+#include "support/testfiles.h"
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+using Sandbox = QtProcessLaunchManager::Sandbox;
+
+QString s(const char* text) {
+    return QString::fromUtf8(text);
+}
+
+QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
+                                             bool write) {
+    QtProcessSandboxManager::AllowedPath entry;
+    entry.path = path;
+    entry.execute = execute;
+    entry.read = read;
+    entry.write = write;
+    return entry;
+}
+
+// Tries each access and prints "name:ok" or "name:denied", then its no-new-privileges flag and
+// capabilities (capget) and its environment.
+const char* const probeScript = R"(
+import ctypes, os, platform, socket, sys
+root, port = sys.argv[1], int(sys.argv[2])
+def attempt(name, action):
+    try:
+        action()
+        print(name + ':ok')
+    except OSError:
+        print(name + ':denied')
+attempt('read-outside', lambda: open(root + '/secret.txt').read())
+attempt('write-outside', lambda: open(root + '/new.txt', 'w').close())
+attempt('write-readonly', lambda: open(root + '/ro/new.txt', 'w').close())
+attempt('read-readonly', lambda: open(root + '/ro/data.txt').read())
+attempt('write-allowed', lambda: open(root + '/rw/new.txt', 'w').close())
+attempt('write-temp', lambda: open(os.environ['TMPDIR'] + '/t', 'w').close())
+attempt('connect', lambda: socket.create_connection(('127.0.0.1', port), 5).close())
+udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+attempt('send-udp', lambda: udp.sendto(b'x', ('127.0.0.1', port)))
+libc = ctypes.CDLL(None)
+capabilities = (ctypes.c_uint32 * 6)()
+capget = {'x86_64': 125, 'aarch64': 90}[platform.machine()]
+libc.syscall(capget, (ctypes.c_uint32 * 2)(0x20080522, 0), capabilities)
+print('nnp:%d caps:%x' % (libc.prctl(39, 0, 0, 0, 0), capabilities[0] | capabilities[1]))
+for name in ('TMPDIR', 'TEMP', 'TMP', 'XDG_CACHE_HOME', 'PYTHONPYCACHEPREFIX'):
+    print(name + '=' + os.environ.get(name, '-'))
+)";
+
+struct Run {
+    QByteArray output;
+    AbstractError error;
+    int exitCode = -1;
+};
+
+// Runs program in the sandbox through a launch manager and waits for its end.
+Run runSandboxed(QtProcessLaunchManager& manager, const QString& program, const QStringList& args,
+                 const Sandbox& sandbox) {
+    Run run;
+    bool done = false;
+    QObject context;
+    QObject::connect(&manager, &QtProcessLaunchManager::dataFromProcess, &context,
+                     [&](int, const QByteArray& data) { run.output += data; });
+    QObject::connect(&manager, &QtProcessLaunchManager::finished, &context,
+                     [&](int, const AbstractError& error, int exitCode) {
+                         run.error = error;
+                         run.exitCode = exitCode;
+                         done = true;
+                     });
+    manager.launch(manager.nextId(), program, args, QString(), true, false, sandbox, 0);
+    if (!QTest::qWaitFor([&] { return done; }, 60000))
+        run.error.description = "no end within a minute";
+    return run;
+}
+} // namespace
+
+class TestQtProcessSandboxManager : public QObject {
+    Q_OBJECT
+
+    QSharedPointer<QtProcessSandboxManager> m_sandbox;
+
+private Q_SLOTS:
+    void initTestCase() {
+#ifndef Q_OS_LINUX
+        QSKIP("these tests confine real children with the Linux sandbox");
+#endif
+        if (!QtProcessSandboxManager::hasSandboxSupport())
+            QSKIP("this kernel cannot confine children (Landlock or namespaces missing)");
+        m_sandbox.reset(new QtProcessSandboxManager(s("tst")));
+    }
+
+    void cleanup() {
+        if (TestChild::runningChildCount() >= 0)
+            QTRY_COMPARE(TestChild::runningChildCount(), 0);
+    }
+
+    void pythonReachesOnlyWhatItIsAllowed() {
+        const QString python = QStandardPaths::findExecutable(s("python3"), {s("/usr/bin")});
+        if (python.isEmpty())
+            QSKIP("/usr/bin/python3 is not installed");
+        QTemporaryDir dir;
+        const QString root = dir.path();
+        QVERIFY(writeFile(root + s("/secret.txt"), "secret") &&
+                writeFile(root + s("/ro/data.txt"), "data") && QDir().mkpath(root + s("/rw")));
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        QSignalSpy connections(&server, &QTcpServer::newConnection);
+        const QStringList args{s("-c"), s(probeScript), root, QString::number(server.serverPort())};
+        RecordingLogger log;
+        QtProcessLaunchManager manager(m_sandbox);
+
+        Sandbox sandbox;
+        sandbox.enabled = true;
+        sandbox.allowStartWithoutSandbox = false;
+        sandbox.settings.internetClient = false;
+        sandbox.settings.allowedPaths = {allowed(root + s("/ro"), false, true, false),
+                                         allowed(root + s("/rw"), false, true, true)};
+        const Run confined = runSandboxed(manager, python, args, sandbox);
+        QVERIFY2(!confined.error.isSet(), confined.error.description.c_str());
+        const QByteArray denied = "read-outside:denied\nwrite-outside:denied\n"
+                                  "write-readonly:denied\nread-readonly:ok\nwrite-allowed:ok\n"
+                                  "write-temp:ok\nconnect:denied\nsend-udp:denied\nnnp:1 caps:0\n";
+        QVERIFY2(confined.output.startsWith(denied), confined.output.constData());
+        QVERIFY(!QFile::exists(root + s("/new.txt")) && QFile::exists(root + s("/rw/new.txt")));
+        QCOMPARE(connections.size(), 0);
+        QVERIFY(log.lines()
+                    .filter(s("[QtProcessSandboxManager]: using Landlock sandbox (ABI "))
+                    .first()
+                    .endsWith(s(" without network")));
+
+        // Every variable points into one private folder of the manager.
+        const QString prefix = QDir::tempPath() + s("/tstSandbox-");
+        const QString temp = QString::fromUtf8(confined.output)
+                                 .section(s("TMPDIR="), 1)
+                                 .section(QLatin1Char('\n'), 0, 0);
+        QVERIFY2(temp.startsWith(prefix), qPrintable(temp));
+        const QString expected = s("TMPDIR=%1\nTEMP=%1\nTMP=%1\nXDG_CACHE_HOME=%1/.cache\n"
+                                   "PYTHONPYCACHEPREFIX=%1/Python\n")
+                                     .arg(temp);
+        QVERIFY(confined.output.endsWith(expected.toUtf8()));
+
+        sandbox.settings.internetClient = true;
+        sandbox.settings.allowedPaths = {allowed(root + s("/secret.txt"), false, true, false),
+                                         allowed(root, false, true, true)};
+        const Run allowedRun = runSandboxed(manager, python, args, sandbox);
+        QVERIFY2(allowedRun.output.startsWith(
+                     "read-outside:ok\nwrite-outside:ok\nwrite-readonly:ok\nread-readonly:ok\n"
+                     "write-allowed:ok\nwrite-temp:ok\nconnect:ok\nsend-udp:ok\nnnp:1 caps:0\n"),
+                 allowedRun.output.constData());
+        QCOMPARE(connections.size(), 1);
+    }
+
+    void launchManagerReportsARefusedChild() {
+        // A system program copied out of the system folders (an uninstrumented one: a sanitizer
+        // build's own helper would want /proc for its leak check).
+        QTemporaryDir dir;
+        const QString program = dir.filePath(s("echo"));
+        QVERIFY(QFile::copy(s("/bin/echo"), program));
+        QtProcessLaunchManager manager(m_sandbox);
+        Sandbox sandbox;
+        sandbox.enabled = true;
+        // The sandbox will not run a program from outside its paths...
+        const Run refused = runSandboxed(manager, program, {s("confined")}, sandbox);
+        QCOMPARE(refused.error.category, std::string(AbstractError::GenericError));
+        QVERIFY2(QString::fromStdString(refused.error.description).contains(program),
+                 refused.error.description.c_str());
+        QVERIFY(refused.output.isEmpty());
+        // ...unless it is allowed to.
+        sandbox.settings.allowedPaths = {allowed(program, true, true, false)};
+        const Run ran = runSandboxed(manager, program, {s("confined")}, sandbox);
+        QVERIFY2(!ran.error.isSet(), ran.error.description.c_str());
+        QCOMPARE(ran.output, QByteArray("confined\n"));
+    }
+
+    void ffmpegMergesInsideTheSandbox() {
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
+            QSKIP("ffmpeg and ffprobe are not installed");
+        QTemporaryDir dir;
+        const QString video = dir.filePath(s("in/v.mp4")), audio = dir.filePath(s("in/a.m4a"));
+        const QString result = dir.filePath(s("out/merged.mp4"));
+        QString error;
+        QVERIFY(QDir().mkpath(dir.filePath(s("in"))) && QDir().mkpath(dir.filePath(s("out"))));
+        QVERIFY2(FfmpegTestMedia::makeVideoOnly(video, 2, &error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeAudioOnly(audio, 2, &error), qPrintable(error));
+
+        RecordingLogger log;
+        auto ffmpeg = QSharedPointer<QtFfmpegManager>::create(
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), s("ffmpeg"), m_sandbox);
+        QtFfmpegAvMerger merger(ffmpeg);
+        QSignalSpy finished(&merger, &QtFfmpegAvMerger::finished);
+        merger.merge(1, video, audio, result, QString());
+        QVERIFY(finished.wait(60000));
+        const auto mergeError = finished.at(0).at(1).value<AbstractError>();
+        QVERIFY2(!mergeError.isSet(), mergeError.description.c_str());
+        QCOMPARE(finished.at(0).at(2).toLongLong(), QFileInfo(result).size());
+        QStringList streams;
+        double seconds = 0;
+        QVERIFY(FfmpegTestMedia::probe(result, &streams, &seconds));
+        streams.sort();
+        QCOMPARE(streams, QStringList({s("audio"), s("video")}));
+        QVERIFY(
+            !log.lines().filter(s("[QtProcessSandboxManager]: using Landlock sandbox")).isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestQtProcessSandboxManager)
+#include "tst_qtprocesssandboxmanager.moc"

@@ -1,0 +1,251 @@
+// The Windows sandbox's decisions, run against a stand-in for the Win32 calls: which mechanism is
+// tried, what is logged, what the child's environment holds, which accesses are granted and
+// withdrawn, and the loopback exemption.
+#include <terncl/qt/process/qtprocesssandboxmanager.h>
+#include <terncl/qt/process/qtwinappcontainerprocessallowedpathsmgr.h>
+
+#include "support/fakewinsandboxapi.h"
+#include "support/recordinglogger.h"
+#include "support/testchild.h"
+#include "support/testfiles.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+using Settings = QtProcessSandboxManager::SandboxSettings;
+using Step = WinSandboxApi::IntegrityStep;
+
+QString logLine(const char* text) {
+    return QStringLiteral("[QtProcessSandboxManager]: ") + QString::fromUtf8(text);
+}
+
+QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
+                                             bool write) {
+    QtProcessSandboxManager::AllowedPath entry;
+    entry.path = path;
+    entry.execute = execute;
+    entry.read = read;
+    entry.write = write;
+    return entry;
+}
+
+struct Rig {
+    Rig() {
+        api->containerFolder = (dir.path() + QStringLiteral("/container")).toStdWString();
+        api->lowFolder = (dir.path() + QStringLiteral("/low")).toStdWString();
+        process.setProgram(TestChild::program());
+        process.setArguments({QStringLiteral("exit"), QStringLiteral("0")});
+    }
+    // Starts the helper in the sandbox; when it started, waits for its end.
+    bool start(const Settings& settings, bool fallback = true) {
+        const bool started =
+            manager.startInSandbox(settings, fallback, &process, QIODeviceBase::ReadOnly);
+        if (process.state() != QProcess::NotRunning)
+            process.waitForFinished(-1);
+        return started;
+    }
+    QString env(const char* name) const {
+        return process.processEnvironment().value(QString::fromLatin1(name), QStringLiteral("-"));
+    }
+
+    QTemporaryDir dir;
+    RecordingLogger log;
+    std::shared_ptr<FakeWinSandboxApi> api = std::make_shared<FakeWinSandboxApi>();
+    QtProcessSandboxManager manager{QStringLiteral("tern"), api};
+    QProcess process;
+};
+} // namespace
+
+class TestQtWinSandbox : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() {
+        for (const char* name :
+             {"XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX", "USERPROFILE", "APPDATA", "LOCALAPPDATA"}) {
+            qunsetenv(name);
+        }
+    }
+
+    void kindPicksTheMechanism_data() {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<bool>("noProfile");
+        QTest::addColumn<bool>("noCapabilities");
+        QTest::addColumn<QString>("calls");
+        QTest::addColumn<QString>("logged");
+        const QString container = QStringLiteral("sid ternAppContainerSandbox,folder S-1-15-2-7,"
+                                                 "capabilities S-1-15-2-7 internet");
+        const QString low = QStringLiteral("lowfolder,lower,resume");
+        QTest::newRow("2") << 2 << false << false << container << "using AppContainer sandbox";
+        QTest::newRow("0") << 0 << false << false << container << "using AppContainer sandbox";
+        QTest::newRow("1") << 1 << false << false << low << "using LowIntegrityLevel sandbox";
+        QTest::newRow("no profile")
+            << 2 << true << false << QStringLiteral("sid ternAppContainerSandbox,") + low
+            << "CreateAppContainerProfile failed with error: 5";
+        QTest::newRow("no capabilities") << 2 << false << true << container + QLatin1Char(',') + low
+                                         << "using LowIntegrityLevel sandbox";
+    }
+
+    void kindPicksTheMechanism() {
+        QFETCH(int, kind);
+        QFETCH(bool, noProfile);
+        QFETCH(bool, noCapabilities);
+        QFETCH(QString, calls);
+        QFETCH(QString, logged);
+        Rig rig;
+        if (noProfile)
+            rig.api->sid.clear();
+        rig.api->capabilitiesFail = noCapabilities;
+        Settings settings;
+        settings.kind = kind;
+        QVERIFY(rig.start(settings, false));
+        QCOMPARE(rig.api->calls.join(QLatin1Char(',')), calls);
+        QVERIFY(rig.log.contains(logLine(logged.toUtf8().constData())));
+        QCOMPARE(rig.process.exitCode(), 0);
+    }
+
+    void failuresFollowTheFallbackRule() {
+        {
+            // Without a name nothing is asked of the system; the fallback rule alone decides.
+            Rig rig;
+            QtProcessSandboxManager unnamed(QString(), rig.api);
+            QVERIFY(
+                !unnamed.startInSandbox(Settings(), false, &rig.process, QIODeviceBase::ReadOnly));
+            QVERIFY(rig.api->calls.isEmpty() && rig.process.state() == QProcess::NotRunning);
+        }
+        Settings lowOnly;
+        lowOnly.kind = 1;
+        for (bool fallback : {false, true}) {
+            Rig rig;
+            rig.api->integrityFailure = Step::SetLevel;
+            QCOMPARE(rig.start(lowOnly, fallback), fallback);
+            QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
+            // A child left suspended runs only when it may run unconfined.
+            QCOMPARE(rig.api->calls.endsWith(QStringLiteral("resume")), fallback);
+        }
+        Rig rig;
+        rig.api->lowFolder.clear();
+        QVERIFY(!rig.start(lowOnly, false));
+        QVERIFY(rig.log.contains(logLine("SHGetKnownFolderPath failed with error: 5")));
+        QVERIFY(!rig.api->calls.contains(QStringLiteral("lower")));
+    }
+
+    void childEnvironment() {
+        Rig rig;
+        Settings settings;
+        settings.overrideUserProfile = settings.overrideAppData = true;
+        QVERIFY(rig.start(settings));
+        const QString base = QString::fromStdWString(rig.api->containerFolder);
+        const QString temp = base + QStringLiteral("\\AppData\\Local\\Temp");
+        for (const char* name : {"TMPDIR", "TEMP", "TMP"})
+            QCOMPARE(rig.env(name), temp);
+        QCOMPARE(rig.env("XDG_CACHE_HOME"), temp + QStringLiteral("/.cache"));
+        QCOMPARE(rig.env("PYTHONPYCACHEPREFIX"), temp + QStringLiteral("/Python"));
+        QCOMPARE(rig.env("USERPROFILE"), base);
+        QCOMPARE(rig.env("APPDATA"), base + QStringLiteral("\\AppData\\Roaming"));
+        QCOMPARE(rig.env("LOCALAPPDATA"), base + QStringLiteral("\\AppData\\Local"));
+        QVERIFY(QFileInfo(temp).isDir());
+
+        Rig low;
+        Settings bare;
+        bare.kind = 1;
+        bare.setXdgCacheHome = bare.setPythonPycachePrefix = bare.overrideLocalAppData = false;
+        QVERIFY(low.start(bare));
+        const QString lowBase =
+            QString::fromStdWString(low.api->lowFolder) + QStringLiteral("\\Temp\\tern");
+        QCOMPARE(low.env("TMP"), lowBase + QStringLiteral("\\AppData\\Local\\Temp"));
+        for (const char* name :
+             {"XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX", "USERPROFILE", "APPDATA", "LOCALAPPDATA"}) {
+            QCOMPARE(low.env(name), QStringLiteral("-"));
+        }
+    }
+
+    void allowedPathsAreGrantedAndWithdrawn() {
+        Rig rig;
+        const QString folder = rig.dir.path(), file = TestChild::program();
+        const QString missing = folder + QStringLiteral("/missing");
+        rig.api->failingGrants << missing;
+        Settings settings;
+        settings.allowedPaths = {allowed(folder, false, true, false),
+                                 allowed(missing, false, false, true),
+                                 allowed(file, true, true, false)};
+        QVERIFY(rig.start(settings, false));
+        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 80000000").arg(folder)));
+        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 40000000").arg(missing)));
+        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 a0000000").arg(file)));
+        QVERIFY(rig.log.contains(logLine("using AppContainer sandbox")));
+        QTRY_VERIFY(rig.api->granted.isEmpty());
+        QVERIFY(!rig.api->calls.contains(QStringLiteral("revoke ") + missing));
+
+        // A grant that fails on an existing path undoes this child's grants and the container.
+        rig.api->calls.clear();
+        rig.api->failingGrants = {missing, file};
+        QVERIFY(rig.start(settings, false));
+        QCOMPARE(rig.api->calls.mid(2, 5),
+                 QStringList({QStringLiteral("grant %1 80000000").arg(folder),
+                              QStringLiteral("grant %1 40000000").arg(missing),
+                              QStringLiteral("grant %1 a0000000").arg(file),
+                              QStringLiteral("revoke ") + folder, QStringLiteral("lowfolder")}));
+        QVERIFY(rig.api->granted.isEmpty());
+
+        rig.api->failingGrants.clear();
+        settings.revokeAllowedPathsOnFinish = false;
+        QVERIFY(rig.start(settings, false));
+        QCoreApplication::processEvents();
+        QCOMPARE(rig.api->granted.value(folder), WinSandboxApi::GenericRead);
+    }
+
+    void sharedPathKeepsTheUnionOfItsHolders() {
+        auto api = std::make_shared<FakeWinSandboxApi>();
+        QtWinAppContainerProcessAllowedPathsMgr paths(api, QStringLiteral("S-1"));
+        QProcess first, second;
+        const QString path = QStringLiteral("/data");
+        QVERIFY(paths.grantAccess(&first, path, WinSandboxApi::GenericRead));
+        QVERIFY(paths.grantAccess(&second, path, WinSandboxApi::GenericWrite));
+        paths.withdrawAll(&first);
+        QCOMPARE(paths.grantedAccess(path), WinSandboxApi::GenericWrite);
+        paths.withdrawAll(&second);
+        QCOMPARE(
+            api->calls,
+            QStringList({QStringLiteral("grant /data 80000000"),
+                         QStringLiteral("grant /data c0000000"), QStringLiteral("revoke /data"),
+                         QStringLiteral("grant /data 40000000"), QStringLiteral("revoke /data")}));
+        QCOMPARE(paths.grantedAccess(path), 0u);
+    }
+
+    void loopbackExemption() {
+        Rig rig;
+        const QString listing = rig.dir.filePath(QStringLiteral("listing"));
+        QVERIFY(writeScript(rig.dir.filePath(QStringLiteral("CheckNetIsolation.exe")),
+                            QByteArrayLiteral("[ \"$*\" = \"LoopbackExempt -s\" ] && cat ") +
+                                listing.toUtf8()));
+        const QByteArray path = qgetenv("PATH");
+        qputenv("PATH", rig.dir.path().toUtf8() + ':' + path);
+        QVERIFY(writeFile(listing, "Name: ternappcontainersandbox\n"));
+        const bool listed = rig.manager.isGlobalLoopbackAccessEnabled();
+        QVERIFY(writeFile(listing, "Name: otherappcontainersandbox\n"));
+        const bool unlisted = rig.manager.isGlobalLoopbackAccessEnabled();
+        Settings settings;
+        settings.requireLoopbackExemption = true;
+        QVERIFY(rig.start(settings));
+        qputenv("PATH", path);
+        QVERIFY(listed && !unlisted);
+        QVERIFY(rig.log.contains(logLine("the AppContainer has no loopback exemption")));
+        QVERIFY(rig.api->calls.contains(QStringLiteral("lowfolder")));
+
+        QVERIFY(rig.manager.enableGlobalLoopbackAccess(true));
+        QCOMPARE(rig.api->calls.last(), QStringLiteral("shell CheckNetIsolation.exe LoopbackExempt "
+                                                       "-a -n=\"ternAppContainerSandbox\" runas"));
+        rig.api->shellSucceeds = false;
+        QVERIFY(!rig.manager.enableGlobalLoopbackAccess(false));
+        QVERIFY(rig.api->calls.last().contains(QStringLiteral("LoopbackExempt -d -n=")));
+        QtProcessSandboxManager unnamed(QString(), rig.api);
+        QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
+        QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestQtWinSandbox)
+#include "tst_qtwinsandbox.moc"
