@@ -11,6 +11,10 @@ std::string sourcePlace(const char* file, int line) {
     std::string path = file ? file : "";
     if (path.rfind("./", 0) == 0)
         path.erase(0, 2);
+    // A compiler launcher with a base folder (ccache's base_dir) hands the compiler paths
+    // relative to the build folder, which sits in the repository.
+    while (path.rfind("../", 0) == 0)
+        path.erase(0, 3);
     const auto slash = path.find_last_of('/');
     const auto dot = path.find_last_of('.');
     if (dot != std::string::npos && (slash == std::string::npos || dot > slash))
