@@ -101,12 +101,6 @@ private Q_SLOTS:
         QCOMPARE(spy.count(), 2);
         QCOMPARE(spy.at(0).at(0).toBool(), true);
         QCOMPARE(spy.at(1).at(0).toBool(), false);
-
-        // The slot is reachable by name through a queued call.
-        QVERIFY(QMetaObject::invokeMethod(&download, "signalPerformingFilesOperations",
-                                          Qt::QueuedConnection, Q_ARG(bool, true)));
-        QVERIFY(spy.wait());
-        QCOMPARE(spy.count(), 3);
     }
 
     void compareDownloads_data() {
@@ -116,7 +110,6 @@ private Q_SLOTS:
         const auto url = QStringLiteral("https://example.org/a.iso");
         QTest::newRow("empty mine") << record({}, 1) << record(url, 1) << 0;
         QTest::newRow("empty other") << record(url, 1) << record({}, 1) << 0;
-        QTest::newRow("both empty") << record({}, 1) << record({}, 1) << 0;
         QTest::newRow("other resource")
             << record(url, 1) << record(QStringLiteral("https://example.org/b.iso"), 1) << 0;
         QTest::newRow("other type") << record(url, 1) << record(url, 2) << 0;
