@@ -70,9 +70,7 @@ private Q_SLOTS:
         QCOMPARE(QtFfmpegManager::secondsToFfmpegString(3725), s("01:02:05.00"));
         QCOMPARE(QtFfmpegManager::secondsToFfmpegString(59), s("00:00:59.00"));
         QCOMPARE(QtFfmpegManager::idealFfmpegCount(1), 1);
-        QCOMPARE(QtFfmpegManager::idealFfmpegCount(2), 1);
         QCOMPARE(QtFfmpegManager::idealFfmpegCount(16), 8);
-        QVERIFY(QtFfmpegManager::idealFfmpegCount() >= 1);
     }
 
     void versionCheck() {
@@ -90,7 +88,6 @@ private Q_SLOTS:
         // A program that never answers counts as not installed once the limit has passed.
         const QString hang = TestChild::makeFakeTool(m_dir.path(), s("hang"));
         QtFfmpegManager hanging(m_dir.path(), hang, nullptr);
-        QCOMPARE(hanging.versionCheckTimeout(), 30000);
         hanging.setVersionCheckTimeout(300);
         QVERIFY(!hanging.isFfmpegInstalled(false));
         QVERIFY(TestChild::runningChildCount() <= 0); // killed, not left behind
