@@ -1,5 +1,3 @@
 terncl_add_test(tst_abstractdownload terncl/inet/qt/download/tst_abstractdownload.cpp)
 terncl_add_test(tst_abstractdownloadpersistentinfo
   terncl/inet/qt/download/tst_abstractdownloadpersistentinfo.cpp)
-terncl_add_test(tst_abstractdownloadsspeedmeter
-  terncl/inet/qt/download/tst_abstractdownloadsspeedmeter.cpp)

@@ -10,10 +10,7 @@ void FakeNetworkConsumer::setNetworkSettings(const AbstractNetworkConsumerSettin
 }
 
 void FakeNetworkConsumer::setNetworkUsageSettings(const NetworkUsageSettings& settings) {
-    if (settings == m_usageSettings)
-        return;
     m_usageSettings = settings;
-    receivedUsageSettings.append(settings);
 }
 
 qint64 FakeNetworkConsumer::speed(NetworkTrafficDirection direction, bool) const {
@@ -54,11 +51,6 @@ void FakeNetworkConsumer::setRunningState(bool running) {
         return;
     m_running = running;
     Q_EMIT AbstractNetworkConsumerWithExtraTasks::running(running);
-}
-
-void FakeNetworkConsumer::requestAuthentication(const QtNetworkAuthScope& scope,
-                                                QAuthenticator* authenticator) {
-    Q_EMIT authenticationRequired(scope, authenticator);
 }
 
 bool FakeNetworkConsumer::askAcceptUnknownHost(const QtSslHost& host) {

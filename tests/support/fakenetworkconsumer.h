@@ -6,7 +6,7 @@
 #include <QList>
 
 // A network consumer whose state a test sets directly: connections (announced as deltas),
-// speeds, the last error and the running flag. It records the usage settings it receives.
+// speeds, the last error and the running flag.
 class FakeNetworkConsumer : public AbstractNetworkConsumerWithExtraTasks {
     Q_OBJECT
 
@@ -33,11 +33,9 @@ public:
     void setSpeed(NetworkTrafficDirection direction, qint64 bytesPerSecond);
     void failWith(const AbstractError& error, const QDateTime& time);
     void setRunningState(bool running);
-    void requestAuthentication(const QtNetworkAuthScope& scope, QAuthenticator* authenticator);
     bool askAcceptUnknownHost(const QtSslHost& host);
 
-    // What the consumer received.
-    QList<NetworkUsageSettings> receivedUsageSettings;
+    // How often the consumer was given network settings.
     int networkSettingsCalls = 0;
 
 private:

@@ -1,6 +1,7 @@
 #include "support/signalrecorder.h"
 
 #include <terncl/data/qt/filedataasyncwriter.h>
+#include <terncl/data/qt/memorydataasyncwriter.h>
 
 #include <QFile>
 #include <QScopeGuard>
@@ -54,13 +55,15 @@ void writeFile(const QString& path, const QByteArray& data, qint64 size) {
 
 } // namespace
 
-class TestFileDataAsyncWriter : public QObject {
+class TestDataAsyncWriters : public QObject {
     Q_OBJECT
 
 private:
     QThread m_writersThread;
     QTemporaryDir m_dir;
-    FileDataAsyncWriter* m_writer = nullptr;
+    AbstractDataAsyncProcessor* m_processor = nullptr; // the writer under test
+    FileDataAsyncWriter* m_writer = nullptr;           // when it writes into files
+    QByteArray m_target;                               // what a memory writer writes into
     SignalRecorder m_events;
 
     QString path(const char* name) const { return m_dir.filePath(s(name)); }
@@ -68,7 +71,7 @@ private:
     // Waits until the writer has handled every call made so far and compares all its signals,
     // given as one text separated by spaces.
     void expectEvents(const char* expected) {
-        m_writer->emitAllDataIsProcessed();
+        m_processor->emitAllDataIsProcessed();
         const QStringList events = s(expected).split(QLatin1Char(' '), Qt::SkipEmptyParts)
                                    << s("all()");
         QTRY_COMPARE(m_events.events(), events);
@@ -92,22 +95,30 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
         m_writersThread.start();
     }
+    // Tests named "memory..." drive a memory writer, the others a file writer.
     void init() {
-        m_writer = new FileDataAsyncWriter;
-        m_writer->moveToThread(&m_writersThread);
-        const AbstractDataAsyncProcessor* base = m_writer;
+        m_target.clear();
+        m_writer = nullptr;
+        if (QByteArray(QTest::currentTestFunction()).startsWith("memory"))
+            m_processor = new MemoryDataAsyncWriter(&m_target);
+        else
+            m_processor = m_writer = new FileDataAsyncWriter;
+        m_processor->moveToThread(&m_writersThread);
+        const AbstractDataAsyncProcessor* base = m_processor;
         m_events.record(base, &AbstractDataAsyncProcessor::opened, s("opened"));
         m_events.record(base, &AbstractDataAsyncProcessor::closed, s("closed"));
         m_events.record(base, &AbstractDataAsyncProcessor::failed, s("failed"));
         m_events.record(base, &AbstractDataAsyncProcessor::dataProcessed, s("data"));
         m_events.record(base, &AbstractDataAsyncProcessor::allDataIsProcessed, s("all"));
+        if (!m_writer)
+            return;
         m_events.record(m_writer, &FileDataAsyncWriter::preallocatingProgress, s("progress"));
         m_events.record(m_writer, &FileDataAsyncWriter::preallocateFinished, s("finished"));
     }
     void cleanup() {
         // Deleted on its own thread, as its owner on the writers thread would.
         QMetaObject::invokeMethod(
-            m_writer, [this] { delete m_writer; }, Qt::BlockingQueuedConnection);
+            m_processor, [this] { delete m_processor; }, Qt::BlockingQueuedConnection);
         QCoreApplication::processEvents(); // signals of the old writer end here
         m_events.clear();
     }
@@ -255,7 +266,52 @@ private Q_SLOTS:
         QCOMPARE(::stat(QFile::encodeName(file).constData(), &info), 0);
         QVERIFY2(qint64(info.st_blocks) * 512 >= target, "the preallocated file is sparse");
     }
+
+    void memoryWritesAtOffsetsAndFillsGaps() {
+        m_processor->processData(QByteArrayLiteral("early"));
+        QCOMPARE(m_processor->processedData(), QByteArrayLiteral("early"));
+        m_processor->open(QStringLiteral("ignored"), 10, true);
+        expectEvents("opened() data(5)");
+        QVERIFY(m_processor->isOpen());
+        QCOMPARE(m_target, QByteArray(10, '\0') + QByteArrayLiteral("early"));
+
+        // processData runs on the calling thread: the target has changed on return.
+        m_processor->processData(QByteArrayLiteral("12"));
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("early12"));
+        m_processor->processData(QByteArray());
+        expectEvents("data(2) data(0)");
+
+        // Inside the existing length, bytes are overwritten and the target never shrinks.
+        m_processor->seek(11);
+        expectEvents("");
+        m_processor->processData(QByteArrayLiteral("AR"));
+        m_processor->processData(QByteArrayLiteral("LY"));
+        QCOMPARE(m_target.size(), 17);
+        QCOMPARE(m_target.mid(10), QByteArrayLiteral("eARLY12"));
+    }
+
+    void memorySeekAndCloseDropPendingData() {
+        m_processor->processData(QByteArrayLiteral("one"));
+        m_processor->seek(4);
+        expectEvents("");
+        QVERIFY(m_processor->processedData().isEmpty());
+
+        m_processor->processData(QByteArrayLiteral("two"));
+        m_processor->open(QString(), 0);
+        m_processor->open(QString(), 8); // already open: nothing
+        m_processor->close();
+        m_processor->close();
+        expectEvents("opened() data(3) closed()");
+        QCOMPARE(m_target, QByteArrayLiteral("two"));
+        QVERIFY(m_processor->processedData().isEmpty());
+
+        m_processor->processData(QByteArrayLiteral("three"));
+        m_processor->wipePendingDataOut();
+        m_processor->open(QString(), 1);
+        expectEvents("opened()");
+        QCOMPARE(m_target, QByteArrayLiteral("two"));
+    }
 };
 
-QTEST_GUILESS_MAIN(TestFileDataAsyncWriter)
+QTEST_GUILESS_MAIN(TestDataAsyncWriters)
 #include "tst_filedataasyncwriter.moc"

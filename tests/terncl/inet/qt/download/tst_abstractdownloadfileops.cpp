@@ -1,15 +1,32 @@
+// The file operations that take a download's files to their final names, and the companion
+// that runs them (and self-merges) for a download.
 #include "support/testfiles.h"
 #include <terncl/inet/qt/download/abstractdownloadfileops.h>
+#include <terncl/inet/qt/download/abstractdownloadfilesopscompanion.h>
+#include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
+
+#include "support/fakedownload.h"
+#include "support/ffmpegtestmedia.h"
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QPointer>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
 namespace {
 using Op = AbstractDownloadFileOps::FileInitializeOperation;
+using Companion = AbstractDownloadFilesOpsCompanion;
+
+QList<bool> edges(const QSignalSpy& spy) {
+    QList<bool> list;
+    for (const auto& args : spy)
+        list << args.at(0).toBool();
+    return list;
+}
 
 AbstractDownloadFileInfo fileRecord(const QString& name, qint64 done, const QString& tmpPath = {}) {
     AbstractDownloadFileInfo file;
@@ -29,6 +46,9 @@ private:
     QTemporaryDir m_dir;
     QThread m_writers;
     QPointer<AbstractDownloadFileOps> m_ops;
+    FakeDownload m_download;
+    AbstractDownloadSettings m_settings;
+    QByteArray m_fmp4; // a whole fragmented MP4 stream, segments back to back
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
 
@@ -40,6 +60,11 @@ private:
         info.files = {fileRecord(name, content.size(), path(QStringLiteral("tmp/") + name))};
         writeFile(info.files.first().tmpPath, content);
         return info;
+    }
+
+    QSharedPointer<QtFfmpegAvMerger> makeMerger() const {
+        return QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr));
     }
 
     struct Result {
@@ -65,7 +90,17 @@ private:
     }
 
 private Q_SLOTS:
-    void initTestCase() { m_writers.start(); }
+    void initTestCase() {
+        m_writers.start();
+        if (FfmpegTestMedia::ffmpeg().isEmpty())
+            return;
+        QString error;
+        QVERIFY2(FfmpegTestMedia::makeHls(path(QStringLiteral("hls")), 2, 1, true, &error),
+                 qPrintable(error));
+        for (const auto& file :
+             FfmpegTestMedia::segmentFiles(path(QStringLiteral("hls/index.m3u8"))))
+            m_fmp4 += readFile(file);
+    }
     void cleanupTestCase() {
         m_writers.quit();
         m_writers.wait();
@@ -82,6 +117,7 @@ private Q_SLOTS:
         QTRY_VERIFY(!m_ops);
     }
 
+    // Which operations a record needs; what they do on disk is checked below.
     void computesOperationsFromTheRecordOnly() {
         AbstractDownloadPersistentInfo info;
         info.destinationPath = QStringLiteral("/dst");
@@ -91,29 +127,20 @@ private Q_SLOTS:
                       fileRecord(QStringLiteral("d.bin"), 0, QStringLiteral("/tmp/d.part")),
                       fileRecord(QStringLiteral("e.bin"), 0)};
         info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
-        const AbstractDownloadSettings settings;
-
-        const auto finished = AbstractDownloadFileOps::calcFilesInitOps(settings, info, true);
-        QCOMPARE(finished.size(), 4);
-        QCOMPARE(finished[0].kind, Op::MoveToFinal);
-        QCOMPARE(finished[0].sourcePath, QStringLiteral("/tmp/a.part"));
-        QCOMPARE(finished[0].targetPath, QStringLiteral("/dst/a.bin"));
-        QCOMPARE(finished[1].kind, Op::MoveToUnwanted); // b is already at its final name
-        QCOMPARE(finished[1].targetPath, QStringLiteral("/dst/dir/.unwanted/c.bin"));
-        // Empty files that were never written are created where they belong.
-        QCOMPARE(finished[2].kind, Op::CreateFinal);
-        QCOMPARE(finished[2].targetPath, QStringLiteral("/dst/d.bin"));
-        QCOMPARE(finished[3].targetPath, QStringLiteral("/dst/e.bin"));
-
-        const auto unfinished = AbstractDownloadFileOps::calcFilesInitOps(settings, info, false);
-        QCOMPARE(unfinished.size(), 3);
-        QCOMPARE(unfinished[0].kind, Op::MoveToUnwanted);
-        QCOMPARE(unfinished[1].kind, Op::CreateTemporary);
-        QCOMPARE(unfinished[1].targetPath, QStringLiteral("/tmp/d.part"));
-        QCOMPARE(unfinished[2].kind, Op::CreateFinal);
-
+        // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
+        const auto ops = [&info](bool finished) {
+            QStringList list;
+            for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, info, finished))
+                list << QStringLiteral("%1 %2").arg(int(op.kind)).arg(op.targetPath);
+            return list.join(QLatin1Char(','));
+        };
+        // b is already at its final name; empty files never written are created in place.
+        QCOMPARE(ops(true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
+                                           "1 /dst/d.bin,1 /dst/e.bin"));
+        QCOMPARE(ops(false),
+                 QStringLiteral("3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"));
         info.destinationPath.clear();
-        QVERIFY(AbstractDownloadFileOps::calcFilesInitOps(settings, info, true).isEmpty());
+        QVERIFY(ops(true).isEmpty());
     }
 
     // The second move fails: the first file goes back and the overwritten one returns.
@@ -194,6 +221,84 @@ private Q_SLOTS:
         QCOMPARE(readFile(path(QStringLiteral("tmp/a.bin"))), QByteArray("new a"));
         QVERIFY(!QFile::exists(path(QStringLiteral("a.bin"))));
         QCOMPARE(readFile(path(QStringLiteral("sub/b.bin"))), QByteArray("old b"));
+    }
+
+    void standardOperationRunsOneAtATime() {
+        auto info = finishedRecord(QStringLiteral("a.bin"), "new");
+        Companion companion(&m_download, info, m_settings, {});
+        companion.setWritersThread(&m_writers);
+        QSignalSpy performing(&companion, &Companion::performingFilesOperations);
+        QSignalSpy finished(&companion, &Companion::operationFinished);
+        QSignalSpy changed(&companion, &Companion::changed);
+        QVERIFY(companion.isStandardOpRequired());
+        companion.performRequiredStandardOp();
+        companion.performRequiredStandardOp(); // ignored: one is running
+        QCOMPARE(companion.operation(), Companion::StandardOperation);
+        QVERIFY(finished.wait(10000));
+        QTest::qWait(0);
+
+        QCOMPARE(finished.size(), 1);
+        QVERIFY(!finished[0][1].value<AbstractError>().isSet());
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(edges(performing), (QList<bool>{true, false}));
+        QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("new"));
+        QVERIFY(info.files[0].tmpPath.isEmpty());
+        QVERIFY(!companion.isStandardOpRequired());
+        QVERIFY(!companion.isPerformingOperation());
+    }
+
+    // Inside an outer files operation, only the outer edges are signalled.
+    void selfMergeWithoutMergerEndsAtOnce() {
+        auto info = finishedRecord(QStringLiteral("v.m4s"), "data");
+        Companion companion(&m_download, info, m_settings, {});
+        QSignalSpy finished(&companion, &Companion::operationFinished);
+        QSignalSpy performing(&companion, &Companion::performingFilesOperations);
+        companion.beginPerformFilesOperations();
+        companion.performSelfMerge();
+        QCOMPARE(finished.size(), 1);
+        QCOMPARE(finished[0][0].value<Companion::OperationType>(), Companion::SelfMerge);
+        QCOMPARE(finished[0][1].value<AbstractError>().code,
+                 Companion::SelfMergeNotStartedErrorCode);
+        QCOMPARE(finished[0][1].value<AbstractError>().category,
+                 std::string(AbstractError::GenericError));
+        QCOMPARE(info.files[0].name, QStringLiteral("v.m4s"));
+        QCOMPARE(edges(performing), QList<bool>{true});
+        QVERIFY(companion.isPerformingFilesOps());
+        companion.finishPerformFilesOperations();
+        companion.finishPerformFilesOperations(); // unbalanced: ignored
+        QCOMPARE(edges(performing), (QList<bool>{true, false}));
+        QVERIFY(!companion.isPerformingFilesOps());
+    }
+
+    // A self-merge that fails or is aborted leaves the file as it was. (The downloader's test
+    // remuxes real segments through a companion.)
+    void selfMergeFailsOrIsAborted_data() {
+        QTest::addColumn<bool>("abort");
+        QTest::newRow("not media") << false;
+        QTest::newRow("aborted") << true;
+    }
+    void selfMergeFailsOrIsAborted() {
+        QFETCH(bool, abort);
+        if (m_fmp4.isEmpty())
+            QSKIP("ffmpeg is not installed");
+        const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
+        auto info = finishedRecord(QStringLiteral("Clip.M4S"), content);
+        const auto merger = makeMerger();
+        Companion companion(&m_download, info, m_settings, merger);
+        QSignalSpy finished(&companion, &Companion::operationFinished);
+        companion.performSelfMerge();
+        QCOMPARE(companion.operation(), Companion::SelfMerge);
+        Q_EMIT merger->progress(merger->nextId(), 5, 10); // another merge: ignored
+        QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
+        if (abort)
+            companion.abortOperation();
+        QVERIFY(finished.wait(30000));
+
+        QVERIFY(finished[0][1].value<AbstractError>().isSet());
+        QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
+        QVERIFY(!QFile::exists(path(QStringLiteral("tmp/Clip.mp4"))));
+        QCOMPARE(readFile(path(QStringLiteral("tmp/Clip.M4S"))), content);
+        QCOMPARE(info.files[0].name, QStringLiteral("Clip.M4S"));
     }
 };
 

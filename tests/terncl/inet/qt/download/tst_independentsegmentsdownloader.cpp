@@ -44,9 +44,9 @@ private:
     QHash<QString, Plan> m_firstRunPlans;  // by URL: the plan of the next child only
     QByteArray m_all;                      // the contents in order
 
-    QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString target() const { return path(QStringLiteral("dst/out.bin")); }
-    QString temporary() const { return path(QStringLiteral("tmp/out.bin.part")); }
+    QString path(const char* name) const { return m_dir.filePath(QString::fromUtf8(name)); }
+    QString target() const { return path("dst/out.bin"); }
+    QString temporary() const { return path("tmp/out.bin.part"); }
 
     AbstractDownloadSourceInfo addSegment(const QByteArray& content) {
         AbstractDownloadSourceInfo source;
@@ -77,7 +77,7 @@ private:
 
     AbstractDownloadPersistentInfo record(bool withTemporary = true) const {
         AbstractDownloadPersistentInfo info;
-        info.destinationPath = path(QStringLiteral("dst"));
+        info.destinationPath = path("dst");
         AbstractDownloadFileInfo file;
         file.name = QStringLiteral("out.bin");
         if (withTemporary)
@@ -110,7 +110,7 @@ private:
     }
 
     QStringList spillFiles() const {
-        return QDir(path(QStringLiteral("tmp"))).entryList({QStringLiteral("*.seg*")});
+        return QDir(path("tmp")).entryList({QStringLiteral("*.seg*")});
     }
     qint64 recordedTotal(const Downloader& downloader) const {
         return downloader.info()
@@ -168,8 +168,7 @@ private Q_SLOTS:
         QFETCH(QList<qint64>, sizes);
         QFETCH(QString, fileRecord);
         const bool named = fileRecord != QLatin1String("none");
-        const QString result =
-            path(named ? QStringLiteral("dst/out.bin") : QStringLiteral("dst/segments.bin"));
+        const QString result = path(named ? "dst/out.bin" : "dst/segments.bin");
         const QString writtenAt = fileRecord == QLatin1String("temporary") ? temporary() : result;
         const auto sources = addSegments(sizes);
         auto info = record(fileRecord == QLatin1String("temporary"));
@@ -376,7 +375,7 @@ private Q_SLOTS:
         run(*emptyComplete);
         QVERIFY(!emptyComplete->lastError().isSet());
         QVERIFY(emptyComplete->info().isFinished());
-        QCOMPARE(readFile(path(QStringLiteral("dst/out (1).bin"))), QByteArray());
+        QCOMPARE(readFile(path("dst/out (1).bin")), QByteArray());
         QCOMPARE(m_factory->requests().size(), 3);
     }
 
@@ -484,15 +483,13 @@ private Q_SLOTS:
         QVERIFY(!downloader->lastError().isSet());
         QVERIFY(downloader->info().isFinished());
         QCOMPARE(downloader->info().files[0].name, resultName);
-        QCOMPARE(readFile(path(QStringLiteral("dst/") + resultName)), m_all);
+        QCOMPARE(readFile(m_dir.filePath(QStringLiteral("dst/") + resultName)), m_all);
         const bool renamed = resultName != QLatin1String("out.bin");
         if (renamed)
             QCOMPARE(readFile(target()), QByteArray("old"));
         // Nothing is kept aside, and a finished record never fetches again.
-        QCOMPARE(QDir(path(QStringLiteral("dst"))).entryList(QDir::Files | QDir::Hidden).size(),
-                 renamed ? 2 : 1);
-        QCOMPARE(QDir(path(QStringLiteral("tmp"))).entryList(QDir::Files | QDir::Hidden),
-                 QStringList());
+        QCOMPARE(QDir(path("dst")).entryList(QDir::Files | QDir::Hidden).size(), renamed ? 2 : 1);
+        QCOMPARE(QDir(path("tmp")).entryList(QDir::Files | QDir::Hidden), QStringList());
         QCOMPARE(m_factory->requests().size(), 2);
     }
 
@@ -501,18 +498,16 @@ private Q_SLOTS:
         if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
             QSKIP("ffmpeg and ffprobe are not installed");
         QString error;
-        QVERIFY2(FfmpegTestMedia::makeHls(path(QStringLiteral("hls")), 3, 1, true, &error),
-                 qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 3, 1, true, &error), qPrintable(error));
         QList<AbstractDownloadSourceInfo> sources;
-        for (const auto& file :
-             FfmpegTestMedia::segmentFiles(path(QStringLiteral("hls/index.m3u8"))))
+        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
             sources.append(addSegment(readFile(file)));
         auto manager = QSharedPointer<QtFfmpegManager>::create(
             QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr);
         auto merger = QSharedPointer<QtFfmpegAvMerger>::create(manager);
         auto info = record();
         info.files[0].name = QStringLiteral("Video.M4S"); // the extension in any case
-        info.files[0].tmpPath = path(QStringLiteral("tmp/Video.M4S"));
+        info.files[0].tmpPath = path("tmp/Video.M4S");
         auto downloader = make(info, sources, true, true, merger);
         QSignalSpy filesOps(downloader.get(), &AbstractDownload::performingFilesOperations);
         run(*downloader);
@@ -521,7 +516,7 @@ private Q_SLOTS:
         const auto& file = downloader->info().files[0];
         QCOMPARE(file.name, QStringLiteral("Video.mp4"));
         QVERIFY(file.tmpPath.isEmpty());
-        const QString result = path(QStringLiteral("dst/Video.mp4"));
+        const QString result = path("dst/Video.mp4");
         QCOMPARE(file.size, QFileInfo(result).size());
         QStringList streams;
         double duration = 0;
@@ -529,7 +524,7 @@ private Q_SLOTS:
         QVERIFY(streams.contains(QStringLiteral("video")) &&
                 streams.contains(QStringLiteral("audio")));
         QVERIFY2(qAbs(duration - 3.0) < 0.5, qPrintable(QString::number(duration)));
-        QCOMPARE(QDir(path(QStringLiteral("tmp"))).entryList(QDir::Files), QStringList());
+        QCOMPARE(QDir(path("tmp")).entryList(QDir::Files), QStringList());
         QCOMPARE(filesOps.size(), 4); // the remux, then the move
     }
 
