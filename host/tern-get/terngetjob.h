@@ -41,9 +41,10 @@ public:
         qint64 limitRate = 0;
         QString stateDir;
         int retries = 5;
-        int concurrentSegments = 4;  // segments of a stream fetched at once
-        bool progressBar = false;    // a single redrawn line instead of periodic lines
-        bool sandbox = true;         // run ffmpeg confined where the system allows it
+        int concurrentSegments = 4; // segments of a stream fetched at once
+        bool progressBar = false;   // a single redrawn line instead of periodic lines
+        bool sandbox = true;        // run ffmpeg confined where the system allows it
+
         QString logRequestsDir;      // request logs of each run go here; empty: none
         qint64 batteryLimitRate = 0; // the limit while on battery; 0: as on mains power
         bool quiet = false;          // no progress and no notes, only errors
