@@ -50,7 +50,9 @@ if(TARGET tern-get)
   install(FILES "${PROJECT_SOURCE_DIR}/packaging/tern-get.bash-completion"
           DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
           RENAME tern-get COMPONENT tern-get)
-  if(TERNCL_HELP2MAN)
+  # The page is written by running the program: not where it cannot run here, nor under the
+  # sanitizers, whose exit-time reports are no help text.
+  if(TERNCL_HELP2MAN AND NOT CMAKE_CROSSCOMPILING AND NOT TERNCL_SANITIZE)
     set(man_page "${terncl_packaging_dir}/tern-get.1")
     add_custom_command(OUTPUT "${man_page}.gz"
       COMMAND "${TERNCL_HELP2MAN}" --no-info --section=1
@@ -62,7 +64,7 @@ if(TARGET tern-get)
     list(APPEND terncl_packaging_outputs "${man_page}.gz")
     install(FILES "${man_page}.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
             COMPONENT tern-get)
-  else()
+  elseif(NOT TERNCL_HELP2MAN)
     message(STATUS "help2man not found: tern-get gets no man page (apt-get install help2man)")
   endif()
 endif()
