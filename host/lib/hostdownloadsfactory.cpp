@@ -1,18 +1,30 @@
 #include "hostdownloadsfactory.h"
 
 #include "httpdownload.h"
+#include "httpfilemodule.h"
 
 #include <terncl/core/sourceplace.h>
 
 #include <QUrl>
 
 const QString HostDownloadsFactory::HttpModule = QStringLiteral("http");
+const QString HostDownloadsFactory::PlainFileModule = QStringLiteral("downloadswww");
 
 HostDownloadsFactory::HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
                                            QObject* parent)
     : AbstractDownloadsSimpleFactory(parent)
     , m_network(network)
-    , m_writersThread(writersThread) {}
+    , m_writersThread(writersThread) {
+    const auto creator = [this](qint64 id, const AbstractDownloadPersistentInfo& info,
+                                AbstractError& error) {
+        return createHttpDownload(id, info, error);
+    };
+    // A record without a module name is the host's own file: "http" is tried first.
+    m_keeper.addModule(QSharedPointer<HttpFileModule>::create(HttpModule, 1, creator));
+    m_keeper.addModule(QSharedPointer<HttpFileModule>::create(PlainFileModule, 0, creator));
+    m_keeper.onFinishedAddingModules();
+    m_keeper.initializeModules(true);
+}
 
 QSharedPointer<AbstractDownload>
 HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
@@ -23,18 +35,28 @@ HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
 QSharedPointer<AbstractDownload>
 HostDownloadsFactory::createModuleDownload(const QString& moduleName,
                                            const AbstractDownloadPersistentInfo& info,
-                                           const QVariant&, AbstractError& error) {
-    const QUrl url(info.resourceUrl);
-    const bool http =
-        url.scheme() == QStringLiteral("http") || url.scheme() == QStringLiteral("https");
-    if (!m_network || (!moduleName.isEmpty() && moduleName != HttpModule) || !http) {
+                                           const QVariant& initData, AbstractError& error) {
+    const QString module =
+        moduleName.isEmpty() ? m_keeper.moduleForUrl(QUrl(info.resourceUrl)) : moduleName;
+    if (module.isEmpty()) {
         error = AbstractError(
             1, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
             QStringLiteral("no download can fetch %1").arg(info.resourceUrl).toStdString());
         return {};
     }
-    QSharedPointer<HttpDownload> download(new HttpDownload(m_nextId++, m_network),
-                                          &QObject::deleteLater);
+    return m_keeper.createDownload(module, m_nextId++, info, initData, error);
+}
+
+QSharedPointer<AbstractDownload>
+HostDownloadsFactory::createHttpDownload(qint64 id, const AbstractDownloadPersistentInfo& info,
+                                         AbstractError& error) {
+    if (!m_network) {
+        error = AbstractError(
+            1, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
+            QStringLiteral("no download can fetch %1").arg(info.resourceUrl).toStdString());
+        return {};
+    }
+    QSharedPointer<HttpDownload> download(new HttpDownload(id, m_network), &QObject::deleteLater);
     download->setInfo(info);
     download->setWritersThread(m_writersThread);
     HttpDownload::Options options;

@@ -46,16 +46,78 @@ QString defaultStateDir() {
                QStringLiteral("/.local/state");
     return base + QStringLiteral("/tern-get");
 }
+
+// The options of request logs, battery and output, kept together.
+struct ExtraOptions {
+    QCommandLineOption logRequests{
+        QStringLiteral("log-requests"),
+        QStringLiteral("Write the request and response headers of each run to a file in DIR."),
+        QStringLiteral("DIR")};
+    QCommandLineOption batteryLimitRate{
+        QStringLiteral("battery-limit-rate"),
+        QStringLiteral("Limit the speed to RATE while the machine runs on battery."),
+        QStringLiteral("RATE")};
+    QCommandLineOption progress{
+        QStringLiteral("progress"),
+        QStringLiteral("Show progress as TYPE: bar, lines, or json (one JSON object per line "
+                       "on stdout, ending with a result object). Default: a bar on a terminal, "
+                       "lines otherwise."),
+        QStringLiteral("TYPE")};
+    QCommandLineOption quiet{{QStringLiteral("q"), QStringLiteral("quiet")},
+                             QStringLiteral("Show no progress and no notes, only errors.")};
+
+    QList<QCommandLineOption> all() const {
+        return {logRequests, batteryLimitRate, progress, quiet};
+    }
+
+    bool read(const QCommandLineParser& parser, TernGetJob::Options& options,
+              QTextStream& err) const {
+        options.logRequestsDir = parser.value(logRequests);
+        options.quiet = parser.isSet(quiet);
+        if (parser.isSet(batteryLimitRate)) {
+            options.batteryLimitRate = RateText::parse(parser.value(batteryLimitRate));
+            if (options.batteryLimitRate <= 0) {
+                err << "tern-get: not a rate: " << parser.value(batteryLimitRate) << Qt::endl;
+                return false;
+            }
+        }
+        const QString type = parser.value(progress);
+        if (type == QStringLiteral("json"))
+            options.jsonProgress = true;
+        else if (type == QStringLiteral("bar") || type == QStringLiteral("lines"))
+            options.progressBar = type == QStringLiteral("bar");
+        else if (!type.isEmpty()) {
+            err << "tern-get: --progress takes bar, lines or json: " << type << Qt::endl;
+            return false;
+        }
+        return true;
+    }
+};
+
+const char* const examples =
+    "\n\nExamples:\n"
+    "  tern-get https://example.org/file.iso\n"
+    "      Download a file into the current folder; run it again to resume.\n"
+    "  tern-get -o talk.ts -N 8 https://example.org/talk/index.m3u8\n"
+    "      Download an HLS stream, 8 segments at once, into talk.ts.\n"
+    "  tern-get --limit-rate 2M --battery-limit-rate 200k URL\n"
+    "      Hold 2 MiB/s, and 200 KiB/s while the laptop runs on battery.\n"
+    "  tern-get --log-requests logs --progress=json URL\n"
+    "      Keep the headers of each run in logs/ and report progress as JSON lines.";
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("tern-get"));
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Downloads URL (a file, or an HLS playlist whose segments are joined into one file).\n"
-        "Running the same command again resumes an interrupted download."));
+    parser.setApplicationDescription(
+        QStringLiteral(
+            "Downloads URL (a file, or an HLS playlist whose segments are joined into one file).\n"
+            "Running the same command again resumes an interrupted download.") +
+        QLatin1String(examples));
     parser.addHelpOption();
+    QCoreApplication::setApplicationVersion(QStringLiteral(TERN_GET_VERSION));
+    parser.addVersionOption();
     parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("What to download."));
     const QCommandLineOption output({QStringLiteral("o"), QStringLiteral("output")},
                                     QStringLiteral("Write to FILE."), QStringLiteral("FILE"));
@@ -78,6 +140,8 @@ int main(int argc, char** argv) {
         QStringLiteral("no-sandbox"),
         QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
     parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox});
+    const ExtraOptions extra;
+    parser.addOptions(extra.all());
     parser.process(app);
 
     QTextStream err(stderr);
@@ -111,6 +175,8 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    if (!extra.read(parser, options, err))
+        return 2;
     TernGetJob job(options);
     QObject::connect(&job, &TernGetJob::finished, &app, &QCoreApplication::exit,
                      Qt::QueuedConnection);

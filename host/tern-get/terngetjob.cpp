@@ -1,11 +1,14 @@
 #include "terngetjob.h"
 
+#include "batteryspeedlimit.h"
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
 #include "ratetext.h"
 
+#include <terncl/core/qtabstractbatteryinfo.h>
 #include <terncl/core/sourceplace.h>
 #include <terncl/fs/qt/utils/filenamerules.h>
+#include <terncl/inet/qt/download/abstractdownloadsnetworkrequestslogger.h>
 #include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
 #include <terncl/inet/qt/download/independentsegmentsdownloader.h>
 #include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
@@ -49,15 +52,22 @@ bool looksLikePlaylist(const QUrl& url, const QNetworkReply* reply) {
     return url.path().endsWith(QStringLiteral(".m3u8"), Qt::CaseInsensitive) ||
            type.contains(QStringLiteral("mpegurl"));
 }
+
+ProgressPrinter::Style progressStyle(const TernGetJob::Options& options) {
+    if (options.jsonProgress)
+        return ProgressPrinter::Style::Json;
+    return options.progressBar ? ProgressPrinter::Style::Bar : ProgressPrinter::Style::Lines;
+}
 } // namespace
 
 TernGetJob::TernGetJob(Options options, QObject* parent)
     : QObject(parent)
     , m_options(std::move(options))
     , m_store(m_options.stateDir)
-    , m_err(new QTextStream(stderr)) {
+    , m_err(new QTextStream(stderr))
+    , m_printer(progressStyle(m_options), m_options.quiet, *m_err) {
     m_key = key();
-    m_progressTimer.setInterval(m_options.progressBar ? 250 : 2000);
+    m_progressTimer.setInterval(m_printer.intervalMs());
     connect(&m_progressTimer, &QTimer::timeout, this, [this] { showProgress(false); });
     m_saveTimer.setSingleShot(true);
     m_saveTimer.setInterval(500);
@@ -74,10 +84,14 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     m_ffmpeg.reset(
         new QtFfmpegManager(QFileInfo(ffmpeg).absolutePath(), QStringLiteral("ffmpeg"), sandbox));
     m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));
+    setUpRequestLogs();
+    setUpBatteryLimit();
 }
 
 TernGetJob::~TernGetJob() {
     m_download.reset();
+    delete m_requestsLogger;
+    waitForWritersThread();
     m_writers.quit();
     m_writers.wait();
     delete m_err;
@@ -103,7 +117,7 @@ void TernGetJob::start() {
     QString error;
     const auto entry = m_store.load(m_key, &error);
     if (!error.isEmpty())
-        *m_err << "tern-get: ignoring saved state: " << error << Qt::endl;
+        m_printer.error(QStringLiteral("ignoring saved state: ") + error);
     if (entry) {
         resumeSaved(*entry);
         return;
@@ -239,12 +253,12 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
     m_segmentsDone = entry.host.value(kSegmentsDone).toInt();
     m_segmentsTotal = entry.host.value(kSegmentsTotal).toInt();
     if (entry.record.isFinished() && QFile::exists(m_output)) {
-        *m_err << "tern-get: already downloaded: " << m_output << Qt::endl;
+        m_printer.note(QStringLiteral("already downloaded: ") + m_output);
         m_store.remove(m_key);
         finish(0);
         return;
     }
-    *m_err << "tern-get: resuming from saved state" << Qt::endl;
+    m_printer.note(QStringLiteral("resuming from saved state"));
     if (entry.host.value(kKind).toString() == QStringLiteral("hls")) {
         // The segment list is read again; the record says how far it got.
         m_savedRecord = entry.record;
@@ -266,11 +280,13 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
 
 void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
     m_download = download;
+    if (m_requestsLogger)
+        m_requestsLogger->registerDownload(download.data());
     connect(download.data(), &AbstractNetworkConsumerWithExtraTasks::running, this,
             &TernGetJob::onRunning);
     connect(download.data(), &AbstractDownload::changed, this, &TernGetJob::onChanged);
     NetworkUsageSettings usage;
-    usage.downloadSpeedLimit = m_options.limitRate;
+    usage.downloadSpeedLimit = m_batteryLimit ? m_batteryLimit->limit() : m_options.limitRate;
     download->setNetworkUsageSettings(usage);
     // Through the base class, so that any download that fetches segments takes it (and hands it
     // to its children) while the others drop it.
@@ -324,7 +340,7 @@ void TernGetJob::onRunning(bool running) {
     save();
     if (m_interrupted) {
         showProgress(true);
-        *m_err << "tern-get: interrupted; run the same command again to resume" << Qt::endl;
+        m_printer.note(QStringLiteral("interrupted; run the same command again to resume"));
         finish(130);
         return;
     }
@@ -368,7 +384,7 @@ void TernGetJob::save() {
     entry.host.insert(kSegmentsTotal, m_segmentsTotal);
     QString error;
     if (!m_store.save(m_key, entry, &error))
-        *m_err << "tern-get: " << error << Qt::endl;
+        m_printer.error(error);
 }
 
 void TernGetJob::interrupt() {
@@ -397,21 +413,20 @@ void TernGetJob::showProgress(bool final) {
         if (m_segmentsDone > 0 && total < 0)
             total = qint64(double(done) / fraction);
     }
-    const qint64 speed = m_speedMeter->speed();
-    const qint64 left = total > 0 && speed > 0 ? (total - done) / speed : -1;
-    const QString percent = fraction >= 0
-                                ? QStringLiteral("%1%").arg(qMin(fraction, 1.0) * 100, 5, 'f', 1)
-                                : QStringLiteral("  ?%");
-    QString line = QStringLiteral("%1  %2").arg(percent, RateText::bytes(done));
-    if (total > 0)
-        line += QStringLiteral(" of ") + RateText::bytes(total);
-    line += QStringLiteral("  %1/s  ETA %2").arg(RateText::bytes(speed), RateText::duration(left));
-    if (m_kind == Kind::Hls)
-        line += QStringLiteral("  segments %1/%2").arg(m_segmentsDone).arg(m_segmentsTotal);
-    if (m_options.progressBar)
-        *m_err << "\r\033[K" << line << (final ? "\n" : "") << Qt::flush;
-    else
-        *m_err << "progress: " << line << Qt::endl;
+    ProgressPrinter::Snapshot snapshot;
+    snapshot.state =
+        ProgressPrinter::stateOf(m_download->currentTasks(), m_interrupted, info.isFinished());
+    snapshot.done = done;
+    snapshot.total = total > 0 ? total : -1;
+    snapshot.fraction = fraction;
+    snapshot.speed = m_speedMeter->speed();
+    snapshot.secondsLeft =
+        total > 0 && snapshot.speed > 0 ? qMax<qint64>(total - done, 0) / snapshot.speed : -1;
+    if (m_kind == Kind::Hls) {
+        snapshot.segmentsDone = m_segmentsDone;
+        snapshot.segmentsTotal = m_segmentsTotal;
+    }
+    m_printer.progress(snapshot, final);
 }
 
 void TernGetJob::fail(const AbstractError& error) {
@@ -421,9 +436,8 @@ void TernGetJob::fail(const AbstractError& error) {
 void TernGetJob::fail(const QString& text) {
     if (m_finished)
         return;
-    if (m_options.progressBar)
-        *m_err << Qt::endl;
-    *m_err << "tern-get: " << text << Qt::endl;
+    m_errorText = text;
+    m_printer.error(text);
     finish(1);
 }
 
@@ -433,10 +447,61 @@ void TernGetJob::finish(int exitCode) {
     if (exitCode == 0) {
         showProgress(true);
         m_store.remove(m_key);
-        QTextStream(stdout) << "Saved to " << m_output << Qt::endl;
     }
+    m_printer.result(exitCode, m_output, m_errorText);
     m_finished = true;
     m_progressTimer.stop();
     m_saveTimer.stop();
     Q_EMIT finished(exitCode);
+}
+
+// --- Request logs and battery ---------------------------------------------------------------
+
+// The log files are written on the writers thread, which waitForWritersThread drains before it
+// stops. A folder that cannot be used costs the download nothing: the logger warns once.
+void TernGetJob::setUpRequestLogs() {
+    if (m_options.logRequestsDir.isEmpty())
+        return;
+    m_requestsLogger = new AbstractDownloadsNetworkRequestsLogger(m_options.logRequestsDir, false,
+                                                                  &m_writers, this);
+}
+
+void TernGetJob::setUpBatteryLimit() {
+    if (m_options.batteryLimitRate <= 0)
+        return;
+    auto* battery = QtAbstractBatteryInfo::createForThisSystem(this);
+    if (!battery) {
+        m_printer.error(QStringLiteral("this system tells nothing about its battery; "
+                                       "--battery-limit-rate has no effect"));
+        return;
+    }
+    m_batteryLimit =
+        new BatterySpeedLimit(battery, m_options.limitRate, m_options.batteryLimitRate, this);
+    connect(m_batteryLimit, &BatterySpeedLimit::limitChanged, this,
+            &TernGetJob::onBatteryLimitChanged);
+    if (m_batteryLimit->onBattery())
+        onBatteryLimitChanged(m_batteryLimit->limit(), true);
+}
+
+void TernGetJob::onBatteryLimitChanged(qint64 limit, bool onBattery) {
+    const QString rate =
+        limit > 0 ? RateText::bytes(limit) + QStringLiteral("/s") : QStringLiteral("no limit");
+    m_printer.note(onBattery ? QStringLiteral("on battery power: speed limit %1").arg(rate)
+                             : QStringLiteral("on mains power: speed limit %1").arg(rate));
+    if (!m_download)
+        return;
+    NetworkUsageSettings usage = m_download->networkUsageSettings();
+    usage.downloadSpeedLimit = limit;
+    m_download->setNetworkUsageSettings(usage);
+}
+
+// Work already posted to the writers thread (the last lines of a request log) is done when this
+// returns: the thread's queue is worked through in order.
+void TernGetJob::waitForWritersThread() {
+    if (!m_writers.isRunning())
+        return;
+    auto* marker = new QObject;
+    marker->moveToThread(&m_writers);
+    QMetaObject::invokeMethod(
+        marker, [marker] { delete marker; }, Qt::BlockingQueuedConnection);
 }

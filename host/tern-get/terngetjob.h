@@ -1,6 +1,7 @@
 #pragma once
 
 #include "hlsplaylistreader.h"
+#include "progressprinter.h"
 #include "recordstore.h"
 
 #include <terncl/core/abstracterror.h>
@@ -16,7 +17,9 @@
 #include <optional>
 
 class AbstractDownload;
+class AbstractDownloadsNetworkRequestsLogger;
 class AbstractDownloadsSpeedMeter;
+class BatterySpeedLimit;
 class HostDownloadsFactory;
 class QtFfmpegAvMerger;
 class QtFfmpegManager;
@@ -41,6 +44,11 @@ public:
         int concurrentSegments = 4; // segments of a stream fetched at once
         bool progressBar = false;   // a single redrawn line instead of periodic lines
         bool sandbox = true;        // run ffmpeg confined where the system allows it
+
+        QString logRequestsDir;      // request logs of each run go here; empty: none
+        qint64 batteryLimitRate = 0; // the limit while on battery; 0: as on mains power
+        bool quiet = false;          // no progress and no notes, only errors
+        bool jsonProgress = false;   // progress and result as JSON lines on stdout
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);
@@ -72,6 +80,10 @@ private:
     void fail(const AbstractError& error);
     void fail(const QString& text);
     void finish(int exitCode);
+    void setUpRequestLogs();
+    void setUpBatteryLimit();
+    void onBatteryLimitChanged(qint64 limit, bool onBattery);
+    void waitForWritersThread();
 
     QString outputPath(const QString& suggestedName) const;
     QString key() const;
@@ -102,4 +114,8 @@ private:
     QElapsedTimer m_clock;
     qint64 m_startBytes = 0;
     QTextStream* m_err;
+    ProgressPrinter m_printer;
+    QString m_errorText;
+    AbstractDownloadsNetworkRequestsLogger* m_requestsLogger = nullptr;
+    BatterySpeedLimit* m_batteryLimit = nullptr;
 };

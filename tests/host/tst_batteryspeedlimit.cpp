@@ -1,0 +1,72 @@
+#include "batteryspeedlimit.h"
+#include "support/testfiles.h"
+
+#include <terncl/core/qtlinuxbatteryinfo.h>
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+const auto noBus = QStringLiteral("unix:path=/nonexistent/bus");
+
+// A laptop's power-supply folders: one battery and the mains adapter.
+bool writeSupplies(const QTemporaryDir& root, bool mains) {
+    return writeFile(root.filePath(QStringLiteral("BAT0/type")), "Battery\n") &&
+           writeFile(root.filePath(QStringLiteral("BAT0/capacity")), "70\n") &&
+           writeFile(root.filePath(QStringLiteral("BAT0/status")),
+                     mains ? "Not charging\n" : "Discharging\n") &&
+           writeFile(root.filePath(QStringLiteral("AC/type")), "Mains\n") &&
+           writeFile(root.filePath(QStringLiteral("AC/online")), mains ? "1\n" : "0\n");
+}
+} // namespace
+
+class TestBatterySpeedLimit : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void followsThePowerSource_data() {
+        QTest::addColumn<qint64>("normal");
+        QTest::addColumn<qint64>("onBattery");
+        QTest::newRow("no normal limit") << qint64(0) << qint64(100000);
+        QTest::newRow("a higher normal limit") << qint64(500000) << qint64(100000);
+        QTest::newRow("a lower normal limit stays") << qint64(50000) << qint64(50000);
+    }
+
+    void followsThePowerSource() {
+        QFETCH(qint64, normal);
+        QFETCH(qint64, onBattery);
+        QTemporaryDir root;
+        QVERIFY(writeSupplies(root, true));
+        QtLinuxBatteryInfo battery(noBus, root.path(), 5);
+        BatterySpeedLimit limit(&battery, normal, 100000);
+        QVERIFY(!limit.onBattery());
+        QCOMPARE(limit.limit(), normal);
+
+        QSignalSpy changed(&limit, &BatterySpeedLimit::limitChanged);
+        QVERIFY(writeSupplies(root, false));
+        QTRY_COMPARE(changed.size(), 1);
+        QCOMPARE(changed.at(0), (QVariantList{onBattery, true}));
+        QCOMPARE(limit.limit(), onBattery);
+
+        QVERIFY(writeSupplies(root, true));
+        QTRY_COMPARE(changed.size(), 2);
+        QCOMPARE(changed.at(1), (QVariantList{normal, false}));
+    }
+
+    void startsOnBatteryAndIgnoresMachinesWithoutOne() {
+        QTemporaryDir root;
+        QVERIFY(writeSupplies(root, false));
+        QtLinuxBatteryInfo battery(noBus, root.path(), 5);
+        QVERIFY(BatterySpeedLimit(&battery, 0, 1000).onBattery());
+
+        // A desktop: no battery and no mains supply folder either.
+        QtLinuxBatteryInfo none(noBus, root.filePath(QStringLiteral("none")), 5);
+        const BatterySpeedLimit desktop(&none, 2000, 1000);
+        QVERIFY(!desktop.onBattery());
+        QCOMPARE(desktop.limit(), qint64(2000));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBatterySpeedLimit)
+#include "tst_batteryspeedlimit.moc"
