@@ -350,8 +350,7 @@ void AbstractMediaDownload::performRestart() {
     }
     m_children->removeDownloads(ids);
     releaseLater(children);
-    if (m_info.hasFiles() && !m_info.files.constFirst().tmpPath.isEmpty())
-        QFile::remove(m_info.files.constFirst().tmpPath);
+    removeFiles(m_info); // the result of the earlier run, merged or half-merged
     m_info.customData.remove(AvDownloadsUuidsKey);
     m_info.customData.remove(ChildDownloadsInitKey);
     m_info.files.clear();
