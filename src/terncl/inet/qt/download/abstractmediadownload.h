@@ -46,10 +46,10 @@ class QtFfmpegAvMerger;
 // are not finished, then merges.
 //
 // Files. The result is the record's first file, named from the record: its file name, else the
-// record's name, else "media"; with the extension of the merge format for a composite version,
-// else of the version's format when the name has none. A composite version is merged into
-// "<result>.merging" in the temporary folder (the settings' one, else the destination) and then
-// moved to its destination name by the standard files operation, which also settles a name
+// record's name, else "media", with the extension (a media container's one replaced) of the
+// merge format for a composite version, else of the version's format. A composite version is
+// merged into "<result>.merging" in the temporary folder (the settings' one, else the destination)
+// and then moved to its destination name by the standard files operation, which also settles a name
 // that is taken. Its children write "<base>.video.<ext>" and "<base>.audio.<ext>" into the
 // manager's downloads folder, else the temporary folder, else the destination; the extension is
 // the part's format. They are removed with their files once merged. The child of a version
@@ -301,6 +301,7 @@ private:
     QSharedPointer<AbstractDownload> childByUuid(const QUuid& uuid) const;
     bool isResultFileComplete() const;
     void setRunning(RunStage stage);
+    QString resultName() const;
     QString resultBaseName() const;
     QString resultFileName(const CompositeVersion& version) const;
     QString temporaryFolder() const;
