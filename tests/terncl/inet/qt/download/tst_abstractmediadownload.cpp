@@ -34,6 +34,7 @@ public:
     using AbstractMediaDownload::AbstractMediaDownload;
 
     QList<CompositeVersion> versions;
+    QList<CompositeVersion> laterVersions; // what parses after the first find, when not empty
     AbstractError parseError;
     int parses = 0;
 
@@ -42,7 +43,7 @@ protected:
         ++parses;
         QTimer::singleShot(0, this, [this] {
             if (!parseError.isSet())
-                setParseResult(versions);
+                setParseResult(parses > 1 && !laterVersions.isEmpty() ? laterVersions : versions);
             onParseFinished(parseError, false);
         });
     }
@@ -69,6 +70,7 @@ private:
     QSharedPointer<FakeDownloadsFactory> m_factory;
     QSharedPointer<QtFfmpegAvMerger> m_merger;
     QHash<QString, QByteArray> m_contents; // by URL
+    QHash<QString, Plan> m_plans;          // by URL, instead of fetching the content whole
     std::unique_ptr<RecordingLogger> m_logger;
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
@@ -202,12 +204,15 @@ private Q_SLOTS:
         // Children write the content of their URL; probes only learn its size.
         m_factory->setMaker([this](qint64 id, const FakeDownloadsFactory::Request& request) {
             const bool probe = request.info.testFlag(AbstractDownloadPersistentInfo::SizeQueryOnly);
-            return QSharedPointer<WritingFakeDownload>::create(
-                id, Plan{m_contents.value(request.info.resourceUrl),
-                         probe ? 0 : -1,
-                         FakeDownload::Outcome::Finish,
-                         {},
-                         true});
+            const QString url = request.info.resourceUrl;
+            if (m_plans.contains(url))
+                return QSharedPointer<WritingFakeDownload>::create(id, m_plans.value(url));
+            return QSharedPointer<WritingFakeDownload>::create(id,
+                                                               Plan{m_contents.value(url),
+                                                                    probe ? 0 : -1,
+                                                                    FakeDownload::Outcome::Finish,
+                                                                    {},
+                                                                    true});
         });
         m_factory->setConfigurator([this](FakeDownload& download, const auto&) {
             if (download.info().destinationPath.isEmpty()) {
@@ -217,6 +222,7 @@ private Q_SLOTS:
                 download.setInfo(info);
             }
         });
+        m_plans.clear();
         QDir(path(QStringLiteral("dst"))).removeRecursively();
         QDir().mkpath(path(QStringLiteral("probes")));
         QDir(path(QStringLiteral("children"))).removeRecursively();
@@ -382,6 +388,51 @@ private Q_SLOTS:
         QCOMPARE(manager->removals().constFirst().second, true);
         QVERIFY(QFileInfo::exists(path(QStringLiteral("dst/clip.mp4"))));
         QVERIFY(!QFileInfo::exists(path(QStringLiteral("children/clip.audio.m4a"))));
+    }
+
+    // A stop ends the run at stage 0 with the stop's error; the children stay for a resume.
+    void stopKeepsTheChildren() {
+        m_plans.insert(
+            QStringLiteral("http://media.test/a.m4a"),
+            Plan{QByteArray(5000, 'a'), 2000, FakeDownload::Outcome::KeepRunning, {}, true});
+        auto download = makeDownload(record());
+        download->doCommand(AbstractDownloadCommand::Start);
+        QTRY_COMPARE_WITH_TIMEOUT(int(download->runStage()), int(Media::DownloadingChildren),
+                                  10000);
+        download->doCommand(AbstractDownloadCommand::Stop);
+
+        QCOMPARE(int(download->runStage()), int(Media::NotRunning));
+        QCOMPARE(download->lastError().code, int(Media::StopCommandCode));
+        const auto children = m_factory->aliveDownloads();
+        QCOMPARE(children.size(), 2);
+        QVERIFY(children.at(1)->commands().contains(AbstractDownloadCommand::Stop));
+        QVERIFY(download->info().customData.contains(Media::ChildDownloadsInitKey));
+        QCOMPARE(download->info().customData.value(Media::AvDownloadsUuidsKey).toList().size(), 2);
+    }
+
+    // A child refused its resource makes one new parse, whose sources the children take; a
+    // second refusal stops the download with the child's error.
+    void refusedChildParsesAgainOnce() {
+        const AbstractError forbidden(403, AbstractError::HttpError, {}, "Forbidden");
+        for (const char* url : {"http://media.test/a.m4a", "http://media.test/a2.m4a"})
+            m_plans.insert(
+                QString::fromLatin1(url),
+                Plan{QByteArray(100, 'a'), 0, FakeDownload::Outcome::Fail, forbidden, true});
+        auto download = makeDownload(record());
+        auto later = avVersion();
+        later.parts[1].url = QUrl(QStringLiteral("http://media.test/a2.m4a"));
+        download->laterVersions = {later};
+        QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
+
+        QCOMPARE(download->lastError(), forbidden);
+        QCOMPARE(download->parses, 2);
+        QCOMPARE(stages(), words("1 3 1 3 0"));
+        QVERIFY(logged(QStringLiteral("child download(s) failed with error: ")));
+        const auto children = download->childDownloads();
+        QCOMPARE(children.size(), 2);
+        QCOMPARE(children.at(1)->info().resourceUrl, QStringLiteral("http://media.test/a2.m4a"));
+        QVERIFY(children.at(0)->info().isFinished()); // the video child is not fetched again
+        QCOMPARE(m_factory->requests().size(), 2);
     }
 
     void parseFailures_data() {
