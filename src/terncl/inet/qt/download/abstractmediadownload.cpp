@@ -740,25 +740,18 @@ void AbstractMediaDownload::onChildDownloadsRunning(bool isRunning) {
             finishStop();
         return;
     }
-    if (m_stage != DownloadingChildren)
+    if (m_stage == DownloadingChildren)
+        checkIfChildDownloadsFinished();
+}
+
+// Examined once no child runs any more: a refusal of a child's resource may be an expired link.
+void AbstractMediaDownload::onChildDownloadFailed(const AbstractError& childError) {
+    log(QStringLiteral("child download(s) failed with error: ") + childError.toText());
+    if ((childError.category == AbstractError::HttpError ||
+         childError.category == AbstractError::QtNetworkError) &&
+        refreshSourcesAfter(childError))
         return;
-    AbstractError childError;
-    for (const auto& child : m_children->downloads()) {
-        if (!child->info().isFinished() && child->lastError().isSet()) {
-            childError = child->lastError();
-            break;
-        }
-    }
-    if (childError.isSet()) {
-        log(QStringLiteral("child download(s) failed with error: ") + childError.toText());
-        if ((childError.category == AbstractError::HttpError ||
-             childError.category == AbstractError::QtNetworkError) &&
-            refreshSourcesAfter(childError))
-            return;
-        stop(childError);
-        return;
-    }
-    checkIfChildDownloadsFinished();
+    stop(childError);
 }
 
 // Links of media pages often expire: a child refused its resource is worth one new parse per
@@ -800,15 +793,18 @@ bool AbstractMediaDownload::checkIfChildDownloadsFinished() {
         }
         if (child->isRunning())
             return false;
-        if (!child->info().isFinished() && !unfinished)
+        // The first failure, else the first child that stopped silently.
+        if (!child->info().isFinished() &&
+            (!unfinished || (child->lastError().isSet() && !unfinished->lastError().isSet())))
             unfinished = child;
     }
     if (unfinished) {
         const AbstractError error = unfinished->lastError();
-        stop(error.isSet() ? error
-                           : genericError(MergeFailedCode, TERNCL_SOURCE_PLACE,
-                                          QStringLiteral("child download #%1 stopped unfinished")
-                                              .arg(unfinished->id())));
+        onChildDownloadFailed(
+            error.isSet() ? error
+                          : genericError(MergeFailedCode, TERNCL_SOURCE_PLACE,
+                                         QStringLiteral("child download #%1 stopped unfinished")
+                                             .arg(unfinished->id())));
         return true;
     }
     gatherChildFiles();

@@ -286,6 +286,7 @@ private:
     void addChildren(const QList<QSharedPointer<AbstractDownload>>& children);
     void restoreChildrenFromManager();
     std::pair<qint64, qint64> childrenProgress() const;
+    void onChildDownloadFailed(const AbstractError& childError);
     bool refreshSourcesAfter(const AbstractError& childError);
     // True when it settled the run: finished, merging, or stopped.
     bool checkIfChildDownloadsFinished();
