@@ -281,6 +281,7 @@ private:
     // cannot be merged.
     static ChildVersions childVersionsOf(const CompositeVersion& version);
     bool makeChildren(const CompositeVersion& version, AbstractError& error);
+    AbstractDownloadFileInfo childFile(const Version& version, ChildKind kind) const;
     QSharedPointer<AbstractDownload> createChild(const ChildDownloadDescription& description,
                                                  AbstractError& error);
     void addChildren(const QList<QSharedPointer<AbstractDownload>>& children);
