@@ -2,7 +2,9 @@
 
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
+#include "mediaprobe.h"
 #include "ratetext.h"
+#include "ternmediajob.h"
 
 #include <terncl/core/sourceplace.h>
 #include <terncl/fs/qt/utils/filenamerules.h>
@@ -22,6 +24,7 @@
 
 namespace {
 const QString kKind = QStringLiteral("kind");
+const QString kMediaKind = QStringLiteral("media");
 const QString kOutput = QStringLiteral("output");
 const QString kPlaylistUrl = QStringLiteral("playlistUrl");
 const QString kSegmentsDone = QStringLiteral("segmentsDone");
@@ -48,6 +51,15 @@ bool looksLikePlaylist(const QUrl& url, const QNetworkReply* reply) {
     const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString().toLower();
     return url.path().endsWith(QStringLiteral(".m3u8"), Qt::CaseInsensitive) ||
            type.contains(QStringLiteral("mpegurl"));
+}
+
+// What the media job may take: besides playlists, DASH manifests and web pages.
+bool looksLikeMedia(const QUrl& url, const QNetworkReply* reply) {
+    const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString().toLower();
+    return looksLikePlaylist(url, reply) ||
+           url.path().endsWith(QStringLiteral(".mpd"), Qt::CaseInsensitive) ||
+           type.contains(QStringLiteral("dash+xml")) ||
+           type.startsWith(QStringLiteral("text/html"));
 }
 } // namespace
 
@@ -104,6 +116,11 @@ void TernGetJob::start() {
     const auto entry = m_store.load(m_key, &error);
     if (!error.isEmpty())
         *m_err << "tern-get: ignoring saved state: " << error << Qt::endl;
+    if (m_options.listFormats || !m_options.format.isEmpty() ||
+        (entry && entry->host.value(kKind).toString() == kMediaKind)) {
+        startMedia();
+        return;
+    }
     if (entry) {
         resumeSaved(*entry);
         return;
@@ -121,7 +138,9 @@ void TernGetJob::probe(const QUrl& url, int depth) {
     QNetworkReply* reply = m_network.get(request);
     connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply, depth] {
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (status >= 200 && status < 300 && !looksLikePlaylist(reply->url(), reply)) {
+        const bool media = depth == 0 ? looksLikeMedia(reply->url(), reply)
+                                      : looksLikePlaylist(reply->url(), reply);
+        if (status >= 200 && status < 300 && !media) {
             // A plain file: the download proper fetches it, with resume and limits.
             reply->disconnect(this);
             reply->abort();
@@ -159,8 +178,16 @@ void TernGetJob::onProbeAnswer(QNetworkReply* reply, int depth) {
                            reply->errorString().toStdString()));
         return;
     }
+    const QByteArray text = reply->readAll();
+    const auto kind = MediaProbe::kindOf(
+        text, reply->header(QNetworkRequest::ContentTypeHeader).toString(), reply->url());
+    if (depth == 0 && (kind == MediaProbe::Kind::HlsMaster || kind == MediaProbe::Kind::Dash ||
+                       kind == MediaProbe::Kind::Page)) {
+        startMedia();
+        return;
+    }
     AbstractError error;
-    const auto playlist = HlsPlaylistReader::parse(reply->readAll(), reply->url(), &error);
+    const auto playlist = HlsPlaylistReader::parse(text, reply->url(), &error);
     if (error.isSet()) {
         fail(error);
     } else if (playlist.isMaster && depth == 0) {
@@ -262,6 +289,12 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
     }
     m_speedMeter->registerDownload(download.data());
     launch(download);
+}
+
+void TernGetJob::startMedia() {
+    m_media = new TernMediaJob(m_options, &m_network, this);
+    connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
+    m_media->start();
 }
 
 void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
@@ -372,6 +405,10 @@ void TernGetJob::save() {
 }
 
 void TernGetJob::interrupt() {
+    if (m_media) {
+        m_media->interrupt();
+        return;
+    }
     m_interrupted = true;
     if (!m_download || !m_download->isRunning()) {
         if (m_download)

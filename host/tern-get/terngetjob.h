@@ -21,6 +21,7 @@ class HostDownloadsFactory;
 class QtFfmpegAvMerger;
 class QtFfmpegManager;
 class QTextStream;
+class TernMediaJob;
 
 // One run of tern-get: finds out what the URL is (a file or an HLS playlist), restores a saved
 // record for the same URL and output or starts a new one, runs the download while showing its
@@ -41,6 +42,9 @@ public:
         int concurrentSegments = 4; // segments of a stream fetched at once
         bool progressBar = false;   // a single redrawn line instead of periodic lines
         bool sandbox = true;        // run ffmpeg confined where the system allows it
+        bool listFormats = false;   // list the media versions instead of downloading
+        QString format;             // the media version to download (FormatSpec); empty: default
+        QString mergeFormat;        // "mp4" or "mkv" for merged video and audio; empty: by codecs
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);
@@ -61,6 +65,8 @@ private:
     void startFile(const QString& contentName);
     void startHls(const HlsPlaylistReader::Playlist& playlist, const QUrl& playlistUrl);
     void resumeSaved(const RecordStore::Entry& entry);
+    // HLS masters, DASH manifests and web pages go to the media job.
+    void startMedia();
     void launch(const QSharedPointer<AbstractDownload>& download);
     void onRunning(bool running);
     void onChanged(bool critical);
@@ -85,6 +91,7 @@ private:
     QSharedPointer<QtFfmpegManager> m_ffmpeg;
     QSharedPointer<QtFfmpegAvMerger> m_merger;
     QSharedPointer<AbstractDownload> m_download;
+    TernMediaJob* m_media = nullptr;
 
     std::optional<AbstractDownloadPersistentInfo> m_savedRecord;
     Kind m_kind = Kind::File;
