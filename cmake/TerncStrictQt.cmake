@@ -40,7 +40,7 @@ endfunction()
 # list. A build can leave pieces out (work in progress elsewhere) with TERNCL_SKIP_PIECES.
 set(TERNCL_SKIP_PIECES "" CACHE STRING "Pieces left out of this build")
 set(TERNCL_PIECES utils model versions packs segments writers filenames processes misc ffmpeg
-  modules requestslog battery host)
+  media modules requestslog battery host)
 
 # Includes "<dir>/<prefix><piece>.cmake" for every piece that is present and not skipped.
 macro(terncl_include_pieces dir prefix)
