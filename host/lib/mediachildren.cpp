@@ -56,6 +56,7 @@ QSharedPointer<AbstractDownload> makeStream(const MediaChildren::Context& contex
     QSharedPointer<AbstractDownload> download(stream, &QObject::deleteLater);
     stream->setInfo(info);
     stream->setWritersThread(context.writersThread);
+    stream->setMaxConcurrentSegments(context.concurrentSegments);
     return download;
 }
 } // namespace

@@ -37,6 +37,7 @@ public:
         QWeakPointer<QtFfmpegAvMerger> merger;
         QPointer<QNetworkAccessManager> network;
         QThread* writersThread = nullptr;
+        int concurrentSegments = 1; // segments of a stream child fetched at once
         // Ids of the stream children; by default from a range of their own, far above those the
         // host's factory hands out, so that both kinds can share a pack.
         std::function<qint64()> nextId;

@@ -5,6 +5,7 @@
 #include <terncl/core/abstracterror.h>
 
 #include <QHash>
+#include <QNetworkAccessManager>
 #include <QObject>
 #include <QPointer>
 #include <QUrl>

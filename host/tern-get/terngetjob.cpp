@@ -292,7 +292,14 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
 }
 
 void TernGetJob::startMedia() {
-    m_media = new TernMediaJob(m_options, &m_network, this);
+    TernMediaJob::Services services;
+    services.key = m_key;
+    services.network = &m_network;
+    services.writersThread = &m_writers;
+    services.factory = m_factory;
+    services.speedMeter = m_speedMeter;
+    services.merger = m_merger;
+    m_media = new TernMediaJob(m_options, services, this);
     connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
     m_media->start();
 }

@@ -169,7 +169,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::newRow("no match") << QStringList{QStringLiteral("-f"), QStringLiteral("lang=fr"),
                                                  QStringLiteral("/hls/master.m3u8")}
-                                  << 2 << "matches none of: hls-90p-360k+audio-en,";
+                                  << 2 << "matches none of: hls-360p-1440k+audio-en,";
         QTest::newRow("bad spec") << QStringList{QStringLiteral("-f"), QStringLiteral("best+worst"),
                                                  QStringLiteral("/hls/master.m3u8")}
                                   << 2 << "neither terms that fit together nor an id";
