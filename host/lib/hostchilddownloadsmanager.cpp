@@ -28,6 +28,7 @@ HostChildDownloadsManager::HostChildDownloadsManager(const MediaChildren::Contex
     : AbstractChildDownloadsManager(parent)
     , m_context(context)
     , m_store(recordsFolder)
+    , m_recordsFolder(recordsFolder)
     , m_downloadsFolder(downloadsFolder) {}
 
 HostChildDownloadsManager::~HostChildDownloadsManager() = default;
@@ -158,4 +159,5 @@ void HostChildDownloadsManager::removeRecords() {
         m_store.remove(uuid);
     m_store.remove(indexKey);
     m_savedUuids.clear();
+    QDir().rmdir(m_recordsFolder);
 }

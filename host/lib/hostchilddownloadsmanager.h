@@ -45,6 +45,7 @@ private:
 
     MediaChildren::Context m_context;
     RecordStore m_store;
+    QString m_recordsFolder;
     QString m_downloadsFolder;
     QList<QSharedPointer<AbstractDownload>> m_downloads;
     QStringList m_savedUuids;

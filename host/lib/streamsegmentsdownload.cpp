@@ -140,7 +140,10 @@ void StreamSegmentsDownload::onPlaylistRead(QNetworkReply* reply) {
     if (status >= 400) {
         failStart(AbstractError(
             status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
-            reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString().toStdString()));
+            QStringLiteral("%1: %2")
+                .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString(),
+                     reply->url().toString())
+                .toStdString()));
         return;
     }
     if (reply->error() != QNetworkReply::NoError) {

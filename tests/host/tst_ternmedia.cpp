@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
 // tern-get's media side against nginx serving streams ffmpeg made: an HLS master of three video
 // variants whose audio comes apart in two languages, a DASH manifest, and a page linking both.
 class TestTernMedia : public QObject {
@@ -111,9 +113,63 @@ private:
 
     QString url(const QString& path) const { return m_nginx->url(path).toString(); }
 
-    int requests(const QString& suffix) const {
+    // The md5 of every decoded frame of the file's video or audio ("v", "a"), in order: equal
+    // lists mean the same pictures and sound, whatever the container.
+    static QStringList frames(const QString& file, const QString& kind) {
+        QProcess process;
+        process.start(FfmpegTestMedia::ffmpeg(),
+                      {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), file,
+                       QStringLiteral("-map"), QStringLiteral("0:") + kind, QStringLiteral("-f"),
+                       QStringLiteral("framemd5"), QStringLiteral("-")});
+        process.waitForFinished(60000);
+        QStringList hashes;
+        for (const QByteArray& line : process.readAllStandardOutput().split('\n')) {
+            if (!line.isEmpty() && !line.startsWith('#'))
+                hashes.append(QString::fromLatin1(line.split(',').constLast().trimmed()));
+        }
+        return hashes;
+    }
+
+    static QString videoSize(const QString& file) {
+        QProcess process;
+        process.start(FfmpegTestMedia::ffprobe(),
+                      {QStringLiteral("-v"), QStringLiteral("error"),
+                       QStringLiteral("-select_streams"), QStringLiteral("v"),
+                       QStringLiteral("-show_entries"), QStringLiteral("stream=width,height"),
+                       QStringLiteral("-of"), QStringLiteral("csv=p=0"), file});
+        process.waitForFinished(60000);
+        return QString::fromLatin1(process.readAllStandardOutput().trimmed());
+    }
+
+    // Whether a child whose file name holds part ("audio", "video") has a finished record.
+    bool childFinished(const QString& part) const {
+        QDir state(m_dir.filePath(QStringLiteral("state")));
+        for (const QString& folder : state.entryList({QStringLiteral("media-*")}, QDir::Dirs)) {
+            QDir records(state.filePath(folder));
+            for (const QString& name : records.entryList({QStringLiteral("*.json")})) {
+                const QJsonObject record = QJsonDocument::fromJson(readFile(records.filePath(name)))
+                                               .object()
+                                               .value(QStringLiteral("record"))
+                                               .toObject();
+                const QString file = record.value(QStringLiteral("files"))
+                                         .toArray()
+                                         .at(0)
+                                         .toObject()
+                                         .value(QStringLiteral("name"))
+                                         .toString();
+                if (file.contains(u'.' + part + u'.') &&
+                    record.value(QStringLiteral("state")).toInt() == 1)
+                    return true;
+            }
+        }
+        return false;
+    }
+
+    int requests(const QString& suffix) const { return requests(*m_nginx, suffix); }
+
+    static int requests(const NginxServer& server, const QString& suffix) {
         int count = 0;
-        for (const auto& access : m_nginx->accessLog())
+        for (const auto& access : server.accessLog())
             count += access.path.endsWith(suffix) ? 1 : 0;
         return count;
     }
@@ -130,6 +186,9 @@ private Q_SLOTS:
                           "<html><head><title>Two streams</title></head><body>"
                           "<video src=\"hls/master.m3u8\"></video>"
                           "<a href=\"dash/manifest.mpd\">DASH</a></body></html>"));
+        QByteArray broken = readFile(www(QStringLiteral("hls/master.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/broken.m3u8")),
+                          broken.replace("v360.m3u8", "gone.m3u8")));
         QVERIFY(writeFile(www(QStringLiteral("empty.html")), "<html><body>nothing</body></html>"));
         QVERIFY(writeFile(www(QStringLiteral("empty.mpd")),
                           "<?xml version=\"1.0\"?><MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
@@ -176,6 +235,11 @@ private Q_SLOTS:
         QTest::newRow("page without media")
             << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.html")} << 1
             << "no media found on the page";
+        QTest::newRow("variant answering 404")
+            << QStringList{QStringLiteral("-f"), QStringLiteral("best"), QStringLiteral("-o"),
+                           m_dir.filePath(QStringLiteral("out/broken.mp4")),
+                           QStringLiteral("/hls/broken.m3u8")}
+            << 1 << "gone.m3u8";
         QTest::newRow("manifest without versions")
             << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.mpd")} << 1
             << "no resource versions found";
@@ -188,6 +252,88 @@ private Q_SLOTS:
         const Run run = tern(arguments);
         QVERIFY2(run.err.contains(message), qPrintable(run.err));
         QCOMPARE(run.exitCode, exitCode);
+    }
+
+    // The chosen video and audio end up merged with every frame as the sources have it.
+    void downloadsTheChosenVersion_data() {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("spec");
+        QTest::addColumn<QString>("size");
+        QTest::addColumn<QString>("videoSource");
+        QTest::addColumn<QString>("audioSource");
+        QTest::newRow("height and language") << "/hls/master.m3u8"
+                                             << "bestvideo+bestaudio+height<=180+lang=de"
+                                             << "320,180"
+                                             << "hls/v180.m3u8"
+                                             << "hls/a_de.m3u8";
+        QTest::newRow("by id from the page") << "/page.html"
+                                             << "hls-90p-360k+audio-en"
+                                             << "160,90"
+                                             << "hls/v90.m3u8"
+                                             << "hls/a_en.m3u8";
+        QTest::newRow("default of a manifest") << "/dash/manifest.mpd"
+                                               << ""
+                                               << "160,120"
+                                               << "dash/manifest.mpd"
+                                               << "dash/manifest.mpd";
+    }
+    void downloadsTheChosenVersion() {
+        QFETCH(QString, path);
+        QFETCH(QString, spec);
+        QFETCH(QString, size);
+        QFETCH(QString, videoSource);
+        QFETCH(QString, audioSource);
+        const QString output = m_dir.filePath(
+            QStringLiteral("out/%1.mp4").arg(QString::fromUtf8(QTest::currentDataTag())));
+        QStringList arguments{url(path), QStringLiteral("-o"), output};
+        if (!spec.isEmpty())
+            arguments << QStringLiteral("-f") << spec;
+        const Run run = tern(arguments);
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        QCOMPARE(videoSize(output), size);
+        const QStringList video = frames(output, QStringLiteral("v"));
+        QVERIFY(video.size() >= 100);
+        QCOMPARE(video, frames(www(videoSource), QStringLiteral("v")));
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(audioSource), QStringLiteral("a")));
+        QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out")))
+                     .entryList(QDir::Files)
+                     .filter(QStringLiteral(".video.")),
+                 QStringList());
+    }
+
+    // Interrupted once its audio child is done, the same command resumes: the audio is not
+    // fetched again, and the result is whole.
+    void resumesWithoutFetchingFinishedChildrenAgain() {
+        // Each connection at 50 KiB/s: the small audio segments end long before the video's.
+        NginxServer slow(www());
+        QString error;
+        QVERIFY2(slow.start(&error, 50 * 1024), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/resumed.mp4"));
+        const QStringList arguments{
+            slow.url(QStringLiteral("/hls/master.m3u8")).toString(), QStringLiteral("-f"),
+            QStringLiteral("bestvideo+bestaudio+lang=en"), QStringLiteral("-o"), output};
+        QProcess first;
+        first.start(QStringLiteral(TERN_GET_PATH),
+                    arguments + QStringList{QStringLiteral("--state-dir"),
+                                            m_dir.filePath(QStringLiteral("state"))});
+        QVERIFY(QTest::qWaitFor([&] { return childFinished(QStringLiteral("audio")); }, 30000));
+        QVERIFY(!childFinished(QStringLiteral("video")));
+        ::kill(pid_t(first.processId()), SIGINT);
+        QVERIFY(first.waitForFinished(30000));
+        QVERIFY2(first.exitStatus() == QProcess::NormalExit,
+                 first.readAllStandardError().constData());
+        QCOMPARE(first.exitCode(), 130);
+        const int audioRequests = requests(slow, QStringLiteral("a_en_003.ts"));
+        QCOMPARE(audioRequests, 1);
+        const Run second = tern(arguments);
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QVERIFY2(second.err.contains(QStringLiteral("resuming")), qPrintable(second.err));
+        QCOMPARE(requests(slow, QStringLiteral("a_en_003.ts")), audioRequests);
+        QCOMPARE(frames(output, QStringLiteral("v")),
+                 frames(www(QStringLiteral("hls/v360.m3u8")), QStringLiteral("v")));
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
     }
 };
 
