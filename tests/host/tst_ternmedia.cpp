@@ -95,11 +95,11 @@ private:
         return writeFile(dir + QStringLiteral("/master.m3u8"), master);
     }
 
-    Run tern(const QStringList& arguments) {
+    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state")) {
         QProcess process;
         process.start(QStringLiteral(TERN_GET_PATH),
-                      arguments + QStringList{QStringLiteral("--state-dir"),
-                                              m_dir.filePath(QStringLiteral("state"))});
+                      arguments +
+                          QStringList{QStringLiteral("--state-dir"), m_dir.filePath(state)});
         Run result;
         if (!process.waitForFinished(120000)) {
             process.kill();
@@ -142,8 +142,8 @@ private:
     }
 
     // Whether a child whose file name holds part ("audio", "video") has a finished record.
-    bool childFinished(const QString& part) const {
-        QDir state(m_dir.filePath(QStringLiteral("state")));
+    bool childFinished(const QString& stateDir, const QString& part) const {
+        QDir state(m_dir.filePath(stateDir));
         for (const QString& folder : state.entryList({QStringLiteral("media-*")}, QDir::Dirs)) {
             QDir records(state.filePath(folder));
             for (const QString& name : records.entryList({QStringLiteral("*.json")})) {
@@ -294,8 +294,12 @@ private Q_SLOTS:
         const QStringList video = frames(output, QStringLiteral("v"));
         QVERIFY(video.size() >= 100);
         QCOMPARE(video, frames(www(videoSource), QStringLiteral("v")));
-        QCOMPARE(frames(output, QStringLiteral("a")),
-                 frames(www(audioSource), QStringLiteral("a")));
+        // A stream copy into a plain MP4 drops an AAC packet that lies wholly in the encoder's
+        // padding after the end, which fragmented MP4 keeps; every other frame is the same.
+        const QStringList audio = frames(output, QStringLiteral("a"));
+        const QStringList audioSent = frames(www(audioSource), QStringLiteral("a"));
+        QVERIFY(!audio.isEmpty() && audioSent.size() - audio.size() <= 1);
+        QCOMPARE(audio, audioSent.mid(0, audio.size()));
         QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out")))
                      .entryList(QDir::Files)
                      .filter(QStringLiteral(".video.")),
@@ -316,9 +320,11 @@ private Q_SLOTS:
         QProcess first;
         first.start(QStringLiteral(TERN_GET_PATH),
                     arguments + QStringList{QStringLiteral("--state-dir"),
-                                            m_dir.filePath(QStringLiteral("state"))});
-        QVERIFY(QTest::qWaitFor([&] { return childFinished(QStringLiteral("audio")); }, 30000));
-        QVERIFY(!childFinished(QStringLiteral("video")));
+                                            m_dir.filePath(QStringLiteral("resume-state"))});
+        QVERIFY(QTest::qWaitFor(
+            [&] { return childFinished(QStringLiteral("resume-state"), QStringLiteral("audio")); },
+            30000));
+        QVERIFY(!childFinished(QStringLiteral("resume-state"), QStringLiteral("video")));
         ::kill(pid_t(first.processId()), SIGINT);
         QVERIFY(first.waitForFinished(30000));
         QVERIFY2(first.exitStatus() == QProcess::NormalExit,
@@ -326,7 +332,7 @@ private Q_SLOTS:
         QCOMPARE(first.exitCode(), 130);
         const int audioRequests = requests(slow, QStringLiteral("a_en_003.ts"));
         QCOMPARE(audioRequests, 1);
-        const Run second = tern(arguments);
+        const Run second = tern(arguments, QStringLiteral("resume-state"));
         QVERIFY2(second.exitCode == 0, qPrintable(second.err));
         QVERIFY2(second.err.contains(QStringLiteral("resuming")), qPrintable(second.err));
         QCOMPARE(requests(slow, QStringLiteral("a_en_003.ts")), audioRequests);
