@@ -170,8 +170,7 @@ QString AbstractMediaDownload::mergeFormat() const {
     const QString option = allOptions().value(MergeFormatOption).toString().toLower();
     if (option == QLatin1String("mkv") || option == QLatin1String("matroska"))
         return QStringLiteral("mkv");
-    if (option.isEmpty() && m_info.hasFiles() &&
-        m_info.files.constFirst().name.endsWith(QLatin1String(".mkv"), Qt::CaseInsensitive))
+    if (option.isEmpty() && resultName().endsWith(QLatin1String(".mkv"), Qt::CaseInsensitive))
         return QStringLiteral("mkv");
     return QStringLiteral("mp4");
 }
@@ -350,8 +349,7 @@ void AbstractMediaDownload::performRestart() {
     }
     m_children->removeDownloads(ids);
     releaseLater(children);
-    if (m_info.hasFiles() && !m_info.files.constFirst().tmpPath.isEmpty())
-        QFile::remove(m_info.files.constFirst().tmpPath);
+    removeFiles(m_info); // the result of the earlier run, merged or half-merged
     m_info.customData.remove(AvDownloadsUuidsKey);
     m_info.customData.remove(ChildDownloadsInitKey);
     m_info.files.clear();
@@ -563,8 +561,6 @@ bool AbstractMediaDownload::makeChildren(const CompositeVersion& version, Abstra
         ChildDownloadDescription description;
         if (!makeChildDownloadDescription(part, kind, description, error))
             return false;
-        if (kind == WholeVersion)
-            description.info.files.first().name = resultFileName(version);
         const auto child = createChild(description, error);
         if (!child)
             return false;
@@ -609,7 +605,7 @@ bool AbstractMediaDownload::makeChildDownloadDescription(const Version& version,
     const QString base = resultBaseName();
     switch (kind) {
     case WholeVersion:
-        file.name = base + u'.' + extensionOf(version, QStringLiteral("mp4"));
+        file.name = resultFileName(CompositeVersion(version));
         file.fileType = AbstractFileType::Video;
         info.destinationPath = m_info.destinationPath;
         break;
@@ -1080,26 +1076,33 @@ void AbstractMediaDownload::setRunning(RunStage stage) {
     Q_EMIT running(isRunning());
 }
 
+QString AbstractMediaDownload::resultName() const {
+    if (m_info.hasFiles() && !m_info.files.constFirst().name.isEmpty())
+        return m_info.files.constFirst().name;
+    return m_info.name;
+}
+
+// The result's name without the extension of a media container, which the version decides.
 QString AbstractMediaDownload::resultBaseName() const {
-    QString name = m_info.hasFiles() ? m_info.files.constFirst().name : m_info.name;
-    if (name.isEmpty())
-        name = m_info.name;
+    static const QStringList mediaSuffixes = {
+        QStringLiteral("mp4"), QStringLiteral("m4v"),  QStringLiteral("m4a"),
+        QStringLiteral("mkv"), QStringLiteral("webm"), QStringLiteral("mov"),
+        QStringLiteral("ts"),  QStringLiteral("mp3"),  QStringLiteral("aac"),
+        QStringLiteral("ogg"), QStringLiteral("opus"), QStringLiteral("flv"),
+        QStringLiteral("3gp"), QStringLiteral("m3u8"), QStringLiteral("mpd")};
+    QString name = resultName();
     const QString suffix = QFileInfo(name).suffix();
-    if (!suffix.isEmpty() && suffix.size() <= 4)
+    if (mediaSuffixes.contains(suffix.toLower()))
         name.chop(suffix.size() + 1);
     return name.isEmpty() ? QStringLiteral("media") : name;
 }
 
 QString AbstractMediaDownload::resultFileName(const CompositeVersion& version) const {
-    QString name = m_info.hasFiles() ? m_info.files.constFirst().name : m_info.name;
     const auto children = childVersionsOf(version);
     if (children.size() == 2)
         return resultBaseName() + u'.' + mergeFormat();
-    if (name.isEmpty() || QFileInfo(name).suffix().isEmpty()) {
-        const Version& whole = children.isEmpty() ? version : children.constFirst().first;
-        return resultBaseName() + u'.' + extensionOf(whole, QStringLiteral("mp4"));
-    }
-    return name;
+    const Version& whole = children.isEmpty() ? version : children.constFirst().first;
+    return resultBaseName() + u'.' + extensionOf(whole, QStringLiteral("mp4"));
 }
 
 QString AbstractMediaDownload::temporaryFolder() const {

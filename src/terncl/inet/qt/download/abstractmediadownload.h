@@ -46,10 +46,10 @@ class QtFfmpegAvMerger;
 // are not finished, then merges.
 //
 // Files. The result is the record's first file, named from the record: its file name, else the
-// record's name, else "media"; with the extension of the merge format for a composite version,
-// else of the version's format when the name has none. A composite version is merged into
-// "<result>.merging" in the temporary folder (the settings' one, else the destination) and then
-// moved to its destination name by the standard files operation, which also settles a name
+// record's name, else "media", with the extension (a media container's one replaced) of the
+// merge format for a composite version, else of the version's format. A composite version is
+// merged into "<result>.merging" in the temporary folder (the settings' one, else the destination)
+// and then moved to its destination name by the standard files operation, which also settles a name
 // that is taken. Its children write "<base>.video.<ext>" and "<base>.audio.<ext>" into the
 // manager's downloads folder, else the temporary folder, else the destination; the extension is
 // the part's format. They are removed with their files once merged. The child of a version
@@ -57,13 +57,32 @@ class QtFfmpegAvMerger;
 // record's. A subtitle child writes "<base>.<language>.<ext>" at the destination; its file record
 // joins the record's files.
 //
+// A start of a record with "childDownloadsInit" checks that its children are there: at least
+// one, and every one "avDownloadsUuids" names. Otherwise it stops with "GenericError" code 2
+// (ChildDownloadsMissingCode): the data is gone, and a restart (command 4) makes them anew.
+//
+// Sizes: a failed measurement leaves sizes unknown. It is the error of a query command, which
+// ends at stage 0 anyway; a start goes on, since the chosen version's child meets any real
+// failure of its resource itself.
+//
+// A child refused its resource (HTTP 401, 403, 404 or 410, or the network errors of access
+// denied, not found and gone) is often a link that expired: once per run the resource is parsed
+// again and the children get their resources from the new result
+// (reapplyParseResultToChildDownloads), then the run goes on. A second refusal, or any other
+// failure of a child, stops the download with the child's error once no child runs any more.
+//
+// The end of a run is logged as "finished (<files> file(s), <bytes> bytes, <result path>)".
+//
 // Merge format: MP4, unless the result's name ends in ".mkv" or the MergeFormatOption option
 // says "mkv" (codecs that MP4 cannot carry, such as VP8 or Vorbis, want it).
 //
 // What the subclass provides (its contract):
 // - parse(): reads the resource and, on success, hands its versions to setParseResult() (and
 //   may set the record's title); then calls onParseFinished() exactly once, at once or later.
-//   A parse is abandoned by abortParse(), after which onParseFinished() must not come. The
+//   A parse is abandoned by abortParse(), after which onParseFinished() must not come. It may
+//   select a version itself (resourceVersionSelector()->setSelectedVersion) after
+//   setParseResult(); without a selection, chooseDefaultResourceVersion() decides when the
+//   children are made. The
 //   versions' protocol names the module of the child that fetches them: "downloadswww" for a
 //   plain request, "downloadsm3ustm" for a streaming media playlist, "downloadsfragments" for a
 //   fragmented stream (init segment plus media segments); an empty protocol means
@@ -110,7 +129,7 @@ public:
 
     // Codes of the "GenericError"s this download stops with.
     enum ErrorCode : int {
-        MergeFailedCode = 1,           // the merge could not start ("merge failed: ...")
+        MergeFailedCode = 1, // the merge could not start, or a child stopped unfinished silently
         ChildDownloadsMissingCode = 2, // children the record names are gone
         StopCommandCode = 4,
         NothingParsedCode = 6,       // the parse succeeded without any version
@@ -282,6 +301,7 @@ private:
     QSharedPointer<AbstractDownload> childByUuid(const QUuid& uuid) const;
     bool isResultFileComplete() const;
     void setRunning(RunStage stage);
+    QString resultName() const;
     QString resultBaseName() const;
     QString resultFileName(const CompositeVersion& version) const;
     QString temporaryFolder() const;

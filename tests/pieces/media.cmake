@@ -1,0 +1,4 @@
+terncl_add_test(tst_abstractdownloadresourceversionsquerysizes
+  terncl/inet/qt/download/tst_abstractdownloadresourceversionsquerysizes.cpp)
+terncl_add_test(tst_abstractmediadownload
+  terncl/inet/qt/download/tst_abstractmediadownload.cpp LABELS ffmpeg)
