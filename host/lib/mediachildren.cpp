@@ -3,6 +3,7 @@
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
 #include "mediaversions.h"
+#include "sizeprobedownload.h"
 #include "streamsegmentsdownload.h"
 
 #include <terncl/core/sourceplace.h>
@@ -97,6 +98,16 @@ QSharedPointer<AbstractDownload> MediaChildren::createPlainFile(const Context& c
         return {};
     }
     const AbstractDownloadSourceInfo source = sourceFor(info, initData);
+    if (info.testFlag(AbstractDownloadPersistentInfo::SizeQueryOnly)) {
+        // Only the size is wanted: nothing is fetched, nothing written.
+        info.resourceUrl = source.url.toString(QUrl::FullyEncoded);
+        QSharedPointer<SizeProbeDownload> probe(
+            new SizeProbeDownload(context.nextId ? context.nextId() : nextStreamId(),
+                                  context.network),
+            &QObject::deleteLater);
+        probe->setInfo(info);
+        return probe;
+    }
     info.moduleName = HostDownloadsFactory::HttpModule;
     info.resourceUrl = source.url.toString(QUrl::FullyEncoded);
     if (!source.requestHeaders.isEmpty() || source.isByteRange())

@@ -19,7 +19,8 @@ class QThread;
 class QtFfmpegAvMerger;
 
 // Makes the children of a media download by module name (MediaVersions' module names):
-// - "downloadswww": one plain file, an HTTP download of the source;
+// - "downloadswww": one plain file, an HTTP download of the source (only a size probe when the
+//   record asks for its size alone, as a size query's children do);
 // - "downloadsm3ustm": an HLS media playlist, read at start and fetched segment by segment;
 // - "downloadsfragments": a DASH representation, its init segment and media segments.
 //
