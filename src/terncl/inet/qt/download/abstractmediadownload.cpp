@@ -9,6 +9,7 @@
 
 #include <terncl/core/qtappdefaultlogger.h>
 #include <terncl/core/sourceplace.h>
+#include <terncl/fs/qt/utils/filenamerules.h>
 #include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
 
 #include <QAuthenticator>
@@ -586,7 +587,6 @@ bool AbstractMediaDownload::makeChildren(const CompositeVersion& version, Abstra
 bool AbstractMediaDownload::makeChildDownloadDescription(const Version& version, ChildKind kind,
                                                          ChildDownloadDescription& child,
                                                          AbstractError&) const {
-    static const char* const kindWords[] = {"", "video", "audio", ""};
     child.kind = kind;
     child.moduleName = version.protocol.isEmpty() ? plainModule : version.protocol;
     auto& info = child.info;
@@ -601,34 +601,9 @@ bool AbstractMediaDownload::makeChildDownloadDescription(const Version& version,
     info.flags = (m_info.flags & AbstractDownloadPersistentInfo::Private) |
                  AbstractDownloadPersistentInfo::PartOfParentDownload;
 
-    AbstractDownloadFileInfo file;
-    const QString base = resultBaseName();
-    switch (kind) {
-    case WholeVersion:
-        file.name = resultFileName(CompositeVersion(version));
-        file.fileType = AbstractFileType::Video;
-        info.destinationPath = m_info.destinationPath;
-        break;
-    case VideoPart:
-    case AudioPart:
-        file.name = QStringLiteral("%1.%2.%3")
-                        .arg(base, QLatin1String(kindWords[kind]),
-                             extensionOf(version, kind == VideoPart ? QStringLiteral("mp4")
-                                                                    : QStringLiteral("m4a")));
-        file.fileType = kind == VideoPart ? AbstractFileType::Video : AbstractFileType::Audio;
-        info.destinationPath = childrenFolder();
-        break;
-    case SubtitlesPart:
-        file.name = QStringLiteral("%1.%2.%3")
-                        .arg(base,
-                             version.media.language.isEmpty() ? QStringLiteral("subtitles")
-                                                              : version.media.language,
-                             extensionOf(version, QStringLiteral("vtt")));
-        file.fileType = AbstractFileType::Subtitles;
-        info.destinationPath = m_info.destinationPath;
-        break;
-    }
-    file.size = version.size;
+    AbstractDownloadFileInfo file = childFile(version, kind);
+    info.destinationPath =
+        kind == VideoPart || kind == AudioPart ? childrenFolder() : m_info.destinationPath;
     info.name = file.name;
     info.files = {file};
     info.customData.insert(MediaPartKey,
@@ -640,6 +615,43 @@ bool AbstractMediaDownload::makeChildDownloadDescription(const Version& version,
                            });
     child.initData = terncl::media::childInitData(version, &file);
     return true;
+}
+
+// "<result>" for a whole version, "<base>.video.<ext>", "<base>.audio.<ext>" for parts,
+// "<base>.<language>.<ext>" for subtitles.
+AbstractDownloadFileInfo AbstractMediaDownload::childFile(const Version& version,
+                                                          ChildKind kind) const {
+    AbstractDownloadFileInfo file;
+    const QString base = resultBaseName();
+    QString word;
+    QString extension;
+    switch (kind) {
+    case WholeVersion:
+        file.name = resultFileName(CompositeVersion(version));
+        file.fileType = AbstractFileType::Video;
+        break;
+    case VideoPart:
+        word = QStringLiteral("video");
+        extension = extensionOf(version, QStringLiteral("mp4"));
+        file.fileType = AbstractFileType::Video;
+        break;
+    case AudioPart:
+        word = QStringLiteral("audio");
+        extension = extensionOf(version, QStringLiteral("m4a"));
+        file.fileType = AbstractFileType::Audio;
+        break;
+    case SubtitlesPart:
+        word =
+            version.media.language.isEmpty() ? QStringLiteral("subtitles") : version.media.language;
+        extension = extensionOf(version, QStringLiteral("vtt"));
+        file.fileType = AbstractFileType::Subtitles;
+        break;
+    }
+    if (file.name.isEmpty())
+        file.name = QStringLiteral("%1.%2.%3").arg(base, word, extension);
+    file.name = FileNameRules::sanitizedFileName(file.name, true, QStringLiteral("_"));
+    file.size = version.size;
+    return file;
 }
 
 QList<AbstractMediaDownload::Version> AbstractMediaDownload::chooseSubtitles() const {
@@ -740,25 +752,18 @@ void AbstractMediaDownload::onChildDownloadsRunning(bool isRunning) {
             finishStop();
         return;
     }
-    if (m_stage != DownloadingChildren)
+    if (m_stage == DownloadingChildren)
+        checkIfChildDownloadsFinished();
+}
+
+// Examined once no child runs any more: a refusal of a child's resource may be an expired link.
+void AbstractMediaDownload::onChildDownloadFailed(const AbstractError& childError) {
+    log(QStringLiteral("child download(s) failed with error: ") + childError.toText());
+    if ((childError.category == AbstractError::HttpError ||
+         childError.category == AbstractError::QtNetworkError) &&
+        refreshSourcesAfter(childError))
         return;
-    AbstractError childError;
-    for (const auto& child : m_children->downloads()) {
-        if (!child->info().isFinished() && child->lastError().isSet()) {
-            childError = child->lastError();
-            break;
-        }
-    }
-    if (childError.isSet()) {
-        log(QStringLiteral("child download(s) failed with error: ") + childError.toText());
-        if ((childError.category == AbstractError::HttpError ||
-             childError.category == AbstractError::QtNetworkError) &&
-            refreshSourcesAfter(childError))
-            return;
-        stop(childError);
-        return;
-    }
-    checkIfChildDownloadsFinished();
+    stop(childError);
 }
 
 // Links of media pages often expire: a child refused its resource is worth one new parse per
@@ -800,15 +805,18 @@ bool AbstractMediaDownload::checkIfChildDownloadsFinished() {
         }
         if (child->isRunning())
             return false;
-        if (!child->info().isFinished() && !unfinished)
+        // The first failure, else the first child that stopped silently.
+        if (!child->info().isFinished() &&
+            (!unfinished || (child->lastError().isSet() && !unfinished->lastError().isSet())))
             unfinished = child;
     }
     if (unfinished) {
         const AbstractError error = unfinished->lastError();
-        stop(error.isSet() ? error
-                           : genericError(MergeFailedCode, TERNCL_SOURCE_PLACE,
-                                          QStringLiteral("child download #%1 stopped unfinished")
-                                              .arg(unfinished->id())));
+        onChildDownloadFailed(
+            error.isSet() ? error
+                          : genericError(MergeFailedCode, TERNCL_SOURCE_PLACE,
+                                         QStringLiteral("child download #%1 stopped unfinished")
+                                             .arg(unfinished->id())));
         return true;
     }
     gatherChildFiles();
@@ -1099,10 +1107,11 @@ QString AbstractMediaDownload::resultBaseName() const {
 
 QString AbstractMediaDownload::resultFileName(const CompositeVersion& version) const {
     const auto children = childVersionsOf(version);
-    if (children.size() == 2)
-        return resultBaseName() + u'.' + mergeFormat();
     const Version& whole = children.isEmpty() ? version : children.constFirst().first;
-    return resultBaseName() + u'.' + extensionOf(whole, QStringLiteral("mp4"));
+    const QString extension =
+        children.size() == 2 ? mergeFormat() : extensionOf(whole, QStringLiteral("mp4"));
+    return FileNameRules::sanitizedFileName(resultBaseName() + u'.' + extension, true,
+                                            QStringLiteral("_"));
 }
 
 QString AbstractMediaDownload::temporaryFolder() const {

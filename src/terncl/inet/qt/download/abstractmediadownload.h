@@ -281,11 +281,13 @@ private:
     // cannot be merged.
     static ChildVersions childVersionsOf(const CompositeVersion& version);
     bool makeChildren(const CompositeVersion& version, AbstractError& error);
+    AbstractDownloadFileInfo childFile(const Version& version, ChildKind kind) const;
     QSharedPointer<AbstractDownload> createChild(const ChildDownloadDescription& description,
                                                  AbstractError& error);
     void addChildren(const QList<QSharedPointer<AbstractDownload>>& children);
     void restoreChildrenFromManager();
     std::pair<qint64, qint64> childrenProgress() const;
+    void onChildDownloadFailed(const AbstractError& childError);
     bool refreshSourcesAfter(const AbstractError& childError);
     // True when it settled the run: finished, merging, or stopped.
     bool checkIfChildDownloadsFinished();
