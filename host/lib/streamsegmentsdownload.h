@@ -17,7 +17,10 @@ class QNetworkReply;
 // where it stopped: the playlist's address or the fixed sources, whether the joined segments are
 // remuxed, and how many segments are already in the file. A playlist is read again on every
 // start (its addresses may carry tokens that expire); segments already in the file are never
-// fetched again. Reading the playlist counts as running. Lives on the main thread.
+// fetched again. Reading the playlist counts as running (running(true) comes when it starts),
+// and the segments downloader then reports running(true) once more as the segments start:
+// listeners must take a repeated running(true) as no change, as the packs do. Lives on the main
+// thread.
 class StreamSegmentsDownload final : public IndependentSegmentsDownloader {
     Q_OBJECT
 
