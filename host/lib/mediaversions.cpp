@@ -23,6 +23,7 @@ const QString idKey = QStringLiteral("id");
 const QString sourcesKey = QStringLiteral("sources");
 const QString remuxKey = QStringLiteral("remux");
 const QString estimatedSizeKey = QStringLiteral("estimatedSize");
+const QString codecsKey = QStringLiteral("codecs");
 // The bits per second an estimate of an HLS version is based on, until its duration is known.
 const QString estimateBitrateKey = QStringLiteral("estimateBitrate");
 
@@ -233,6 +234,8 @@ Version variantVersion(const Variant& variant, int index, int type, const Reques
     version.title = type == Selector::AudioOnly
                         ? audioTitle(QString(), QString(), variant.bandwidth)
                         : videoTitle(media, variant.codecs);
+    if (!variant.codecs.isEmpty())
+        setDetail(&version, codecsKey, variant.codecs);
     return version;
 }
 
@@ -420,7 +423,10 @@ Version representationVersion(const Representation& rep, int index, double durat
                         ? audioTitle(QString(), rep.language, rep.bandwidth)
                         : videoTitle(media, rep.codecs);
     version.size = rep.exactSize;
-    if (!single && media.format == QLatin1String("mp4"))
+    if (!rep.codecs.isEmpty())
+        setDetail(&version, codecsKey, rep.codecs);
+    // Joined fragments of video or audio in MP4 (listed as "m4a" for audio) are remuxed.
+    if (!single && rep.mimeType.endsWith(QLatin1String("/mp4"), Qt::CaseInsensitive))
         setDetail(&version, remuxKey, true);
     if (rep.exactSize < 0 && !single && duration > 0)
         setDetail(&version, estimatedSizeKey, estimatedBytes(double(rep.bandwidth), duration));
@@ -578,6 +584,13 @@ QList<AbstractDownloadSourceInfo> MediaVersions::sources(const Version& version)
     QList<AbstractDownloadSourceInfo> result;
     for (const QVariant& source : detailsOf(version).value(sourcesKey).toList())
         result.append(AbstractDownloadSourceInfo::fromVariantHash(source.toHash()));
+    return result;
+}
+
+QStringList MediaVersions::codecs(const CompositeVersion& version) {
+    QStringList result = detailsOf(version).value(codecsKey).toStringList();
+    for (const Version& part : version.parts)
+        result += detailsOf(part).value(codecsKey).toStringList();
     return result;
 }
 

@@ -24,6 +24,7 @@
 //   one file for "downloadswww", the media playlist for "downloadsm3ustm", the init segment and
 //   the media segments for "downloadsfragments";
 // - "remux": true when the joined segments are fragmented MP4 that must be remuxed;
+// - "codecs": the codecs the playlist or manifest names, such as "avc1.64001f" (a QStringList);
 // - "estimatedSize": bytes, when the size is not known but bitrate and duration give an
 //   estimate. A listing shows it marked as an estimate; it never goes into Version::size.
 //
@@ -95,4 +96,6 @@ public:
     static int indexOf(const QList<CompositeVersion>& versions, const QString& id);
     static QList<AbstractDownloadSourceInfo> sources(const Version& version);
     static bool needsRemux(const Version& version);
+    // The codecs of a version and, in order, of its parts; empty when none were named.
+    static QStringList codecs(const CompositeVersion& version);
 };

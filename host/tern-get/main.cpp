@@ -139,7 +139,20 @@ int main(int argc, char** argv) {
     const QCommandLineOption noSandbox(
         QStringLiteral("no-sandbox"),
         QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
-    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox});
+    const QCommandLineOption listFormats(
+        {QStringLiteral("F"), QStringLiteral("list-formats")},
+        QStringLiteral("List the versions of a media URL (HLS master, DASH manifest, web page)."));
+    const QCommandLineOption format(
+        {QStringLiteral("f"), QStringLiteral("format")},
+        QStringLiteral("Download the version SPEC names: an id, best, worst, "
+                       "bestvideo+bestaudio, height<=N, lang=L, joined with + and , (see README)."),
+        QStringLiteral("SPEC"));
+    const QCommandLineOption mergeFormat(
+        QStringLiteral("merge-format"),
+        QStringLiteral("Merge separate video and audio into FORMAT (mp4 or mkv)."),
+        QStringLiteral("FORMAT"));
+    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox,
+                       listFormats, format, mergeFormat});
     const ExtraOptions extra;
     parser.addOptions(extra.all());
     parser.process(app);
@@ -168,6 +181,15 @@ int main(int argc, char** argv) {
         return 2;
     }
     options.sandbox = !parser.isSet(noSandbox);
+    options.listFormats = parser.isSet(listFormats);
+    options.format = parser.value(format);
+    options.mergeFormat = parser.value(mergeFormat).toLower();
+    if (!options.mergeFormat.isEmpty() && options.mergeFormat != QStringLiteral("mp4") &&
+        options.mergeFormat != QStringLiteral("mkv")) {
+        err << "tern-get: --merge-format takes mp4 or mkv: " << parser.value(mergeFormat)
+            << Qt::endl;
+        return 2;
+    }
     if (parser.isSet(limitRate)) {
         options.limitRate = RateText::parse(parser.value(limitRate));
         if (options.limitRate <= 0) {

@@ -3,7 +3,9 @@
 #include "batteryspeedlimit.h"
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
+#include "mediaprobe.h"
 #include "ratetext.h"
+#include "ternmediajob.h"
 
 #include <terncl/core/qtabstractbatteryinfo.h>
 #include <terncl/core/sourceplace.h>
@@ -25,6 +27,7 @@
 
 namespace {
 const QString kKind = QStringLiteral("kind");
+const QString kMediaKind = QStringLiteral("media");
 const QString kOutput = QStringLiteral("output");
 const QString kPlaylistUrl = QStringLiteral("playlistUrl");
 const QString kSegmentsDone = QStringLiteral("segmentsDone");
@@ -57,6 +60,15 @@ ProgressPrinter::Style progressStyle(const TernGetJob::Options& options) {
     if (options.jsonProgress)
         return ProgressPrinter::Style::Json;
     return options.progressBar ? ProgressPrinter::Style::Bar : ProgressPrinter::Style::Lines;
+}
+
+// What the media job may take: besides playlists, DASH manifests and web pages.
+bool looksLikeMedia(const QUrl& url, const QNetworkReply* reply) {
+    const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString().toLower();
+    return looksLikePlaylist(url, reply) ||
+           url.path().endsWith(QStringLiteral(".mpd"), Qt::CaseInsensitive) ||
+           type.contains(QStringLiteral("dash+xml")) ||
+           type.startsWith(QStringLiteral("text/html"));
 }
 } // namespace
 
@@ -118,6 +130,11 @@ void TernGetJob::start() {
     const auto entry = m_store.load(m_key, &error);
     if (!error.isEmpty())
         m_printer.error(QStringLiteral("ignoring saved state: ") + error);
+    if (m_options.listFormats || !m_options.format.isEmpty() ||
+        (entry && entry->host.value(kKind).toString() == kMediaKind)) {
+        startMedia();
+        return;
+    }
     if (entry) {
         resumeSaved(*entry);
         return;
@@ -135,7 +152,9 @@ void TernGetJob::probe(const QUrl& url, int depth) {
     QNetworkReply* reply = m_network.get(request);
     connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply, depth] {
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (status >= 200 && status < 300 && !looksLikePlaylist(reply->url(), reply)) {
+        const bool media = depth == 0 ? looksLikeMedia(reply->url(), reply)
+                                      : looksLikePlaylist(reply->url(), reply);
+        if (status >= 200 && status < 300 && !media) {
             // A plain file: the download proper fetches it, with resume and limits.
             reply->disconnect(this);
             reply->abort();
@@ -173,8 +192,16 @@ void TernGetJob::onProbeAnswer(QNetworkReply* reply, int depth) {
                            reply->errorString().toStdString()));
         return;
     }
+    const QByteArray text = reply->readAll();
+    const auto kind = MediaProbe::kindOf(
+        text, reply->header(QNetworkRequest::ContentTypeHeader).toString(), reply->url());
+    if (depth == 0 && (kind == MediaProbe::Kind::HlsMaster || kind == MediaProbe::Kind::Dash ||
+                       kind == MediaProbe::Kind::Page)) {
+        startMedia();
+        return;
+    }
     AbstractError error;
-    const auto playlist = HlsPlaylistReader::parse(reply->readAll(), reply->url(), &error);
+    const auto playlist = HlsPlaylistReader::parse(text, reply->url(), &error);
     if (error.isSet()) {
         fail(error);
     } else if (playlist.isMaster && depth == 0) {
@@ -276,6 +303,19 @@ void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
     }
     m_speedMeter->registerDownload(download.data());
     launch(download);
+}
+
+void TernGetJob::startMedia() {
+    TernMediaJob::Services services;
+    services.key = m_key;
+    services.network = &m_network;
+    services.writersThread = &m_writers;
+    services.factory = m_factory;
+    services.speedMeter = m_speedMeter;
+    services.merger = m_merger;
+    m_media = new TernMediaJob(m_options, services, this);
+    connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
+    m_media->start();
 }
 
 void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
@@ -388,6 +428,10 @@ void TernGetJob::save() {
 }
 
 void TernGetJob::interrupt() {
+    if (m_media) {
+        m_media->interrupt();
+        return;
+    }
     m_interrupted = true;
     if (!m_download || !m_download->isRunning()) {
         if (m_download)

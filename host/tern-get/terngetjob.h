@@ -24,6 +24,7 @@ class HostDownloadsFactory;
 class QtFfmpegAvMerger;
 class QtFfmpegManager;
 class QTextStream;
+class TernMediaJob;
 
 // One run of tern-get: finds out what the URL is (a file or an HLS playlist), restores a saved
 // record for the same URL and output or starts a new one, runs the download while showing its
@@ -49,6 +50,9 @@ public:
         qint64 batteryLimitRate = 0; // the limit while on battery; 0: as on mains power
         bool quiet = false;          // no progress and no notes, only errors
         bool jsonProgress = false;   // progress and result as JSON lines on stdout
+        bool listFormats = false;    // list the media versions instead of downloading
+        QString format;              // the media version to download (FormatSpec); empty: default
+        QString mergeFormat;         // "mp4" or "mkv" for merged video and audio; empty: by codecs
     };
 
     explicit TernGetJob(Options options, QObject* parent = nullptr);
@@ -69,6 +73,8 @@ private:
     void startFile(const QString& contentName);
     void startHls(const HlsPlaylistReader::Playlist& playlist, const QUrl& playlistUrl);
     void resumeSaved(const RecordStore::Entry& entry);
+    // HLS masters, DASH manifests and web pages go to the media job.
+    void startMedia();
     void launch(const QSharedPointer<AbstractDownload>& download);
     void onRunning(bool running);
     void onChanged(bool critical);
@@ -97,6 +103,7 @@ private:
     QSharedPointer<QtFfmpegManager> m_ffmpeg;
     QSharedPointer<QtFfmpegAvMerger> m_merger;
     QSharedPointer<AbstractDownload> m_download;
+    TernMediaJob* m_media = nullptr;
 
     std::optional<AbstractDownloadPersistentInfo> m_savedRecord;
     Kind m_kind = Kind::File;

@@ -1,0 +1,88 @@
+#include "hostmediadownload.h"
+
+#include <terncl/core/sourceplace.h>
+#include <terncl/fs/qt/utils/filenamerules.h>
+
+const QString HostMediaDownload::ModuleName = QStringLiteral("media");
+
+HostMediaDownload::HostMediaDownload(qint64 id,
+                                     QWeakPointer<AbstractDownloadsSimpleFactory> factory,
+                                     const QWeakPointer<QtFfmpegAvMerger>& avMerger,
+                                     QNetworkAccessManager* network, QObject* parent)
+    : AbstractMediaDownload(id, ModuleName, std::move(factory), avMerger, parent)
+    , m_network(network) {}
+
+HostMediaDownload::~HostMediaDownload() {
+    abortParse();
+}
+
+QString HostMediaDownload::mergeFormatFor(const CompositeVersion& version) {
+    const QStringList codecs = MediaVersions::codecs(version);
+    const bool mp4Cannot = std::any_of(codecs.cbegin(), codecs.cend(), [](const QString& codec) {
+        const QString lower = codec.toLower();
+        return lower.startsWith(QLatin1String("vp8")) || lower.startsWith(QLatin1String("vorbis"));
+    });
+    const bool webm =
+        std::any_of(version.parts.cbegin(), version.parts.cend(), [](const Version& p) {
+            return p.media.format.compare(QLatin1String("webm"), Qt::CaseInsensitive) == 0;
+        });
+    return mp4Cannot || webm ? QStringLiteral("mkv") : QStringLiteral("mp4");
+}
+
+void HostMediaDownload::parse() {
+    abortParse();
+    m_probe = new MediaProbe(m_network, this);
+    connect(m_probe, &MediaProbe::finished, this, &HostMediaDownload::onProbed);
+    MediaVersions::Request request;
+    if (!info().referrer.isEmpty())
+        request.referrer = QUrl(info().referrer);
+    m_probe->start(QUrl(info().resourceUrl), request);
+}
+
+void HostMediaDownload::abortParse() {
+    if (!m_probe)
+        return;
+    m_probe->disconnect(this);
+    m_probe->abort();
+    m_probe->deleteLater();
+    m_probe = nullptr;
+}
+
+void HostMediaDownload::onProbed(const AbstractError& error) {
+    MediaProbe* probe = std::exchange(m_probe, nullptr);
+    probe->deleteLater();
+    if (error.isSet()) {
+        onParseFinished(error, error.category == AbstractError::QtNetworkError);
+        return;
+    }
+    setParseResult(probe->listing().versions, probe->listing().subtitles);
+    resourceVersionSelector()->sort(false);
+    if (info().name.isEmpty() && !probe->title().isEmpty())
+        rwInfo().name = FileNameRules::sanitizedFileName(probe->title(), true, QStringLiteral("_"));
+    if (info().title.isEmpty())
+        rwInfo().title = probe->title();
+    onParseFinished(applyChoice(), false);
+}
+
+// The chooser's pick, or the default one; then the merge format the pick needs, where none
+// was set.
+AbstractError HostMediaDownload::applyChoice() {
+    const auto selector = resourceVersionSelector();
+    const auto versions = selector->resourceVersions();
+    if (versions.isEmpty())
+        return {};
+    if (m_chooser) {
+        const int chosen = m_chooser(versions);
+        if (chosen < 0)
+            return AbstractError(NoMatchingVersionCode, AbstractError::GenericError,
+                                 TERNCL_SOURCE_PLACE, "no version matches the choice");
+        selector->setSelectedVersion(chosen);
+    } else {
+        chooseDefaultResourceVersion();
+    }
+    const int selected = selector->selectedVersion();
+    if (selected >= 0 && !allOptions().contains(MergeFormatOption) &&
+        mergeFormatFor(versions.at(selected)) == QLatin1String("mkv"))
+        setOption(MergeFormatOption, QStringLiteral("mkv"));
+    return {};
+}

@@ -1,0 +1,262 @@
+#include "ternmediajob.h"
+
+#include "formatspec.h"
+#include "formatstable.h"
+#include "hostchilddownloadsmanager.h"
+#include "hostmediadownload.h"
+#include "mediadownloadsfactory.h"
+#include "ratetext.h"
+
+#include <terncl/inet/qt/download/abstractdownloadfileops.h>
+#include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
+#include <terncl/inet/qt/download/abstractdownloadtask.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFileInfo>
+
+#include <cstdio>
+
+namespace {
+const QString kKind = QStringLiteral("kind");
+const QString kMediaKind = QStringLiteral("media");
+
+QString errorText(const AbstractError& error) {
+    const QString description = QString::fromStdString(error.description);
+    if (error.category == AbstractError::HttpError)
+        return QStringLiteral("HTTP error %1: %2").arg(error.code).arg(description);
+    return description.isEmpty() ? error.toText() : description;
+}
+
+QString idsText(const FormatSpec::Versions& versions) {
+    QStringList ids;
+    for (const auto& version : versions)
+        ids.append(MediaVersions::id(version));
+    return ids.join(QStringLiteral(", "));
+}
+} // namespace
+
+TernMediaJob::TernMediaJob(const TernGetJob::Options& options, const Services& services,
+                           QObject* parent)
+    : QObject(parent)
+    , m_options(options)
+    , m_services(services)
+    , m_store(options.stateDir)
+    , m_out(stdout)
+    , m_err(stderr) {
+    m_saveTimer.setSingleShot(true);
+    m_saveTimer.setInterval(500);
+    connect(&m_saveTimer, &QTimer::timeout, this, &TernMediaJob::save);
+    m_progressTimer.setInterval(m_options.progressBar ? 250 : 2000);
+    connect(&m_progressTimer, &QTimer::timeout, this, &TernMediaJob::showProgress);
+}
+
+TernMediaJob::~TernMediaJob() {
+    if (m_download)
+        m_download->disconnect(this);
+}
+
+void TernMediaJob::start() {
+    QString error;
+    if (!m_options.format.isEmpty() && !FormatSpec::isValid(m_options.format, &error)) {
+        fail(QStringLiteral("-f %1: %2").arg(m_options.format, error), 2);
+        return;
+    }
+    std::optional<RecordStore::Entry> saved;
+    if (!m_options.listFormats) {
+        saved = m_store.load(m_services.key, &error);
+        if (saved && saved->host.value(kKind).toString() != kMediaKind)
+            saved.reset();
+    }
+    setUp(saved);
+    if (saved)
+        m_err << "tern-get: resuming from saved state" << Qt::endl;
+    m_progressTimer.start();
+    m_download->doCommand(m_options.listFormats ? AbstractDownloadCommand::QueryInfo
+                                                : AbstractDownloadCommand::Start);
+}
+
+AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
+    AbstractDownloadPersistentInfo record;
+    record.uuid = QUuid::createUuid();
+    record.resourceUrl = m_options.url.toString(QUrl::FullyEncoded);
+    record.creationTime = QDateTime::currentDateTime();
+    if (m_options.output.isEmpty()) {
+        record.destinationPath = QDir::currentPath();
+    } else {
+        const QFileInfo output(m_options.output);
+        record.destinationPath = output.absolutePath();
+        record.name = output.fileName();
+    }
+    return record;
+}
+
+// The children's records live in a folder of their own beside the job's, their files beside
+// the result.
+void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
+    MediaChildren::Context context;
+    context.factory = m_services.factory;
+    context.speedMeter = m_services.speedMeter;
+    context.merger = m_services.merger;
+    context.network = m_services.network;
+    context.writersThread = m_services.writersThread;
+    context.concurrentSegments = m_options.concurrentSegments;
+    m_factory.reset(new MediaDownloadsFactory(context));
+    const AbstractDownloadPersistentInfo record = saved ? saved->record : newRecord();
+    const QString hash = QString::fromLatin1(
+        QCryptographicHash::hash(m_services.key.toUtf8(), QCryptographicHash::Sha1).toHex());
+    m_manager.reset(new HostChildDownloadsManager(
+        context, QDir(m_options.stateDir).filePath(QStringLiteral("media-") + hash),
+        record.destinationPath));
+    m_download.reset(new HostMediaDownload(1, m_factory, m_services.merger, m_services.network),
+                     &QObject::deleteLater);
+    m_download->setInfo(record);
+    AbstractDownloadSettings settings;
+    settings.existingFileReaction = AbstractDownloadExistingFileReaction::Overwrite;
+    m_download->setSettings(settings);
+    m_download->setWritersThread(m_services.writersThread);
+    m_download->setChildDownloadsManager(m_manager);
+    if (!m_options.mergeFormat.isEmpty())
+        m_download->setOption(AbstractMediaDownload::MergeFormatOption, m_options.mergeFormat);
+    NetworkUsageSettings usage;
+    usage.downloadSpeedLimit = m_options.limitRate;
+    m_download->setNetworkUsageSettings(usage);
+    if (!m_options.format.isEmpty()) {
+        const QString spec = m_options.format;
+        m_download->setVersionChooser([spec](const FormatSpec::Versions& versions) {
+            return FormatSpec::choose(versions, spec);
+        });
+    }
+    connect(m_download.data(), &AbstractNetworkConsumerWithExtraTasks::running, this,
+            &TernMediaJob::onRunning);
+    connect(m_download.data(), &AbstractDownload::changed, this, &TernMediaJob::onChanged);
+}
+
+void TernMediaJob::interrupt() {
+    m_interrupted = true;
+    if (m_download && m_download->isRunning()) {
+        m_download->doCommand(AbstractDownloadCommand::Stop);
+        return;
+    }
+    if (m_download && !m_options.listFormats)
+        save();
+    finish(130);
+}
+
+void TernMediaJob::onRunning(bool running) {
+    if (!running && !m_finished)
+        onEnded();
+}
+
+void TernMediaJob::onChanged(bool critical) {
+    if (m_options.listFormats)
+        return;
+    if (critical)
+        save();
+    else if (!m_saveTimer.isActive())
+        m_saveTimer.start();
+}
+
+void TernMediaJob::onEnded() {
+    if (m_options.listFormats && !m_interrupted) {
+        list();
+        return;
+    }
+    if (!m_options.listFormats)
+        save();
+    if (m_interrupted) {
+        m_err << "tern-get: interrupted; run the same command again to resume" << Qt::endl;
+        finish(130);
+        return;
+    }
+    const auto& info = m_download->info();
+    if (info.isFinished()) {
+        const QString path = AbstractDownloadFileOps::currentFilePath(info, 0);
+        removeState();
+        m_out << "Saved to " << path << Qt::endl;
+        finish(0);
+        return;
+    }
+    const AbstractError error = m_download->lastError();
+    if (error.category == AbstractError::GenericError &&
+        error.code == HostMediaDownload::NoMatchingVersionCode) {
+        removeState();
+        fail(QStringLiteral("-f %1 matches none of: %2")
+                 .arg(m_options.format,
+                      idsText(m_download->resourceVersionSelector()->resourceVersions())),
+             2);
+        return;
+    }
+    fail(error.isSet() ? errorText(error) : QStringLiteral("the download stopped unfinished"));
+}
+
+void TernMediaJob::list() {
+    const AbstractError error = m_download->lastError();
+    const auto selector = m_download->resourceVersionSelector();
+    if (error.isSet() || !selector) {
+        fail(error.isSet() ? errorText(error) : QStringLiteral("no resource versions found"));
+        return;
+    }
+    m_out << FormatsTable::text(selector->resourceVersions()) << Qt::flush;
+    finish(0);
+}
+
+void TernMediaJob::save() {
+    if (!m_download || m_finished || m_options.listFormats)
+        return;
+    m_saveTimer.stop();
+    RecordStore::Entry entry;
+    entry.record = m_download->info();
+    entry.host.insert(kKind, kMediaKind);
+    QString text;
+    AbstractError error;
+    // Children first: a record that names children whose records are missing cannot resume.
+    if (!m_manager->saveDownloads(error))
+        m_err << "tern-get: " << errorText(error) << Qt::endl;
+    else if (!m_store.save(m_services.key, entry, &text))
+        m_err << "tern-get: " << text << Qt::endl;
+}
+
+void TernMediaJob::removeState() {
+    m_saveTimer.stop();
+    m_store.remove(m_services.key);
+    m_manager->removeRecords();
+}
+
+void TernMediaJob::showProgress() {
+    if (!m_download || !m_download->isRunning())
+        return;
+    const auto progress = m_download->tasksProgress();
+    QString line;
+    if (progress.contains(AbstractDownloadTask::Merging)) {
+        line = QStringLiteral("merging");
+    } else if (progress.contains(AbstractDownloadTask::Downloading)) {
+        const auto [done, total] = progress.value(AbstractDownloadTask::Downloading);
+        line = RateText::bytes(done);
+        if (total > 0)
+            line += QStringLiteral(" of ") + RateText::bytes(total);
+        line += QStringLiteral("  %1/s").arg(RateText::bytes(m_services.speedMeter->speed()));
+    } else {
+        line = QStringLiteral("reading the versions");
+    }
+    if (m_options.progressBar)
+        m_err << "\r\033[K" << line << Qt::flush;
+    else
+        m_err << "progress: " << line << Qt::endl;
+}
+
+void TernMediaJob::fail(const QString& text, int exitCode) {
+    if (m_options.progressBar)
+        m_err << Qt::endl;
+    m_err << "tern-get: " << text << Qt::endl;
+    finish(exitCode);
+}
+
+void TernMediaJob::finish(int exitCode) {
+    if (m_finished)
+        return;
+    m_finished = true;
+    m_progressTimer.stop();
+    m_saveTimer.stop();
+    Q_EMIT finished(exitCode);
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "recordstore.h"
+#include "terngetjob.h"
+
+#include <terncl/core/abstracterror.h>
+
+#include <QObject>
+#include <QSharedPointer>
+#include <QTextStream>
+#include <QTimer>
+
+class AbstractDownloadsSimpleFactory;
+class AbstractDownloadsSpeedMeter;
+class HostChildDownloadsManager;
+class HostMediaDownload;
+class MediaDownloadsFactory;
+class QtFfmpegAvMerger;
+
+// tern-get's media side: lists the versions of an HLS master, a DASH manifest or a web page
+// (-F), or downloads the one that -f SPEC or the library's default choice names, through a
+// HostMediaDownload whose separate video and audio are merged. Its record and its children's
+// records are saved as it goes, so the same command resumes after a kill at any stage: finished
+// children are not fetched again, and a finished merge is not redone. Main thread.
+class TernMediaJob : public QObject {
+    Q_OBJECT
+
+public:
+    // What it shares with the rest of tern-get.
+    struct Services {
+        QString key; // the state store's key of this command (URL and output)
+        QNetworkAccessManager* network = nullptr;
+        QThread* writersThread = nullptr;
+        QSharedPointer<AbstractDownloadsSimpleFactory> factory; // plain HTTP downloads
+        QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;
+        QSharedPointer<QtFfmpegAvMerger> merger;
+    };
+
+    TernMediaJob(const TernGetJob::Options& options, const Services& services,
+                 QObject* parent = nullptr);
+    ~TernMediaJob() override;
+
+    void start();
+    // Stops, saves the state and finishes with exit code 130.
+    void interrupt();
+
+Q_SIGNALS:
+    void finished(int exitCode);
+
+private:
+    AbstractDownloadPersistentInfo newRecord() const;
+    void setUp(const std::optional<RecordStore::Entry>& saved);
+    void onRunning(bool running);
+    void onChanged(bool critical);
+    void onEnded();
+    void list();
+    void save();
+    void removeState();
+    void showProgress();
+    void fail(const QString& text, int exitCode = 1);
+    void finish(int exitCode);
+
+    TernGetJob::Options m_options;
+    Services m_services;
+    RecordStore m_store;
+    QSharedPointer<MediaDownloadsFactory> m_factory;
+    QSharedPointer<HostChildDownloadsManager> m_manager;
+    QSharedPointer<HostMediaDownload> m_download;
+    QTimer m_saveTimer;
+    QTimer m_progressTimer;
+    QTextStream m_out;
+    QTextStream m_err;
+    bool m_interrupted = false;
+    bool m_finished = false;
+};

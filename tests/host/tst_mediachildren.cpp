@@ -1,0 +1,179 @@
+#include "dashmanifestreader.h"
+#include "hostdownloadsfactory.h"
+#include "mediachildren.h"
+#include "mediaversions.h"
+#include "streamsegmentsdownload.h"
+#include "support/ffmpegtestmedia.h"
+#include "support/nginxserver.h"
+#include "support/testfiles.h"
+
+#include <terncl/inet/qt/download/abstractdownload.h>
+#include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
+#include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
+#include <terncl/qt/media/ffmpeg/qtffmpegmanager.h>
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+
+// The children of a media download, made by module name, against nginx serving ffmpeg's streams.
+class TestMediaChildren : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QNetworkAccessManager m_network;
+    QThread m_writers;
+    QSharedPointer<HostDownloadsFactory> m_factory;
+    QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter{new AbstractDownloadsSpeedMeter()};
+    std::unique_ptr<NginxServer> m_nginx;
+    QSharedPointer<QtFfmpegManager> m_ffmpeg;
+    QSharedPointer<QtFfmpegAvMerger> m_merger;
+
+    MediaChildren::Context context() {
+        MediaChildren::Context context;
+        context.factory = m_factory;
+        context.speedMeter = m_speedMeter;
+        context.merger = m_merger;
+        context.network = &m_network;
+        context.writersThread = &m_writers;
+        return context;
+    }
+
+    AbstractDownloadPersistentInfo recordFor(const QString& name) const {
+        AbstractDownloadPersistentInfo record;
+        record.uuid = QUuid::createUuid();
+        record.destinationPath = m_dir.filePath(QStringLiteral("out"));
+        QDir().mkpath(record.destinationPath);
+        AbstractDownloadFileInfo file;
+        file.name = name;
+        file.tmpPath = QDir(record.destinationPath).filePath(name + QStringLiteral(".part"));
+        record.files.append(file);
+        return record;
+    }
+
+    QSharedPointer<AbstractDownload> create(const QString& module,
+                                            const AbstractDownloadPersistentInfo& record,
+                                            const QVariant& initData) {
+        AbstractError error;
+        auto download = MediaChildren::creator(module, context())(record, initData, error);
+        if (!download)
+            qWarning("%s", error.description.c_str());
+        return download;
+    }
+
+    // Starts the download and waits for its end.
+    static bool run(AbstractDownload* download, int segmentsBeforeStop = -1) {
+        QSignalSpy ended(download, &AbstractNetworkConsumerWithExtraTasks::running);
+        if (segmentsBeforeStop >= 0) {
+            auto* stream = qobject_cast<IndependentSegmentsDownloader*>(download);
+            QObject::connect(stream, &IndependentSegmentsDownloader::segmentFinished, download,
+                             [download, stream, segmentsBeforeStop] {
+                                 if (stream->currentSegmentIndex() >= segmentsBeforeStop)
+                                     download->doCommand(AbstractDownloadCommand::Stop);
+                             });
+        }
+        download->doCommand(AbstractDownloadCommand::Start);
+        return QTest::qWaitFor(
+            [&] { return !ended.isEmpty() && !ended.constLast().at(0).toBool(); }, 30000);
+    }
+
+    int requestsFor(const QString& path) const {
+        int count = 0;
+        for (const auto& access : m_nginx->accessLog())
+            count += access.path == path ? 1 : 0;
+        return count;
+    }
+
+private Q_SLOTS:
+    void initTestCase() {
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
+            QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
+        QString error;
+        const QString www = m_dir.filePath(QStringLiteral("www"));
+        QVERIFY2(FfmpegTestMedia::makeHls(www + QStringLiteral("/ts"), 4, 1, false, &error),
+                 qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www + QStringLiteral("/dash"), 4, 1, false, &error),
+                 qPrintable(error));
+        m_nginx.reset(new NginxServer(www));
+        QVERIFY2(m_nginx->start(&error), qPrintable(error));
+        m_writers.start();
+        m_factory.reset(new HostDownloadsFactory(&m_network, &m_writers));
+        m_ffmpeg.reset(new QtFfmpegManager(QFileInfo(FfmpegTestMedia::ffmpeg()).absolutePath(),
+                                           QStringLiteral("ffmpeg"), {}));
+        m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));
+    }
+
+    void cleanupTestCase() {
+        m_writers.quit();
+        m_writers.wait();
+    }
+
+    // Stopped after its first segment and restored from its record, an HLS child ends with the
+    // segments byte for byte, none of them fetched twice.
+    void hlsStreamResumesFromItsRecord() {
+        const QString playlist = m_dir.filePath(QStringLiteral("www/ts/index.m3u8"));
+        QByteArray all;
+        for (const QString& segment : FfmpegTestMedia::segmentFiles(playlist))
+            all += readFile(segment);
+        const QVariantHash initData{
+            {QStringLiteral("source"), m_nginx->url(QStringLiteral("/ts/index.m3u8"))}};
+        auto first = create(MediaVersions::HlsModule, recordFor(QStringLiteral("v.ts")), initData);
+        QVERIFY(first);
+        QVERIFY(run(first.data(), 1));
+        const auto saved = first->info();
+        QVERIFY(!saved.isFinished());
+        QCOMPARE(saved.customData.value(StreamSegmentsDownload::SegmentsDoneKey).toInt(), 1);
+        first.reset();
+
+        auto second = create(MediaVersions::HlsModule, saved, QVariant());
+        QVERIFY(run(second.data()));
+        QVERIFY2(second->info().isFinished(), second->lastError().toText().toUtf8().constData());
+        QCOMPARE(readFile(m_dir.filePath(QStringLiteral("out/v.ts"))), all);
+        const QString firstSegment =
+            QStringLiteral("/ts/") +
+            QFileInfo(FfmpegTestMedia::segmentFiles(playlist).at(0)).fileName();
+        QCOMPARE(requestsFor(firstSegment), 1);
+    }
+
+    void dashRepresentationIsJoinedAndRemuxed() {
+        const QUrl manifestUrl = m_nginx->url(QStringLiteral("/dash/manifest.mpd"));
+        AbstractError error;
+        const auto manifest = DashManifestReader::parse(
+            readFile(m_dir.filePath(QStringLiteral("www/dash/manifest.mpd"))), manifestUrl, &error);
+        QVERIFY(!error.isSet());
+        const auto listing = MediaVersions::fromDash(manifest, manifestUrl);
+        const auto& audio = listing.versions.constLast();
+        QCOMPARE(audio.media.type, int(AbstractDownloadResourceVersionSelector::AudioOnly));
+        const QVariantHash initData{{QStringLiteral("source"), manifestUrl},
+                                    {QStringLiteral("initData"), audio.details}};
+        auto download =
+            create(MediaVersions::FragmentsModule, recordFor(QStringLiteral("a.m4s")), initData);
+        QVERIFY(download);
+        QVERIFY(run(download.data()));
+        QVERIFY2(download->info().isFinished(),
+                 download->lastError().toText().toUtf8().constData());
+        QStringList streams;
+        double duration = 0;
+        QVERIFY(FfmpegTestMedia::probe(m_dir.filePath(QStringLiteral("out/a.mp4")), &streams,
+                                       &duration));
+        QCOMPARE(streams, QStringList{QStringLiteral("audio")});
+        QVERIFY2(qAbs(duration - 4) < 0.5, QByteArray::number(duration).constData());
+    }
+
+    void missingPlaylistStopsWithItsError() {
+        const QVariantHash initData{
+            {QStringLiteral("source"), m_nginx->url(QStringLiteral("/ts/gone.m3u8"))}};
+        auto download =
+            create(MediaVersions::HlsModule, recordFor(QStringLiteral("g.ts")), initData);
+        QVERIFY(run(download.data()));
+        QCOMPARE(download->lastError().category, AbstractError::HttpError);
+        QCOMPARE(download->lastError().code, 404);
+        QVERIFY(!download->isRunning());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestMediaChildren)
+#include "tst_mediachildren.moc"

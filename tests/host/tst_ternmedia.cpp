@@ -1,0 +1,352 @@
+#include "support/ffmpegtestmedia.h"
+#include "support/nginxserver.h"
+#include "support/testfiles.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+
+// tern-get's media side against nginx serving streams ffmpeg made: an HLS master of three video
+// variants whose audio comes apart in two languages, a DASH manifest, and a page linking both.
+class TestTernMedia : public QObject {
+    Q_OBJECT
+
+private:
+    struct Run {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<NginxServer> m_nginx;
+
+    QString www(const QString& path = {}) const {
+        return m_dir.filePath(QStringLiteral("www/") + path);
+    }
+
+    static bool ffmpeg(const QStringList& arguments, QString* error) {
+        QProcess process;
+        process.start(FfmpegTestMedia::ffmpeg(),
+                      QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"),
+                                  QStringLiteral("error"), QStringLiteral("-y")} +
+                          arguments);
+        if (process.waitForFinished(60000) && process.exitCode() == 0)
+            return true;
+        *error = QString::fromUtf8(process.readAllStandardError());
+        return false;
+    }
+
+    // One HLS media playlist "<name>.m3u8" of four seconds in one-second segments.
+    static bool makeRendition(const QString& dir, const QString& name, const QStringList& input,
+                              const QStringList& codec, QString* error) {
+        return ffmpeg(
+            QStringList{QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i")} +
+                input + QStringList{QStringLiteral("-t"), QStringLiteral("4")} + codec +
+                QStringList{QStringLiteral("-f"), QStringLiteral("hls"),
+                            QStringLiteral("-hls_time"), QStringLiteral("1"),
+                            QStringLiteral("-hls_playlist_type"), QStringLiteral("vod"),
+                            QStringLiteral("-hls_segment_filename"),
+                            dir + u'/' + name + QStringLiteral("_%03d.ts"),
+                            dir + u'/' + name + QStringLiteral(".m3u8")},
+            error);
+    }
+
+    bool makeHlsMaster(QString* error) {
+        const QString dir = www(QStringLiteral("hls"));
+        QDir().mkpath(dir);
+        QByteArray master = "#EXTM3U\n#EXT-X-VERSION:3\n";
+        for (const auto& [language, frequency] : {std::pair{"en", "440"}, std::pair{"de", "880"}}) {
+            const QString lang = QString::fromLatin1(language);
+            if (!makeRendition(dir, QStringLiteral("a_") + lang,
+                               {QStringLiteral("sine=frequency=") + QLatin1String(frequency)},
+                               {QStringLiteral("-c:a"), QStringLiteral("aac"),
+                                QStringLiteral("-metadata:s:a:0"),
+                                QStringLiteral("language=") + lang},
+                               error))
+                return false;
+            master += QStringLiteral("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",LANGUAGE=\"%1\","
+                                     "NAME=\"%1\",URI=\"a_%1.m3u8\"\n")
+                          .arg(lang)
+                          .toUtf8();
+        }
+        for (const int height : {90, 180, 360}) {
+            const QString size = QStringLiteral("%1x%2").arg(height * 16 / 9).arg(height);
+            if (!makeRendition(dir, QStringLiteral("v%1").arg(height),
+                               {QStringLiteral("testsrc2=size=%1:rate=25").arg(size)},
+                               {QStringLiteral("-c:v"), QStringLiteral("libx264"),
+                                QStringLiteral("-preset"), QStringLiteral("ultrafast"),
+                                QStringLiteral("-g"), QStringLiteral("25")},
+                               error))
+                return false;
+            master += QStringLiteral("#EXT-X-STREAM-INF:BANDWIDTH=%1,RESOLUTION=%2,"
+                                     "CODECS=\"avc1.42c01e,mp4a.40.2\",AUDIO=\"aud\"\nv%3.m3u8\n")
+                          .arg(height * 4000)
+                          .arg(size)
+                          .arg(height)
+                          .toUtf8();
+        }
+        return writeFile(dir + QStringLiteral("/master.m3u8"), master);
+    }
+
+    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state")) {
+        QProcess process;
+        process.start(QStringLiteral(TERN_GET_PATH),
+                      arguments +
+                          QStringList{QStringLiteral("--state-dir"), m_dir.filePath(state)});
+        Run result;
+        if (!process.waitForFinished(120000)) {
+            process.kill();
+            process.waitForFinished();
+        }
+        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        result.out = QString::fromUtf8(process.readAllStandardOutput());
+        result.err = QString::fromUtf8(process.readAllStandardError());
+        return result;
+    }
+
+    QString url(const QString& path) const { return m_nginx->url(path).toString(); }
+
+    // The md5 of every decoded frame of the file's video or audio ("v", "a"), in order: equal
+    // lists mean the same pictures and sound, whatever the container.
+    static QStringList frames(const QString& file, const QString& kind) {
+        QProcess process;
+        process.start(FfmpegTestMedia::ffmpeg(),
+                      {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), file,
+                       QStringLiteral("-map"), QStringLiteral("0:") + kind, QStringLiteral("-f"),
+                       QStringLiteral("framemd5"), QStringLiteral("-")});
+        process.waitForFinished(60000);
+        QStringList hashes;
+        for (const QByteArray& line : process.readAllStandardOutput().split('\n')) {
+            if (!line.isEmpty() && !line.startsWith('#'))
+                hashes.append(QString::fromLatin1(line.split(',').constLast().trimmed()));
+        }
+        return hashes;
+    }
+
+    static QString videoSize(const QString& file) {
+        QProcess process;
+        process.start(FfmpegTestMedia::ffprobe(),
+                      {QStringLiteral("-v"), QStringLiteral("error"),
+                       QStringLiteral("-select_streams"), QStringLiteral("v"),
+                       QStringLiteral("-show_entries"), QStringLiteral("stream=width,height"),
+                       QStringLiteral("-of"), QStringLiteral("csv=p=0"), file});
+        process.waitForFinished(60000);
+        return QString::fromLatin1(process.readAllStandardOutput().trimmed());
+    }
+
+    // Whether a child whose file name holds part ("audio", "video") has a finished record.
+    bool childFinished(const QString& stateDir, const QString& part) const {
+        QDir state(m_dir.filePath(stateDir));
+        for (const QString& folder : state.entryList({QStringLiteral("media-*")}, QDir::Dirs)) {
+            QDir records(state.filePath(folder));
+            for (const QString& name : records.entryList({QStringLiteral("*.json")})) {
+                const QJsonObject record = QJsonDocument::fromJson(readFile(records.filePath(name)))
+                                               .object()
+                                               .value(QStringLiteral("record"))
+                                               .toObject();
+                const QString file = record.value(QStringLiteral("files"))
+                                         .toArray()
+                                         .at(0)
+                                         .toObject()
+                                         .value(QStringLiteral("name"))
+                                         .toString();
+                if (file.contains(u'.' + part + u'.') &&
+                    record.value(QStringLiteral("state")).toInt() == 1)
+                    return true;
+            }
+        }
+        return false;
+    }
+
+    int requests(const QString& suffix) const { return requests(*m_nginx, suffix); }
+
+    static int requests(const NginxServer& server, const QString& suffix) {
+        int count = 0;
+        for (const auto& access : server.accessLog())
+            count += access.path.endsWith(suffix) ? 1 : 0;
+        return count;
+    }
+
+private Q_SLOTS:
+    void initTestCase() {
+        if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
+            QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
+        QString error;
+        QVERIFY2(makeHlsMaster(&error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www(QStringLiteral("dash")), 4, 1, false, &error),
+                 qPrintable(error));
+        QVERIFY(writeFile(www(QStringLiteral("page.html")),
+                          "<html><head><title>Two streams</title></head><body>"
+                          "<video src=\"hls/master.m3u8\"></video>"
+                          "<a href=\"dash/manifest.mpd\">DASH</a>"
+                          "<video><source src=\"clip.mp4\" type=\"video/mp4\"></video>"
+                          "</body></html>"));
+        QVERIFY(writeFile(www(QStringLiteral("clip.mp4")), QByteArray(1000, 'x')));
+        QByteArray broken = readFile(www(QStringLiteral("hls/master.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/broken.m3u8")),
+                          broken.replace("v360.m3u8", "gone.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("empty.html")), "<html><body>nothing</body></html>"));
+        QVERIFY(writeFile(www(QStringLiteral("empty.mpd")),
+                          "<?xml version=\"1.0\"?><MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
+                          "type=\"static\" mediaPresentationDuration=\"PT4S\"><Period/></MPD>"));
+        m_nginx.reset(new NginxServer(www()));
+        QVERIFY2(m_nginx->start(&error), qPrintable(error));
+    }
+
+    // Every version of the page's master and manifest is listed with what the playlists say,
+    // and no media segment is fetched for it.
+    void listsFormatsWithoutFetchingSegments() {
+        const Run run = tern({QStringLiteral("-F"), url(QStringLiteral("/page.html"))});
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
+        QVERIFY2(lines.value(0).startsWith(QStringLiteral("ID ")), qPrintable(run.out));
+        const auto line = [&](const QString& id) {
+            for (const QString& l : lines) {
+                if (l.startsWith(id + u' '))
+                    return l.simplified();
+            }
+            return QString();
+        };
+        QCOMPARE(line(QStringLiteral("hls-360p-1440k+audio-de")).section(u' ', 1, 7),
+                 QStringLiteral("video+audio ts avc1.42c01e,mp4a.40.2 640x360 - 1440k de"));
+        QVERIFY2(line(QStringLiteral("hls-360p-1440k+audio-de")).section(u' ', -2).startsWith(u'~'),
+                 qPrintable(run.out));
+        QVERIFY2(line(QStringLiteral("hls-audio-en")).contains(QStringLiteral("audio only")),
+                 qPrintable(run.out));
+        QVERIFY2(lines.filter(QStringLiteral("dash-")).size() >= 2, qPrintable(run.out));
+        // A plain file's size is measured, not estimated.
+        QCOMPARE(line(QStringLiteral("file-1")).section(u' ', -2), QStringLiteral("1000 B"));
+        QCOMPARE(lines.size(), 1 + 3 * 2 + 2 + 2 + 1);
+        QCOMPARE(requests(QStringLiteral(".ts")) + requests(QStringLiteral(".m4s")), 0);
+    }
+
+    void refusesWhatOffersNothing_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("no match") << QStringList{QStringLiteral("-f"), QStringLiteral("lang=fr"),
+                                                 QStringLiteral("/hls/master.m3u8")}
+                                  << 2 << "matches none of: hls-360p-1440k+audio-en,";
+        QTest::newRow("bad spec") << QStringList{QStringLiteral("-f"), QStringLiteral("best+worst"),
+                                                 QStringLiteral("/hls/master.m3u8")}
+                                  << 2 << "neither terms that fit together nor an id";
+        QTest::newRow("page without media")
+            << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.html")} << 1
+            << "no media found on the page";
+        QTest::newRow("variant answering 404")
+            << QStringList{QStringLiteral("-f"), QStringLiteral("best"), QStringLiteral("-o"),
+                           m_dir.filePath(QStringLiteral("out/broken.mp4")),
+                           QStringLiteral("/hls/broken.m3u8")}
+            << 1 << "gone.m3u8";
+        QTest::newRow("manifest without versions")
+            << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.mpd")} << 1
+            << "no resource versions found";
+    }
+    void refusesWhatOffersNothing() {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        arguments.last() = url(arguments.last());
+        const Run run = tern(arguments);
+        QVERIFY2(run.err.contains(message), qPrintable(run.err));
+        QCOMPARE(run.exitCode, exitCode);
+    }
+
+    // The chosen video and audio end up merged with every frame as the sources have it.
+    void downloadsTheChosenVersion_data() {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("spec");
+        QTest::addColumn<QString>("size");
+        QTest::addColumn<QString>("videoSource");
+        QTest::addColumn<QString>("audioSource");
+        QTest::newRow("height and language") << "/hls/master.m3u8"
+                                             << "bestvideo+bestaudio+height<=180+lang=de"
+                                             << "320,180"
+                                             << "hls/v180.m3u8"
+                                             << "hls/a_de.m3u8";
+        QTest::newRow("by id from the page") << "/page.html"
+                                             << "hls-90p-360k+audio-en"
+                                             << "160,90"
+                                             << "hls/v90.m3u8"
+                                             << "hls/a_en.m3u8";
+        QTest::newRow("default of a manifest") << "/dash/manifest.mpd"
+                                               << ""
+                                               << "160,120"
+                                               << "dash/manifest.mpd"
+                                               << "dash/manifest.mpd";
+    }
+    void downloadsTheChosenVersion() {
+        QFETCH(QString, path);
+        QFETCH(QString, spec);
+        QFETCH(QString, size);
+        QFETCH(QString, videoSource);
+        QFETCH(QString, audioSource);
+        const QString output = m_dir.filePath(
+            QStringLiteral("out/%1.mp4").arg(QString::fromUtf8(QTest::currentDataTag())));
+        QStringList arguments{url(path), QStringLiteral("-o"), output};
+        if (!spec.isEmpty())
+            arguments << QStringLiteral("-f") << spec;
+        const Run run = tern(arguments);
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        QCOMPARE(videoSize(output), size);
+        const QStringList video = frames(output, QStringLiteral("v"));
+        QVERIFY(video.size() >= 100);
+        QCOMPARE(video, frames(www(videoSource), QStringLiteral("v")));
+        // A stream copy into a plain MP4 drops an AAC packet that lies wholly in the encoder's
+        // padding after the end, which fragmented MP4 keeps; every other frame is the same.
+        const QStringList audio = frames(output, QStringLiteral("a"));
+        const QStringList audioSent = frames(www(audioSource), QStringLiteral("a"));
+        QVERIFY(!audio.isEmpty() && audioSent.size() - audio.size() <= 1);
+        QCOMPARE(audio, audioSent.mid(0, audio.size()));
+        QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out")))
+                     .entryList(QDir::Files)
+                     .filter(QStringLiteral(".video.")),
+                 QStringList());
+    }
+
+    // Interrupted once its audio child is done, the same command resumes: the audio is not
+    // fetched again, and the result is whole.
+    void resumesWithoutFetchingFinishedChildrenAgain() {
+        // Each connection at 50 KiB/s: the small audio segments end long before the video's.
+        NginxServer slow(www());
+        QString error;
+        QVERIFY2(slow.start(&error, 50 * 1024), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/resumed.mp4"));
+        const QStringList arguments{
+            slow.url(QStringLiteral("/hls/master.m3u8")).toString(), QStringLiteral("-f"),
+            QStringLiteral("bestvideo+bestaudio+lang=en"), QStringLiteral("-o"), output};
+        QProcess first;
+        first.start(QStringLiteral(TERN_GET_PATH),
+                    arguments + QStringList{QStringLiteral("--state-dir"),
+                                            m_dir.filePath(QStringLiteral("resume-state"))});
+        QVERIFY(QTest::qWaitFor(
+            [&] { return childFinished(QStringLiteral("resume-state"), QStringLiteral("audio")); },
+            30000));
+        QVERIFY(!childFinished(QStringLiteral("resume-state"), QStringLiteral("video")));
+        ::kill(pid_t(first.processId()), SIGINT);
+        QVERIFY(first.waitForFinished(30000));
+        QVERIFY2(first.exitStatus() == QProcess::NormalExit,
+                 first.readAllStandardError().constData());
+        QCOMPARE(first.exitCode(), 130);
+        const int audioRequests = requests(slow, QStringLiteral("a_en_003.ts"));
+        QCOMPARE(audioRequests, 1);
+        const Run second = tern(arguments, QStringLiteral("resume-state"));
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QVERIFY2(second.err.contains(QStringLiteral("resuming")), qPrintable(second.err));
+        QCOMPARE(requests(slow, QStringLiteral("a_en_003.ts")), audioRequests);
+        QCOMPARE(frames(output, QStringLiteral("v")),
+                 frames(www(QStringLiteral("hls/v360.m3u8")), QStringLiteral("v")));
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestTernMedia)
+#include "tst_ternmedia.moc"
