@@ -7,6 +7,7 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
 #include <limits>
 
 const QString ResumeCheck::KindKey = QStringLiteral("kind");
@@ -18,6 +19,19 @@ const QString ResumeCheck::SegmentEndsKey = QStringLiteral("segmentEnds");
 
 namespace {
 using Segments = IndependentSegmentsDownloader;
+
+// Sections, in the order of their offsets, each ending before the next begins.
+bool sectionsOverlap(QList<AbstractDownloadFileSection> sections) {
+    std::sort(sections.begin(), sections.end(),
+              [](const auto& a, const auto& b) { return a.offset < b.offset; });
+    for (qsizetype i = 1; i < sections.size(); ++i) {
+        const auto& before = sections.at(i - 1);
+        const qint64 extent = before.size >= 0 ? before.size : before.done;
+        if (extent > sections.at(i).offset - before.offset)
+            return true;
+    }
+    return false;
+}
 
 QString sectionsProblem(const AbstractDownloadFileInfo& file) {
     qint64 done = 0;
@@ -35,7 +49,7 @@ QString sectionsProblem(const AbstractDownloadFileInfo& file) {
     }
     if (file.size >= 0 && done > file.size)
         return QStringLiteral("%1 bytes done of %2").arg(done).arg(file.size);
-    return {};
+    return sectionsOverlap(file.sections) ? QStringLiteral("sections that overlap") : QString();
 }
 
 QString streamProblem(const RecordStore::Entry& entry) {
