@@ -314,17 +314,23 @@ private Q_SLOTS:
         QTest::addColumn<qint64>("done");
         QTest::addColumn<bool>("setAside");
         QTest::addColumn<QByteArray>("warning");
-        QTest::newRow("part missing")
-            << -1 << 0 << qint64(0) << qint64(100000) << false << QByteArray(".part is missing");
-        QTest::newRow("part cut short") << 50000 << 0 << qint64(0) << qint64(100000) << false
-                                        << QByteArray("holds 50000 bytes, fewer than the 100000");
+        QTest::addColumn<bool>("finished"); // killed after the data was complete
+        QTest::newRow("part missing") << -1 << 0 << qint64(0) << qint64(100000) << false
+                                      << QByteArray(".part is missing") << false;
+        QTest::newRow("part cut short")
+            << 50000 << 0 << qint64(0) << qint64(100000) << false
+            << QByteArray("holds 50000 bytes, fewer than the 100000") << false;
         QTest::newRow("part past the end")
-            << 100000 << 150000 << qint64(0) << qint64(100000) << false << QByteArray();
-        QTest::newRow("done past the size") << 100000 << 0 << qint64(0) << qint64(300000) << true
-                                            << QByteArray("cannot be resumed (a section past");
+            << 100000 << 150000 << qint64(0) << qint64(100000) << false << QByteArray() << false;
+        QTest::newRow("done past the size")
+            << 100000 << 0 << qint64(0) << qint64(300000) << true
+            << QByteArray("cannot be resumed (a section past") << false;
         QTest::newRow("section past the size")
             << 100000 << 0 << qint64(250000) << qint64(10) << true
-            << QByteArray("cannot be resumed (a section past");
+            << QByteArray("cannot be resumed (a section past") << false;
+        // The whole .part is there, only the rename was missed.
+        QTest::newRow("finished") << 200000 << 0 << qint64(0) << qint64(200000) << false
+                                  << QByteArray() << true;
     }
 
     void resumeChecksTheDataFile() {
@@ -334,6 +340,7 @@ private Q_SLOTS:
         QFETCH(qint64, done);
         QFETCH(bool, setAside);
         QFETCH(QByteArray, warning);
+        QFETCH(bool, finished);
         FaultyHttpServer server;
         QVERIFY(server.listen());
         const QByteArray data = randomBytes(200000);
@@ -355,6 +362,8 @@ private Q_SLOTS:
         file.size = data.size();
         file.sections = {{offset, -1, done}};
         entry.record.files = {file};
+        if (finished)
+            entry.record.state = AbstractDownloadPersistentInfo::Finished;
         entry.host = {{QStringLiteral("kind"), QStringLiteral("file")},
                       {QStringLiteral("output"), output}};
         QString error;
@@ -369,6 +378,8 @@ private Q_SLOTS:
         const QStringList rejected =
             QDir(state()).entryList({QStringLiteral("*.rejected-*")}, QDir::Files);
         QCOMPARE(rejected.size(), setAside ? 1 : 0);
+        if (finished)
+            QVERIFY(server.accessLog().isEmpty());
     }
 
     void playlistsCannotReachLocalFiles() {
