@@ -21,6 +21,16 @@ if(TERNCL_SANITIZE)
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   target_link_options(terncl_build_settings INTERFACE -fsanitize=address,undefined)
 endif()
+# ThreadSanitizer: a build of its own, since it cannot be combined with AddressSanitizer. Qt is
+# not instrumented; .ci/tsan.supp names the reports that come from inside Qt.
+option(TERNCL_SANITIZE_THREAD "Build with ThreadSanitizer" OFF)
+if(TERNCL_SANITIZE_THREAD)
+  if(TERNCL_SANITIZE)
+    message(FATAL_ERROR "TERNCL_SANITIZE and TERNCL_SANITIZE_THREAD exclude each other")
+  endif()
+  target_compile_options(terncl_build_settings INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(terncl_build_settings INTERFACE -fsanitize=thread)
+endif()
 
 # Adds a library sub-directory's sources and public headers to the library.
 # Every header except *_p.h is public and installed under include/ with its path below src/.

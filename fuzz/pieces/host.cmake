@@ -16,3 +16,12 @@ foreach(target fuzz_hlsplaylist fuzz_dashmanifest fuzz_htmlmediapage)
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/host/lib")
   target_link_libraries(${target} PRIVATE LibXml2::LibXml2)
 endforeach()
+
+# tern-get's state record loader and the checks a saved record passes before it is resumed.
+# Run: fuzz_recordstore CORPUS_DIR fuzz/corpus/recordstore
+terncl_add_fuzzer(fuzz_recordstore host/fuzz_recordstore.cpp
+  "${PROJECT_SOURCE_DIR}/host/lib/recordstore.cpp"
+  "${PROJECT_SOURCE_DIR}/host/lib/mediaparse.cpp"
+  "${PROJECT_SOURCE_DIR}/host/tern-get/resumecheck.cpp")
+target_include_directories(fuzz_recordstore PRIVATE
+  "${PROJECT_SOURCE_DIR}/host/lib" "${PROJECT_SOURCE_DIR}/host/tern-get")

@@ -1,6 +1,7 @@
 #include "recordstore.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -90,11 +91,17 @@ std::optional<RecordStore::Entry> RecordStore::load(const QString& key, QString*
         *error = QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
         return std::nullopt;
     }
+    auto entry = parse(file.readAll(), error);
+    if (!entry)
+        *error = QStringLiteral("%1 is not a saved download: %2").arg(file.fileName(), *error);
+    return entry;
+}
+
+std::optional<RecordStore::Entry> RecordStore::parse(const QByteArray& json, QString* error) {
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (!document.isObject() || !document.object().value(kRecord).isObject()) {
-        *error = QStringLiteral("%1 is not a saved download: %2")
-                     .arg(file.fileName(), parseError.errorString());
+        *error = parseError.errorString();
         return std::nullopt;
     }
     Entry entry;
@@ -108,4 +115,18 @@ std::optional<RecordStore::Entry> RecordStore::load(const QString& key, QString*
 bool RecordStore::remove(const QString& key) const {
     QFile::remove(pathFor(key) + QStringLiteral(".tmp"));
     return QFile::remove(pathFor(key));
+}
+
+QString RecordStore::setAside(const QString& key, QString* error) const {
+    const QString path = pathFor(key);
+    const QString aside =
+        path + QStringLiteral(".rejected-") +
+        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd'T'HHmmsszzz'Z'"));
+    if (std::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) !=
+        0) {
+        *error = QStringLiteral("cannot rename %1: %2")
+                     .arg(path, QString::fromLocal8Bit(std::strerror(errno)));
+        return {};
+    }
+    return aside;
 }

@@ -26,6 +26,12 @@ public:
     // No entry is not an error; a file that cannot be read or parsed is.
     std::optional<Entry> load(const QString& key, QString* error) const;
     bool remove(const QString& key) const;
+    // Renames the key's file to "<file>.rejected-<UTC time>" and returns the new path (empty,
+    // with error set, when it cannot): a record the host will not resume is kept for a look.
+    QString setAside(const QString& key, QString* error) const;
+
+    // An entry from the text of a saved file; on failure nothing, and error says why.
+    static std::optional<Entry> parse(const QByteArray& json, QString* error);
 
 private:
     bool makeFolder(QString* error) const;

@@ -1,4 +1,5 @@
 // tern-get: downloads a file or an HLS stream over HTTP with the ternclshared engine.
+#include "outputguard.h"
 #include "ratetext.h"
 #include "terngetjob.h"
 
@@ -10,6 +11,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -104,6 +106,15 @@ const char* const examples =
     "      Hold 2 MiB/s, and 200 KiB/s while the laptop runs on battery.\n"
     "  tern-get --log-requests logs --progress=json URL\n"
     "      Keep the headers of each run in logs/ and report progress as JSON lines.";
+
+// text as a whole number from low to high, or nothing.
+std::optional<int> boundedNumber(const QString& text, int low, int high) {
+    bool isNumber = false;
+    const int value = text.toInt(&isNumber);
+    if (!isNumber || value < low || value > high)
+        return std::nullopt;
+    return value;
+}
 } // namespace
 
 int main(int argc, char** argv) {
@@ -120,7 +131,10 @@ int main(int argc, char** argv) {
     parser.addVersionOption();
     parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("What to download."));
     const QCommandLineOption output({QStringLiteral("o"), QStringLiteral("output")},
-                                    QStringLiteral("Write to FILE."), QStringLiteral("FILE"));
+                                    QStringLiteral("Write to FILE, a new name or a regular file "
+                                                   "that is replaced only once the download is "
+                                                   "complete."),
+                                    QStringLiteral("FILE"));
     const QCommandLineOption limitRate(QStringLiteral("limit-rate"),
                                        QStringLiteral("Limit the speed to RATE bytes per second "
                                                       "(suffixes k, M, G)."),
@@ -128,9 +142,10 @@ int main(int argc, char** argv) {
     const QCommandLineOption stateDir(QStringLiteral("state-dir"),
                                       QStringLiteral("Keep resume state in DIR."),
                                       QStringLiteral("DIR"), defaultStateDir());
-    const QCommandLineOption retries(QStringLiteral("retries"),
-                                     QStringLiteral("Retry transient failures N times."),
-                                     QStringLiteral("N"), QStringLiteral("5"));
+    const QCommandLineOption retries(
+        QStringLiteral("retries"),
+        QStringLiteral("Retry transient failures N times (0 to %1).").arg(TernGetJob::MaxRetries),
+        QStringLiteral("N"), QStringLiteral("5"));
     const QCommandLineOption concurrentSegments(
         {QStringLiteral("N"), QStringLiteral("concurrent-segments")},
         QStringLiteral("Fetch up to N segments of a stream at once (1 to %1).")
@@ -168,18 +183,30 @@ int main(int argc, char** argv) {
     TernGetJob::Options options;
     options.url = url;
     options.output = parser.value(output);
+    // A bad output is a usage error, found before anything is fetched.
+    if (const QString refused = OutputGuard::refusal(options.output);
+        !options.output.isEmpty() && !refused.isEmpty()) {
+        err << "tern-get: -o: " << refused << Qt::endl;
+        return 2;
+    }
     options.stateDir = parser.value(stateDir);
-    options.retries = parser.value(retries).toInt();
     options.progressBar = ::isatty(STDERR_FILENO) == 1;
-    bool isNumber = false;
-    options.concurrentSegments = parser.value(concurrentSegments).toInt(&isNumber);
-    if (!isNumber || options.concurrentSegments < 1 ||
-        options.concurrentSegments > TernGetJob::MaxConcurrentSegments) {
+    const auto retryCount = boundedNumber(parser.value(retries), 0, TernGetJob::MaxRetries);
+    if (!retryCount) {
+        err << "tern-get: --retries takes a whole number from 0 to " << TernGetJob::MaxRetries
+            << ": " << parser.value(retries) << Qt::endl;
+        return 2;
+    }
+    options.retries = *retryCount;
+    const auto segmentCount =
+        boundedNumber(parser.value(concurrentSegments), 1, TernGetJob::MaxConcurrentSegments);
+    if (!segmentCount) {
         err << "tern-get: --concurrent-segments takes a whole number from 1 to "
             << TernGetJob::MaxConcurrentSegments << ": " << parser.value(concurrentSegments)
             << Qt::endl;
         return 2;
     }
+    options.concurrentSegments = *segmentCount;
     options.sandbox = !parser.isSet(noSandbox);
     options.listFormats = parser.isSet(listFormats);
     options.format = parser.value(format);

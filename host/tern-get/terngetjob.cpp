@@ -5,11 +5,13 @@
 #include "httpdownload.h"
 #include "mediaprobe.h"
 #include "ratetext.h"
+#include "resumecheck.h"
 #include "ternmediajob.h"
 
 #include <terncl/core/qtabstractbatteryinfo.h>
 #include <terncl/core/sourceplace.h>
 #include <terncl/fs/qt/utils/filenamerules.h>
+#include <terncl/inet/qt/download/abstractdownloadfileops.h>
 #include <terncl/inet/qt/download/abstractdownloadsnetworkrequestslogger.h>
 #include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
 #include <terncl/inet/qt/download/independentsegmentsdownloader.h>
@@ -26,12 +28,7 @@
 #include <cstdio>
 
 namespace {
-const QString kKind = QStringLiteral("kind");
 const QString kMediaKind = QStringLiteral("media");
-const QString kOutput = QStringLiteral("output");
-const QString kPlaylistUrl = QStringLiteral("playlistUrl");
-const QString kSegmentsDone = QStringLiteral("segmentsDone");
-const QString kSegmentsTotal = QStringLiteral("segmentsTotal");
 constexpr int maxProbeBytes = 4 * 1024 * 1024;
 
 QString errorText(const AbstractError& error) {
@@ -126,12 +123,14 @@ QString TernGetJob::outputPath(const QString& suggestedName) const {
 }
 
 void TernGetJob::start() {
+    if (!m_options.output.isEmpty() && !takeOutput(outputPath(QString())))
+        return;
     QString error;
     const auto entry = m_store.load(m_key, &error);
     if (!error.isEmpty())
         m_printer.error(QStringLiteral("ignoring saved state: ") + error);
     if (m_options.listFormats || !m_options.format.isEmpty() ||
-        (entry && entry->host.value(kKind).toString() == kMediaKind)) {
+        (entry && entry->host.value(ResumeCheck::KindKey).toString() == kMediaKind)) {
         startMedia();
         return;
     }
@@ -215,9 +214,23 @@ void TernGetJob::onProbeAnswer(QNetworkReply* reply, int depth) {
 
 // --- Starting and resuming --------------------------------------------------------------------
 
+// Checks the output path and locks it for this run before a byte of the download is fetched.
+bool TernGetJob::takeOutput(const QString& path) {
+    if (m_guard.isLocked() && path == m_output)
+        return true;
+    QString error = OutputGuard::refusal(path);
+    if (error.isEmpty() && m_guard.lock(m_options.stateDir, path, &error)) {
+        m_output = path;
+        return true;
+    }
+    fail(error);
+    return false;
+}
+
 void TernGetJob::startFile(const QString& contentName) {
     m_kind = Kind::File;
-    m_output = outputPath(contentName);
+    if (!takeOutput(outputPath(contentName)))
+        return;
     AbstractDownloadPersistentInfo record;
     record.moduleName = HostDownloadsFactory::HttpModule;
     record.resourceUrl = m_options.url.toString(QUrl::FullyEncoded);
@@ -244,8 +257,9 @@ void TernGetJob::startHls(const HlsPlaylistReader::Playlist& playlist, const QUr
     const bool merge = playlist.hasInitSegment;
     if (m_output.isEmpty()) {
         const QString base = QFileInfo(playlistUrl.path()).completeBaseName();
-        m_output = outputPath((base.isEmpty() ? QStringLiteral("stream") : base) +
-                              (merge ? QStringLiteral(".mp4") : QStringLiteral(".ts")));
+        if (!takeOutput(outputPath((base.isEmpty() ? QStringLiteral("stream") : base) +
+                                   (merge ? QStringLiteral(".mp4") : QStringLiteral(".ts")))))
+            return;
     }
     auto* downloader = new IndependentSegmentsDownloader(1, m_factory, m_speedMeter, m_merger);
     QSharedPointer<AbstractDownload> download(downloader, &QObject::deleteLater);
@@ -255,13 +269,15 @@ void TernGetJob::startHls(const HlsPlaylistReader::Playlist& playlist, const QUr
         record.destinationPath = QFileInfo(m_output).absolutePath();
         record.creationTime = QDateTime::currentDateTime();
         AbstractDownloadFileInfo file;
-        // Fragmented MP4 segments are joined as they come and remuxed into the output at the
-        // end, which is what the ".m4s" name asks for.
-        const QString name = QFileInfo(m_output).fileName();
-        file.name = merge ? QFileInfo(m_output).completeBaseName() + QStringLiteral(".m4s") : name;
-        file.tmpPath = QDir(record.destinationPath).filePath(file.name + QStringLiteral(".part"));
+        // The downloader finishes its file under a name of this run's own beside the output
+        // (fragmented MP4 segments are joined as ".m4s" and remuxed into "<name>.part.mp4"); only
+        // a rename at the very end puts it at the output.
+        file.name = QFileInfo(m_output).fileName() +
+                    (merge ? QStringLiteral(".part.m4s") : QStringLiteral(".part"));
+        file.tmpPath = QDir(record.destinationPath).filePath(file.name);
         record.files.append(file);
         downloader->setInfo(record);
+        m_segmentEnds = {qint64(0)};
     } else {
         downloader->setInfo(*m_savedRecord);
     }
@@ -275,22 +291,28 @@ void TernGetJob::startHls(const HlsPlaylistReader::Playlist& playlist, const QUr
     launch(download);
 }
 
-void TernGetJob::resumeSaved(const RecordStore::Entry& entry) {
-    m_output = entry.host.value(kOutput).toString();
-    m_segmentsDone = entry.host.value(kSegmentsDone).toInt();
-    m_segmentsTotal = entry.host.value(kSegmentsTotal).toInt();
-    if (entry.record.isFinished() && QFile::exists(m_output)) {
-        m_printer.note(QStringLiteral("already downloaded: ") + m_output);
-        m_store.remove(m_key);
-        finish(0);
+void TernGetJob::resumeSaved(RecordStore::Entry entry) {
+    if (const QString why = ResumeCheck::impossibility(entry); !why.isEmpty()) {
+        startOver(why);
         return;
     }
+    if (!takeOutput(entry.host.value(ResumeCheck::OutputKey).toString()))
+        return;
+    if (entry.record.isFinished()) {
+        completeSaved(entry);
+        return;
+    }
+    if (!fitToDataFile(entry))
+        return;
+    m_segmentsDone = entry.host.value(ResumeCheck::SegmentsDoneKey).toInt();
+    m_segmentsTotal = entry.host.value(ResumeCheck::SegmentsTotalKey).toInt();
     m_printer.note(QStringLiteral("resuming from saved state"));
-    if (entry.host.value(kKind).toString() == QStringLiteral("hls")) {
+    if (entry.host.value(ResumeCheck::KindKey).toString() == QStringLiteral("hls")) {
         // The segment list is read again; the record says how far it got.
         m_savedRecord = entry.record;
-        QNetworkReply* reply =
-            m_network.get(QNetworkRequest(QUrl(entry.host.value(kPlaylistUrl).toString())));
+        m_segmentEnds = entry.host.value(ResumeCheck::SegmentEndsKey).toList();
+        QNetworkReply* reply = m_network.get(
+            QNetworkRequest(QUrl(entry.host.value(ResumeCheck::PlaylistUrlKey).toString())));
         connect(reply, &QNetworkReply::finished, this, [this, reply] { onProbeAnswer(reply, 1); });
         return;
     }
@@ -316,6 +338,53 @@ void TernGetJob::startMedia() {
     m_media = new TernMediaJob(m_options, services, this);
     connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
     m_media->start();
+}
+
+// The record is kept for a look under another name, never deleted, and the download begins anew.
+void TernGetJob::startOver(const QString& why) {
+    QString error;
+    const QString aside = m_store.setAside(m_key, &error);
+    if (aside.isEmpty()) {
+        fail(QStringLiteral("the saved state cannot be resumed (%1) nor set aside: %2")
+                 .arg(why, error));
+        return;
+    }
+    m_printer.error(QStringLiteral("warning: the saved state cannot be resumed (%1); it is kept as "
+                                   "%2 and the download starts over")
+                        .arg(why, aside));
+    probe(m_options.url, 0);
+}
+
+// A run killed after its data was complete but before it reached the output.
+void TernGetJob::completeSaved(const RecordStore::Entry& entry) {
+    const QString data = ResumeCheck::dataPath(entry);
+    if (data != m_output && QFileInfo(data).isFile()) {
+        moveIntoPlace(data);
+    } else if (QFileInfo::exists(m_output)) {
+        m_printer.note(QStringLiteral("already downloaded: ") + m_output);
+        finish(0);
+    } else {
+        startOver(QStringLiteral("finished, but neither %1 nor %2 exists").arg(data, m_output));
+    }
+}
+
+// The record claims only what its data file holds once this returns true.
+bool TernGetJob::fitToDataFile(RecordStore::Entry& entry) {
+    const QString data = ResumeCheck::dataPath(entry);
+    if (const QString refused = OutputGuard::refusal(data); !refused.isEmpty()) {
+        fail(refused);
+        return false;
+    }
+    const QFileInfo info(data);
+    qint64 cutTo = -1;
+    const QString note = ResumeCheck::fitToFile(entry, info.exists() ? info.size() : -1, &cutTo);
+    if (!note.isEmpty())
+        m_printer.error(QStringLiteral("warning: ") + note);
+    if (cutTo >= 0 && !QFile::resize(data, cutTo)) {
+        fail(QStringLiteral("cannot cut %1 to the %2 bytes saved").arg(data).arg(cutTo));
+        return false;
+    }
+    return true;
 }
 
 void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
@@ -358,6 +427,11 @@ void TernGetJob::onChanged(bool critical) {
 
 void TernGetJob::onSegmentFinished() {
     ++m_segmentsDone;
+    if (!m_segmentEnds.isEmpty())
+        m_segmentEnds.append(
+            m_download->info()
+                .customData.value(IndependentSegmentsDownloader::DownloadedSegmentsTotalKey)
+                .toLongLong());
     scheduleCriticalSave();
 }
 
@@ -386,10 +460,7 @@ void TernGetJob::onRunning(bool running) {
     }
     const auto& info = m_download->info();
     if (info.isFinished()) {
-        if (m_kind == Kind::File)
-            completeFile();
-        else
-            finish(0);
+        moveIntoPlace(AbstractDownloadFileOps::currentFilePath(info, 0));
         return;
     }
     if (m_download->lastError().isSet())
@@ -399,11 +470,10 @@ void TernGetJob::onRunning(bool running) {
             "the download stopped before the end (the playlist is not complete yet)"));
 }
 
-void TernGetJob::completeFile() {
-    const QString part = m_download->info().files.constFirst().tmpPath;
-    QFile::remove(m_output);
-    if (!QFile::rename(part, m_output)) {
-        fail(QStringLiteral("cannot move %1 to %2").arg(part, m_output));
+void TernGetJob::moveIntoPlace(const QString& data) {
+    QString error;
+    if (data != m_output && !OutputGuard::replace(data, m_output, &error)) {
+        fail(error);
         return;
     }
     finish(0);
@@ -417,11 +487,14 @@ void TernGetJob::save() {
     RecordStore::Entry entry;
     entry.record = m_download->info();
     m_savedBytes = entry.record.downloadedBytes();
-    entry.host.insert(kKind, m_kind == Kind::Hls ? QStringLiteral("hls") : QStringLiteral("file"));
-    entry.host.insert(kOutput, m_output);
-    entry.host.insert(kPlaylistUrl, m_playlistUrl.toString(QUrl::FullyEncoded));
-    entry.host.insert(kSegmentsDone, m_segmentsDone);
-    entry.host.insert(kSegmentsTotal, m_segmentsTotal);
+    entry.host.insert(ResumeCheck::KindKey,
+                      m_kind == Kind::Hls ? QStringLiteral("hls") : QStringLiteral("file"));
+    entry.host.insert(ResumeCheck::OutputKey, m_output);
+    entry.host.insert(ResumeCheck::PlaylistUrlKey, m_playlistUrl.toString(QUrl::FullyEncoded));
+    entry.host.insert(ResumeCheck::SegmentsDoneKey, m_segmentsDone);
+    entry.host.insert(ResumeCheck::SegmentsTotalKey, m_segmentsTotal);
+    if (m_kind == Kind::Hls && !m_segmentEnds.isEmpty())
+        entry.host.insert(ResumeCheck::SegmentEndsKey, m_segmentEnds);
     QString error;
     if (!m_store.save(m_key, entry, &error))
         m_printer.error(error);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "hlsplaylistreader.h"
+#include "outputguard.h"
 #include "progressprinter.h"
 #include "recordstore.h"
 
@@ -35,6 +36,8 @@ class TernGetJob : public QObject {
 public:
     // More connections to one server than this help no one and look like abuse.
     static constexpr int MaxConcurrentSegments = 64;
+    // Beyond this, retrying only hides a server that is down.
+    static constexpr int MaxRetries = 100;
 
     struct Options {
         QUrl url;
@@ -72,14 +75,18 @@ private:
     void onProbeAnswer(QNetworkReply* reply, int depth);
     void startFile(const QString& contentName);
     void startHls(const HlsPlaylistReader::Playlist& playlist, const QUrl& playlistUrl);
-    void resumeSaved(const RecordStore::Entry& entry);
+    bool takeOutput(const QString& path);
+    void resumeSaved(RecordStore::Entry entry);
+    void startOver(const QString& why);
+    void completeSaved(const RecordStore::Entry& entry);
+    bool fitToDataFile(RecordStore::Entry& entry);
     // HLS masters, DASH manifests and web pages go to the media job.
     void startMedia();
     void launch(const QSharedPointer<AbstractDownload>& download);
     void onRunning(bool running);
     void onChanged(bool critical);
     void onSegmentFinished();
-    void completeFile();
+    void moveIntoPlace(const QString& data);
     void scheduleCriticalSave();
     void save();
     void showProgress(bool final);
@@ -96,6 +103,7 @@ private:
 
     Options m_options;
     RecordStore m_store;
+    OutputGuard m_guard;
     QNetworkAccessManager m_network;
     QThread m_writers;
     QSharedPointer<HostDownloadsFactory> m_factory;
@@ -111,6 +119,7 @@ private:
     QUrl m_playlistUrl;
     int m_segmentsTotal = 0;
     int m_segmentsDone = 0;
+    QVariantList m_segmentEnds; // see ResumeCheck::SegmentEndsKey; empty when unknown
     bool m_interrupted = false;
     bool m_finished = false;
     bool m_criticalSavePending = false;
