@@ -65,7 +65,10 @@ void FileDataAsyncWriter::open(const QString& name, qint64 offset, bool existing
     clearLastError();
     m_spaceReservationUnsupported = false;
     m_file.setFileName(name);
-    QIODevice::OpenMode mode = QIODevice::ReadWrite | QIODevice::OpenMode(m_openModeFlags);
+    // Unbuffered: every write is flushed at once anyway, and a buffered flush that the disk cuts
+    // short reports "Unknown error" where the write itself reports what ran out.
+    QIODevice::OpenMode mode =
+        QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::OpenMode(m_openModeFlags);
     if (existingOnly)
         mode |= QIODevice::ExistingOnly;
     bool isOpened = m_file.open(mode);

@@ -9,6 +9,7 @@
 #include <QTest>
 #include <QThread>
 
+#include <cerrno>
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -187,16 +188,15 @@ private Q_SLOTS:
     void fullDeviceFailsAndDropsDataUntilCleared() {
         if (!QFileInfo::exists(s("/dev/full")))
             QSKIP("this system has no /dev/full");
-        // A small write is buffered: the full device shows at the flush.
-        m_writer->open(s("/dev/full"), 0);
-        m_writer->processData(QByteArrayLiteral("small"));
-        expectEvents("opened() failed() closed()");
-        expectFailure(384, QFileDevice::ResourceError);
-        // A write larger than the file's buffer goes straight to the device.
-        m_writer->open(s("/dev/full"), 0);
-        m_writer->processData(QByteArray(64 * KiB, 'x'));
-        expectEvents("opened() failed() closed()");
-        expectFailure(140, QFileDevice::ResourceError);
+        // Small and large writes alike go straight to the device and say what ran out.
+        for (const qint64 size : {qint64(5), 64 * KiB}) {
+            m_writer->open(s("/dev/full"), 0);
+            m_writer->processData(QByteArray(size, 'x'));
+            expectEvents("opened() failed() closed()");
+            expectFailure(140, QFileDevice::ResourceError);
+            QCOMPARE(QString::fromStdString(m_writer->lastError().description),
+                     qt_error_string(ENOSPC));
+        }
 
         m_writer->processData(QByteArrayLiteral("dropped"));
         expectEvents("");
@@ -216,6 +216,13 @@ private Q_SLOTS:
         expectEvents("opened() failed() closed()");
         expectFailure(140, QFileDevice::WriteError);
         QCOMPARE(readAll(path("limited.bin")), data.left(100 * KiB));
+        // A small write that the limit cuts short names the cause too.
+        m_writer->open(path("limited-small.bin"), 0);
+        m_writer->processData(data.left(96 * KiB));
+        m_writer->processData(data.mid(96 * KiB, 8 * KiB));
+        expectEvents("opened() data(98304) failed() closed()");
+        expectFailure(140, QFileDevice::WriteError);
+        QCOMPARE(QString::fromStdString(m_writer->lastError().description), qt_error_string(EFBIG));
 
         const auto largerLimit = fileSizeLimit(200 * KiB);
         m_writer->schedulePreallocateOnOpen(1024 * KiB);
