@@ -425,9 +425,11 @@ private Q_SLOTS:
         const QString disk = m_dir.filePath(QStringLiteral("disk"));
         const QString logs = m_dir.filePath(QStringLiteral("disk-logs"));
         QVERIFY(QDir().mkpath(disk) && QDir().mkpath(logs));
+        // Paced, so that the disk fills in the middle of a write as well as at its start.
         const QString script = QStringLiteral(
             "mount -t tmpfs -o size=256k tmpfs \"$1\" || exit 90\n"
-            "\"$2\" \"$3\" -o \"$1/big.bin\" --state-dir \"$4\" 2>\"$5/first.err\"\n"
+            "\"$2\" \"$3\" -o \"$1/big.bin\" --state-dir \"$4\" --limit-rate 400k "
+            "2>\"$5/first.err\"\n"
             "echo $? >\"$5/first.rc\"\n"
             "mount -o remount,size=4m \"$1\" || exit 91\n"
             "\"$2\" \"$3\" -o \"$1/big.bin\" --state-dir \"$4\" 2>\"$5/second.err\"\n"
