@@ -1,6 +1,6 @@
 #include "hostdownloadsfactory.h"
 
-#include "httpdownload.h"
+#include "curlmulti.h"
 
 #include <terncl/core/sourceplace.h>
 
@@ -8,11 +8,12 @@
 
 const QString HostDownloadsFactory::HttpModule = QStringLiteral("http");
 
-HostDownloadsFactory::HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
-                                           QObject* parent)
+HostDownloadsFactory::HostDownloadsFactory(QThread* writersThread, QObject* parent)
     : AbstractDownloadsSimpleFactory(parent)
-    , m_network(network)
+    , m_network(new CurlMulti(this))
     , m_writersThread(writersThread) {}
+
+HostDownloadsFactory::~HostDownloadsFactory() = default;
 
 QSharedPointer<AbstractDownload>
 HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
@@ -27,7 +28,7 @@ HostDownloadsFactory::createModuleDownload(const QString& moduleName,
     const QUrl url(info.resourceUrl);
     const bool http =
         url.scheme() == QStringLiteral("http") || url.scheme() == QStringLiteral("https");
-    if (!m_network || (!moduleName.isEmpty() && moduleName != HttpModule) || !http) {
+    if ((!moduleName.isEmpty() && moduleName != HttpModule) || !http) {
         error = AbstractError(
             1, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
             QStringLiteral("no download can fetch %1").arg(info.resourceUrl).toStdString());
@@ -37,9 +38,11 @@ HostDownloadsFactory::createModuleDownload(const QString& moduleName,
                                           &QObject::deleteLater);
     download->setInfo(info);
     download->setWritersThread(m_writersThread);
-    HttpDownload::Options options;
-    options.maxRetries = m_maxRetries;
+    HttpDownload::Options options = m_options;
+    if (info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload))
+        options.expectedContent = m_segmentContent;
     download->setOptions(options);
     download->setTokenBucket(m_bucket);
+    download->setProxyFactory(m_proxyFactory);
     return download;
 }

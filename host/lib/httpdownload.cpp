@@ -1,39 +1,24 @@
 #include "httpdownload.h"
 
+#include "curlmulti.h"
+#include "curltransfer.h"
+
 #include <terncl/core/qtappdefaultlogger.h>
 #include <terncl/core/sourceplace.h>
 #include <terncl/data/qt/filedataasyncwriter.h>
 
 #include <QDir>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
+#include <QNetworkProxyFactory>
 #include <QNetworkReply>
-#include <QRegularExpression>
 #include <QThread>
+
+#include <utility>
 
 namespace {
 constexpr int pumpIntervalMs = 10;
-constexpr qint64 unlimitedReadBuffer = 0;
-
-bool isTransientNetworkError(QNetworkReply::NetworkError error) {
-    switch (error) {
-    case QNetworkReply::RemoteHostClosedError:
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError: // the transfer time-out cancels the reply
-    case QNetworkReply::TemporaryNetworkFailureError:
-    case QNetworkReply::NetworkSessionFailedError:
-    case QNetworkReply::ProxyTimeoutError:
-    case QNetworkReply::UnknownNetworkError:
-    case QNetworkReply::ConnectionRefusedError:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool isTransientStatus(int status) {
-    return status >= 500 || status == 408 || status == 429;
-}
+// Enough for several MPEG-TS packets and the first box of an MP4 fragment.
+constexpr qsizetype contentCheckBytes = 188 * 5 + 1;
 
 QList<QString> headerLines(const QList<std::pair<QByteArray, QByteArray>>& headers) {
     QList<QString> lines;
@@ -42,23 +27,25 @@ QList<QString> headerLines(const QList<std::pair<QByteArray, QByteArray>>& heade
     return lines;
 }
 
-// "bytes a-b/total": first byte and total (-1 when "*").
-bool parseContentRange(const QByteArray& header, qint64* first, qint64* total) {
-    static const QRegularExpression re(QStringLiteral(R"(^bytes (\d+)-(\d+)/(\d+|\*)$)"));
-    const auto match = re.match(QString::fromLatin1(header.trimmed()));
-    if (!match.hasMatch())
-        return false;
-    *first = match.captured(1).toLongLong();
-    *total = match.captured(3) == QStringLiteral("*") ? -1 : match.captured(3).toLongLong();
-    return true;
+bool isPrintableBoxType(const QByteArray& type) {
+    for (const char c : type) {
+        if (c < 0x20 || c > 0x7e)
+            return false;
+    }
+    return type.size() == 4;
+}
+
+quint32 bigEndian32(const QByteArray& bytes) {
+    return quint32(quint8(bytes.at(0))) << 24 | quint32(quint8(bytes.at(1))) << 16 |
+           quint32(quint8(bytes.at(2))) << 8 | quint32(quint8(bytes.at(3)));
 }
 } // namespace
 
 const QString HttpDownload::SourceKey = QStringLiteral("segmentSource");
 
-HttpDownload::HttpDownload(qint64 id, QNetworkAccessManager* network, QObject* parent)
+HttpDownload::HttpDownload(qint64 id, CurlMulti* network, QObject* parent)
     : AbstractDownload(id, parent)
-    , m_network(network) {
+    , m_multi(network) {
     m_pumpTimer.setInterval(pumpIntervalMs);
     m_pumpTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_pumpTimer, &QTimer::timeout, this, &HttpDownload::pump);
@@ -68,7 +55,7 @@ HttpDownload::HttpDownload(qint64 id, QNetworkAccessManager* network, QObject* p
 }
 
 HttpDownload::~HttpDownload() {
-    releaseReply();
+    releaseTransfer();
     releaseWriter();
 }
 
@@ -125,15 +112,41 @@ void HttpDownload::setNetworkUsageSettings(const NetworkUsageSettings& settings)
     if (settings == m_usageSettings)
         return;
     m_usageSettings = settings;
-    if (!m_reply)
+    if (!m_transfer)
         return;
     const qint64 rate = settings.downloadSpeedLimit;
     m_bucket->setRate(qMax<qint64>(rate, 0));
-    m_reply->setReadBufferSize(rate > 0 ? m_bucket->capacity() * 2 : unlimitedReadBuffer);
     if (rate > 0 && !m_pumpTimer.isActive())
         m_pumpTimer.start();
     else if (rate <= 0)
         pump();
+}
+
+QString HttpDownload::contentTypeMismatch(ExpectedContent expected, const QByteArray& contentType) {
+    const QByteArray type = contentType.trimmed().toLower();
+    if (expected != ExpectedContent::Any && (type.startsWith("text/") || type.contains("html")))
+        return QStringLiteral("the server sent %1 where media was expected")
+            .arg(QString::fromLatin1(contentType));
+    return {};
+}
+
+QString HttpDownload::contentMismatch(ExpectedContent expected, const QByteArray& contentType,
+                                      const QByteArray& first) {
+    const QString typeMismatch = contentTypeMismatch(expected, contentType);
+    if (!typeMismatch.isEmpty() || expected == ExpectedContent::Any)
+        return typeMismatch;
+    if (expected == ExpectedContent::MpegTs) {
+        if (first.isEmpty())
+            return QStringLiteral("the segment is empty");
+        for (qsizetype at = 0; at < first.size(); at += 188) {
+            if (first.at(at) != 0x47)
+                return QStringLiteral("the segment is not MPEG-TS (no sync byte at %1)").arg(at);
+        }
+        return {};
+    }
+    const bool box = first.size() >= 8 && (bigEndian32(first) >= 8 || bigEndian32(first) == 1) &&
+                     isPrintableBoxType(first.mid(4, 4));
+    return box ? QString() : QStringLiteral("the segment does not start with an MP4 box");
 }
 
 qint64 HttpDownload::speed(NetworkTrafficDirection direction, bool) const {
@@ -188,7 +201,7 @@ void HttpDownload::stop(const AbstractError& error) {
         m_lastError = error;
         m_lastErrorTime = QDateTime::currentDateTime();
     }
-    if (m_reply && !m_draining)
+    if (m_transfer && !m_draining)
         endAttempt(Outcome::Aborted, error);
     else if (!m_draining)
         onAttemptDrained();
@@ -202,89 +215,118 @@ void HttpDownload::sendRequest() {
         !src.isByteRange())
         setDone(0);
     const qint64 done = doneBytes();
-    QNetworkRequest request(src.url);
-    for (const auto& [name, value] : src.requestHeaders)
-        request.setRawHeader(name, value);
-    if (!m_networkSettings.userAgent.isEmpty())
-        request.setHeader(QNetworkRequest::UserAgentHeader, m_networkSettings.userAgent);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         m_networkSettings.followRedirects
-                             ? QNetworkRequest::NoLessSafeRedirectPolicy
-                             : QNetworkRequest::ManualRedirectPolicy);
-    request.setTransferTimeout(m_options.transferTimeoutMs);
     m_rangeRequested = done > 0 || src.isByteRange();
-    if (m_rangeRequested) {
-        const qint64 first = src.rangeOffset + done;
-        QByteArray range = "bytes=" + QByteArray::number(first) + '-';
-        if (src.rangeSize >= 0)
-            range += QByteArray::number(src.rangeOffset + src.rangeSize - 1);
-        request.setRawHeader("Range", range);
-    }
     m_accepted = false;
     m_skipBytes = 0;
     m_takeLimit = src.rangeSize >= 0 ? src.rangeSize - done : -1;
     m_outcome = Outcome::None;
     m_outcomeError = {};
+    m_transferDone = false;
+    m_transferError = {};
+    m_buffer.clear();
+    m_checkBuffer.clear();
+    m_checkPending = false;
     ++m_requestId;
-    QList<std::pair<QByteArray, QByteArray>> sent;
-    for (const QByteArray& name : request.rawHeaderList())
-        sent.append({name, request.rawHeader(name)});
+    m_transfer = makeTransfer(src, done);
+    const auto& sent = m_transfer->request().headers;
     Q_EMIT sendingRequestHeaders(
         m_requestId, QList<QString>{QStringLiteral("GET ") + src.url.toString(QUrl::FullyEncoded)} +
                          headerLines(sent));
-
-    m_reply = m_network->get(request);
     const qint64 rate = m_usageSettings.downloadSpeedLimit;
     m_bucket->setRate(qMax<qint64>(rate, 0));
-    m_reply->setReadBufferSize(rate > 0 ? m_bucket->capacity() * 2 : unlimitedReadBuffer);
-    connect(m_reply, &QNetworkReply::readyRead, this, &HttpDownload::onReadyRead);
-    connect(m_reply, &QNetworkReply::finished, this, &HttpDownload::onReplyFinished);
-    connect(m_reply, &QNetworkReply::sslErrors, this,
-            [this](const QList<QSslError>& errors) { m_sslErrors = errors; });
     m_endpoint = {src.url.host(),
                   src.url.port(src.url.scheme() == QStringLiteral("https") ? 443 : 80)};
     setConnected(true);
+    m_transfer->start();
     if (rate > 0)
         m_pumpTimer.start();
 }
 
-void HttpDownload::onReadyRead() {
-    if (!m_accepted && !acceptResponse())
-        return;
-    if (m_usageSettings.downloadSpeedLimit <= 0)
-        takeBytes(m_reply->bytesAvailable());
+CurlTransfer* HttpDownload::makeTransfer(const AbstractDownloadSourceInfo& src, qint64 done) {
+    CurlTransfer::Request request;
+    request.url = src.url;
+    request.headers = src.requestHeaders;
+    if (m_rangeRequested) {
+        QByteArray range = "bytes=" + QByteArray::number(src.rangeOffset + done) + '-';
+        if (src.rangeSize >= 0)
+            range += QByteArray::number(src.rangeOffset + src.rangeSize - 1);
+        request.headers.append({"Range", range});
+    }
+    request.userAgent = m_networkSettings.userAgent;
+    request.networkInterface = m_networkSettings.networkInterface;
+    request.maxRedirects = m_networkSettings.followRedirects ? m_options.maxRedirects : 0;
+    request.verifyTls = !m_networkSettings.ignoreSslErrors;
+    if (m_proxyFactory)
+        request.proxy = m_proxyFactory->queryProxy(QNetworkProxyQuery(src.url))
+                            .value(0, QNetworkProxy(QNetworkProxy::NoProxy));
+    request.connectTimeoutMs = m_options.connectTimeoutMs;
+    request.firstByteTimeoutMs = m_options.firstByteTimeoutMs;
+    request.stallTimeoutMs = m_options.stallTimeoutMs;
+    request.lowSpeedLimit =
+        m_usageSettings.downloadSpeedLimit > 0 ? 0 : qMax(0, m_options.lowSpeedLimit);
+    request.lowSpeedTimeMs = m_options.lowSpeedTimeMs;
+    auto* transfer = new CurlTransfer(m_multi, request, this);
+    transfer->onHeaders = [this](const HttpHeaders& head) {
+        onResponseHead(head);
+    };
+    transfer->onData = [this](const char* data, qsizetype size) {
+        return CurlTransfer::DataAnswer(onBody(data, size));
+    };
+    transfer->onFinished = [this](const AbstractError& error) {
+        onTransferFinished(error);
+    };
+    return transfer;
+}
+
+void HttpDownload::onResponseHead(const HttpHeaders& head) {
+    Q_EMIT gotResponseHeaders(m_requestId,
+                              QList<QString>{QStringLiteral("HTTP/%1 %2 %3")
+                                                 .arg(QString::fromLatin1(head.version()))
+                                                 .arg(head.status())
+                                                 .arg(QString::fromLatin1(head.reason()))} +
+                                  headerLines(head.fields()));
+}
+
+// Runs inside libcurl. Under a speed limit the bytes wait in a buffer that the pump drains at
+// the limit's pace; once that buffer is full the transfer is paused instead of read ahead.
+int HttpDownload::onBody(const char* data, qsizetype size) {
+    using Answer = CurlTransfer::DataAnswer;
+    if (m_draining || (!m_accepted && !acceptResponse()))
+        return int(Answer::Abort);
+    if (m_usageSettings.downloadSpeedLimit > 0) {
+        if (m_buffer.size() >= bufferCapacity())
+            return int(Answer::Pause);
+        m_buffer.append(data, size);
+        return int(Answer::Taken);
+    }
+    consume(QByteArray(data, size));
+    return int(m_draining ? Answer::Abort : Answer::Taken);
+}
+
+qint64 HttpDownload::bufferCapacity() const {
+    return m_bucket->capacity() * 2;
 }
 
 bool HttpDownload::acceptResponse() {
-    const int status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status == 0) {
-        // Not an HTTP answer: a failed reply reports its own error when it finishes.
-        if (m_reply->isFinished() && m_reply->error() == QNetworkReply::NoError)
-            endAttempt(Outcome::Failed,
-                       AbstractError(int(QNetworkReply::ProtocolUnknownError),
-                                     AbstractError::QtNetworkError, TERNCL_SOURCE_PLACE,
-                                     "the answer is not an HTTP response"));
+    const HttpHeaders& head = m_transfer->headers();
+    if (!head.isComplete() || head.status() == 0) {
+        endAttempt(Outcome::Failed, CurlTransfer::networkError(
+                                        int(QNetworkReply::ProtocolUnknownError),
+                                        QStringLiteral("the answer is not an HTTP response")));
         return false;
     }
-    Q_EMIT gotResponseHeaders(
-        m_requestId,
-        QList<QString>{
-            QStringLiteral("HTTP %1 %2")
-                .arg(status)
-                .arg(m_reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString())} +
-            headerLines(m_reply->rawHeaderPairs()));
-    if (!acceptStatus(status))
+    if (!acceptStatus(head))
         return false;
     m_accepted = true;
     return true;
 }
 
-bool HttpDownload::acceptStatus(int status) {
+bool HttpDownload::acceptStatus(const HttpHeaders& head) {
+    const int status = head.status();
     if (status >= 400) {
-        const auto reason =
-            m_reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
-        endAttempt(Outcome::Failed, AbstractError(status, AbstractError::HttpError,
-                                                  TERNCL_SOURCE_PLACE, reason.toStdString()));
+        endAttempt(Outcome::Failed,
+                   AbstractError(status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
+                                 head.reason().toStdString()));
         return false;
     }
     if (status != 200 && status != 206) {
@@ -293,22 +335,32 @@ bool HttpDownload::acceptStatus(int status) {
                                  "unexpected status without a body to save"));
         return false;
     }
-    return prepareRangeResponse(status);
+    const QString mismatch =
+        contentTypeMismatch(m_options.expectedContent, head.value("Content-Type"));
+    if (!mismatch.isEmpty()) {
+        endAttempt(
+            Outcome::Failed,
+            AbstractError(
+                WrongContentError, AbstractError::DownloadError, TERNCL_SOURCE_PLACE,
+                (mismatch + QStringLiteral(" from ") + source().url.toString()).toStdString()));
+        return false;
+    }
+    return prepareRangeResponse(head);
 }
 
 // Decides where the answer's bytes go. Only a 206 that starts exactly where we asked continues
 // the file; a 200 means the whole resource, so a plain download starts over and a byte-range
 // source skips to its range.
-bool HttpDownload::prepareRangeResponse(int status) {
+bool HttpDownload::prepareRangeResponse(const HttpHeaders& head) {
     const AbstractDownloadSourceInfo src = source();
     const qint64 done = doneBytes();
-    const QByteArray acceptRanges = m_reply->rawHeader("Accept-Ranges").trimmed().toLower();
+    const QByteArray acceptRanges = head.value("Accept-Ranges").trimmed().toLower();
     auto& record = file();
     bool restart = false;
-    if (status == 206) {
-        qint64 first = -1, total = -1;
-        const bool valid = parseContentRange(m_reply->rawHeader("Content-Range"), &first, &total);
-        if (!valid || !m_rangeRequested || first != src.rangeOffset + done) {
+    if (head.status() == 206) {
+        HttpHeaders::ContentRange range;
+        const bool valid = HttpHeaders::parseContentRange(head.value("Content-Range"), &range);
+        if (!valid || !m_rangeRequested || range.first != src.rangeOffset + done) {
             endAttempt(Outcome::Failed,
                        AbstractError(206, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
                                      "the server answered another range than the one asked for"));
@@ -316,7 +368,7 @@ bool HttpDownload::prepareRangeResponse(int status) {
         }
         record.resumeSupport = AbstractDownloadFileInfo::ResumeSupported;
         if (record.size < 0)
-            record.size = src.rangeSize >= 0 ? src.rangeSize : (total >= 0 ? total : -1);
+            record.size = src.rangeSize >= 0 ? src.rangeSize : range.total;
     } else {
         restart = done > 0;
         if (restart)
@@ -327,13 +379,16 @@ bool HttpDownload::prepareRangeResponse(int status) {
                                : acceptRanges == "none"
                                    ? AbstractDownloadFileInfo::ResumeNotSupported
                                    : AbstractDownloadFileInfo::ResumeUnknown;
-        const qint64 length = m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+        const qint64 length = head.contentLength();
         if (src.rangeSize >= 0)
             record.size = src.rangeSize;
-        else if (length > 0 || m_reply->hasRawHeader("Content-Length"))
+        else if (length >= 0)
             record.size = length;
     }
-    record.contentType = m_reply->header(QNetworkRequest::ContentTypeHeader).toString();
+    m_contentType = head.value("Content-Type");
+    record.contentType = QString::fromLatin1(m_contentType);
+    // Only the resource's first bytes show what it is.
+    m_checkPending = m_options.expectedContent != ExpectedContent::Any && doneBytes() == 0;
     // Starting over must reach the saved record before the writer cuts the file; anything else
     // learnt here (size, resume support) is learnt again by the next attempt if it is lost.
     const bool truncate = !isShareOfAnotherFile() && doneBytes() == 0;
@@ -341,7 +396,6 @@ bool HttpDownload::prepareRangeResponse(int status) {
     openWriter(truncate);
     return true;
 }
-
 void HttpDownload::openWriter(bool truncate) {
     releaseWriter();
     m_writer = new FileDataAsyncWriter(truncate ? int(QIODevice::Truncate) : 0);
@@ -357,25 +411,28 @@ void HttpDownload::openWriter(bool truncate) {
 }
 
 void HttpDownload::pump() {
-    if (!m_reply || m_draining) {
+    if (!m_transfer || m_draining) {
         m_pumpTimer.stop();
         return;
     }
-    if (!m_accepted && (m_reply->bytesAvailable() == 0 || !acceptResponse()))
-        return;
     const qint64 rate = m_usageSettings.downloadSpeedLimit;
-    if (rate <= 0) {
+    if (rate <= 0)
         m_pumpTimer.stop();
-        takeBytes(m_reply->bytesAvailable());
-        return;
+    const qint64 budget = rate > 0 ? m_bucket->take(m_buffer.size()) : m_buffer.size();
+    if (budget > 0) {
+        QByteArray data = m_buffer.left(budget);
+        m_buffer.remove(0, budget);
+        consume(std::move(data));
     }
-    takeBytes(m_bucket->take(m_reply->bytesAvailable()));
+    if (!m_transfer || m_draining)
+        return;
+    if (m_transfer->isPaused() && (rate <= 0 || m_buffer.size() < bufferCapacity()))
+        m_transfer->setPaused(false);
+    if (m_transfer && !m_draining && m_transferDone && m_buffer.isEmpty())
+        completeAttempt();
 }
 
-void HttpDownload::takeBytes(qint64 budget) {
-    if (!m_reply || budget <= 0)
-        return;
-    QByteArray data = m_reply->read(budget);
+void HttpDownload::consume(QByteArray data) {
     recordSpeed(data.size());
     if (m_skipBytes > 0) {
         const qint64 skipped = qMin<qint64>(m_skipBytes, data.size());
@@ -386,7 +443,7 @@ void HttpDownload::takeBytes(qint64 budget) {
         data.truncate(qMin<qint64>(data.size(), m_takeLimit));
         m_takeLimit -= data.size();
     }
-    if (data.isEmpty())
+    if (!passContentCheck(&data, m_takeLimit == 0) || data.isEmpty())
         return;
     m_sentToWriter += data.size();
     m_writer->processData(data);
@@ -394,43 +451,57 @@ void HttpDownload::takeBytes(qint64 budget) {
         endAttempt(Outcome::Completed, {}); // the rest of a whole-resource answer is not ours
 }
 
-void HttpDownload::onReplyFinished() {
-    if (!m_reply || m_draining)
+// Holds the first bytes back until there are enough to tell what they are (or no more come),
+// so that nothing of a refused body reaches the file.
+bool HttpDownload::passContentCheck(QByteArray* data, bool last) {
+    if (!m_checkPending)
+        return true;
+    m_checkBuffer += *data;
+    data->clear();
+    if (m_checkBuffer.size() < contentCheckBytes && !last)
+        return true;
+    m_checkPending = false;
+    *data = std::exchange(m_checkBuffer, {});
+    const QString mismatch = contentMismatch(m_options.expectedContent, m_contentType, *data);
+    if (mismatch.isEmpty())
+        return true;
+    data->clear();
+    endAttempt(Outcome::Failed,
+               AbstractError(
+                   WrongContentError, AbstractError::DownloadError, TERNCL_SOURCE_PLACE,
+                   (mismatch + QStringLiteral(" from ") + source().url.toString()).toStdString()));
+    return false;
+}
+
+void HttpDownload::onTransferFinished(const AbstractError& error) {
+    if (!m_transfer || m_draining)
         return;
-    if (!m_accepted && m_reply->error() == QNetworkReply::NoError && !acceptResponse())
-        return;
-    if (m_accepted)
-        takeBytes(m_usageSettings.downloadSpeedLimit > 0 ? m_bucket->take(m_reply->bytesAvailable())
-                                                         : m_reply->bytesAvailable());
-    if (!m_reply || m_draining)
-        return;
-    if (m_accepted && m_reply->bytesAvailable() > 0) {
-        // Still rationed by the speed limit: look again after the next pump.
-        connect(&m_pumpTimer, &QTimer::timeout, this, &HttpDownload::onReplyFinished,
-                Qt::SingleShotConnection);
-        return;
-    }
-    completeAttempt();
+    m_transferDone = true;
+    m_transferError = error;
+    if (m_buffer.isEmpty())
+        completeAttempt();
 }
 
 void HttpDownload::completeAttempt() {
-    const auto error = m_reply->error();
-    if (error != QNetworkReply::NoError) {
-        const int status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        const std::string text = m_reply->errorString().toStdString();
-        endAttempt(Outcome::Failed,
-                   status >= 400
-                       ? AbstractError(status, AbstractError::HttpError, TERNCL_SOURCE_PLACE, text)
-                       : AbstractError(int(error), AbstractError::QtNetworkError,
-                                       TERNCL_SOURCE_PLACE, text));
+    if (m_transferError.isSet()) {
+        endAttempt(Outcome::Failed, m_transferError);
         return;
+    }
+    if (!m_accepted && !acceptResponse())
+        return;
+    QByteArray rest;
+    if (m_checkPending && (!passContentCheck(&rest, true) || m_draining))
+        return;
+    if (!rest.isEmpty()) {
+        m_sentToWriter += rest.size();
+        m_writer->processData(rest);
     }
     const qint64 size = file().size;
     if (size >= 0 && m_confirmedBase + m_sentToWriter < size) {
         endAttempt(Outcome::Failed,
-                   AbstractError(int(QNetworkReply::RemoteHostClosedError),
-                                 AbstractError::QtNetworkError, TERNCL_SOURCE_PLACE,
-                                 "the connection ended before the whole body arrived"));
+                   CurlTransfer::networkError(
+                       int(QNetworkReply::RemoteHostClosedError),
+                       QStringLiteral("the connection ended before the whole body arrived")));
         return;
     }
     endAttempt(Outcome::Completed, {});
@@ -445,7 +516,7 @@ void HttpDownload::endAttempt(Outcome outcome, const AbstractError& error) {
     m_outcome = outcome;
     m_outcomeError = error;
     m_pumpTimer.stop();
-    releaseReply();
+    releaseTransfer();
     setConnected(false);
     // Every write the writer owes is reported by its own dataProcessed, so the attempt is drained
     // as soon as the last one arrives; waiting for an extra marker from the writers thread would
@@ -508,9 +579,8 @@ void HttpDownload::finishSuccessfully() {
 
 void HttpDownload::retryOrStop(const AbstractError& error) {
     const bool transient =
-        (error.category == AbstractError::QtNetworkError &&
-         isTransientNetworkError(QNetworkReply::NetworkError(error.code))) ||
-        (error.category == AbstractError::HttpError && isTransientStatus(error.code));
+        CurlTransfer::isTransient(error) ||
+        (error.category == AbstractError::DownloadError && error.code == WrongContentError);
     if (transient && m_attempt < m_options.maxRetries) {
         const int delay = qMin(m_options.retryBaseDelayMs << m_attempt, 10000);
         ++m_attempt;
@@ -548,15 +618,15 @@ void HttpDownload::setConnected(bool connected) {
     Q_EMIT connectionsMapChangedDelta(delta);
 }
 
-void HttpDownload::releaseReply() {
-    if (!m_reply)
+// Called from inside the transfer's callbacks too, hence abort and a later delete.
+void HttpDownload::releaseTransfer() {
+    if (!m_transfer)
         return;
-    m_reply->disconnect(this);
-    // A reply that failed already is ending on its own; aborting it again only warns.
-    if (!m_reply->isFinished() && m_reply->error() == QNetworkReply::NoError)
-        m_reply->abort();
-    m_reply->deleteLater();
-    m_reply = nullptr;
+    m_transfer->abort();
+    m_transfer->deleteLater();
+    m_transfer = nullptr;
+    m_buffer.clear();
+    m_checkBuffer.clear();
 }
 
 void HttpDownload::releaseWriter() {

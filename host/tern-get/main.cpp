@@ -74,10 +74,15 @@ int main(int argc, char** argv) {
         QStringLiteral("Fetch up to N segments of a stream at once (1 to %1).")
             .arg(TernGetJob::MaxConcurrentSegments),
         QStringLiteral("N"), QString::number(TernGetJob::Options().concurrentSegments));
+    const QCommandLineOption stallTimeout(
+        QStringLiteral("stall-timeout"),
+        QStringLiteral("Give up an attempt when no byte arrives for SECONDS (default 30)."),
+        QStringLiteral("SECONDS"), QStringLiteral("30"));
     const QCommandLineOption noSandbox(
         QStringLiteral("no-sandbox"),
         QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
-    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox});
+    parser.addOptions(
+        {output, limitRate, stateDir, retries, concurrentSegments, stallTimeout, noSandbox});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -103,6 +108,13 @@ int main(int argc, char** argv) {
             << Qt::endl;
         return 2;
     }
+    const double stallSeconds = parser.value(stallTimeout).toDouble(&isNumber);
+    if (!isNumber || stallSeconds < 0.1 || stallSeconds > 86400) {
+        err << "tern-get: --stall-timeout takes seconds from 0.1 to 86400: "
+            << parser.value(stallTimeout) << Qt::endl;
+        return 2;
+    }
+    options.stallTimeoutMs = int(stallSeconds * 1000);
     options.sandbox = !parser.isSet(noSandbox);
     if (parser.isSet(limitRate)) {
         options.limitRate = RateText::parse(parser.value(limitRate));

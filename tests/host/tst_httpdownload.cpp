@@ -4,7 +4,7 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
+#include "curlmulti.h"
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -26,7 +26,7 @@ class TestHttpDownload : public QObject {
     Q_OBJECT
 
 private:
-    QNetworkAccessManager m_network;
+    CurlMulti m_network;
     QThread m_writers;
     FaultyHttpServer* m_server = nullptr;
     QTemporaryDir* m_dir = nullptr;
