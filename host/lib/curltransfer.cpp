@@ -110,7 +110,7 @@ void CurlTransfer::start() {
         return;
     m_active = true;
     m_clock.start();
-    m_idleTimer.start(m_request.connectTimeoutMs + m_request.firstByteTimeoutMs);
+    m_idleTimer.start(m_request.firstByteTimeoutMs);
     m_multi->add(this);
 }
 
