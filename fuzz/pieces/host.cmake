@@ -16,3 +16,9 @@ foreach(target fuzz_hlsplaylist fuzz_dashmanifest fuzz_htmlmediapage)
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/host/lib")
   target_link_libraries(${target} PRIVATE LibXml2::LibXml2)
 endforeach()
+
+# The host's HTTP response head reader and Content-Range parser (pure functions, no libcurl).
+# Run: fuzz_httpheaders -dict=fuzz/host/httpheaders.dict CORPUS_DIR fuzz/corpus/httpheaders
+terncl_add_fuzzer(fuzz_httpheaders host/fuzz_httpheaders.cpp
+  "${PROJECT_SOURCE_DIR}/host/lib/httpheaders.cpp")
+target_include_directories(fuzz_httpheaders PRIVATE "${PROJECT_SOURCE_DIR}/host/lib")

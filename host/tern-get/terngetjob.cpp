@@ -66,7 +66,9 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     m_factory.reset(new HostDownloadsFactory(&m_writers));
     HttpDownload::Options downloadOptions;
     downloadOptions.maxRetries = m_options.retries;
+    // Waiting for the first byte of an answer is a stall like any other.
     downloadOptions.stallTimeoutMs = m_options.stallTimeoutMs;
+    downloadOptions.firstByteTimeoutMs = m_options.stallTimeoutMs;
     m_factory->setDownloadOptions(downloadOptions);
     m_speedMeter.reset(new AbstractDownloadsSpeedMeter());
     const QString ffmpeg = QStandardPaths::findExecutable(QStringLiteral("ffmpeg"));
