@@ -6,11 +6,14 @@
 #include <terncl/core/qtappdefaultlogger.h>
 #include <terncl/core/sourceplace.h>
 #include <terncl/data/qt/filedataasyncwriter.h>
+#include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
+#include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
 
 #include <QDir>
 #include <QFileInfo>
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QThread>
 
 #include <utility>
@@ -33,6 +36,12 @@ bool isPrintableBoxType(const QByteArray& type) {
             return false;
     }
     return type.size() == 4;
+}
+
+QString realmOf(const QByteArray& challenge) {
+    static const QRegularExpression re(QStringLiteral(R"re(realm="([^"]*)")re"),
+                                       QRegularExpression::CaseInsensitiveOption);
+    return re.match(QString::fromLatin1(challenge)).captured(1);
 }
 
 quint32 bigEndian32(const QByteArray& bytes) {
@@ -173,6 +182,8 @@ void HttpDownload::start() {
     const bool hadError = m_lastError.isSet();
     clearLastError();
     m_attempt = 0;
+    m_keeperAsked = false;
+    m_requestorAsked = false;
     setRunningState(true);
     if (hadError)
         Q_EMIT changed(false);
@@ -201,6 +212,9 @@ void HttpDownload::stop(const AbstractError& error) {
         m_lastError = error;
         m_lastErrorTime = QDateTime::currentDateTime();
     }
+    if (m_authError.isSet() && m_authRequestor)
+        m_authRequestor->cancelRequest(m_authScope);
+    m_authError = {};
     if (m_transfer && !m_draining)
         endAttempt(Outcome::Aborted, error);
     else if (!m_draining)
@@ -252,6 +266,8 @@ CurlTransfer* HttpDownload::makeTransfer(const AbstractDownloadSourceInfo& src, 
             range += QByteArray::number(src.rangeOffset + src.rangeSize - 1);
         request.headers.append({"Range", range});
     }
+    request.user = m_credentials.user;
+    request.password = m_credentials.password;
     request.userAgent = m_networkSettings.userAgent;
     request.networkInterface = m_networkSettings.networkInterface;
     request.maxRedirects = m_networkSettings.followRedirects ? m_options.maxRedirects : 0;
@@ -323,6 +339,13 @@ bool HttpDownload::acceptResponse() {
 
 bool HttpDownload::acceptStatus(const HttpHeaders& head) {
     const int status = head.status();
+    if (status == 401) {
+        const QUrl url = source().url;
+        m_authScope.kind = QtNetworkAuthScope::Server;
+        m_authScope.url = url.adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath | QUrl::RemoveQuery |
+                                       QUrl::RemoveFragment);
+        m_authScope.realm = realmOf(head.value("WWW-Authenticate"));
+    }
     if (status >= 400) {
         endAttempt(Outcome::Failed,
                    AbstractError(status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
@@ -581,6 +604,8 @@ void HttpDownload::retryOrStop(const AbstractError& error) {
     const bool transient =
         CurlTransfer::isTransient(error) ||
         (error.category == AbstractError::DownloadError && error.code == WrongContentError);
+    if (error.category == AbstractError::HttpError && error.code == 401 && answerChallenge(error))
+        return;
     if (transient && m_attempt < m_options.maxRetries) {
         const int delay = qMin(m_options.retryBaseDelayMs << m_attempt, 10000);
         ++m_attempt;
@@ -595,10 +620,62 @@ void HttpDownload::retryOrStop(const AbstractError& error) {
         m_retryTimer.start(delay);
         return;
     }
+    giveUp(error);
+}
+
+void HttpDownload::giveUp(const AbstractError& error) {
     m_lastError = error;
     m_lastErrorTime = QDateTime::currentDateTime();
     Q_EMIT changed(true);
     setRunningState(false);
+}
+
+void HttpDownload::setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
+                           QtAbstractNetworkAuthRequestor* requestor) {
+    m_passwords = passwords;
+    if (m_authRequestor)
+        m_authRequestor->disconnect(this);
+    m_authRequestor = requestor;
+    if (requestor)
+        connect(requestor, &QtAbstractNetworkAuthRequestor::authRequestFinished, this,
+                &HttpDownload::onAuthAnswered);
+}
+
+// Each source of credentials is tried once per start, so wrong ones end in the 401.
+bool HttpDownload::answerChallenge(const AbstractError& error) {
+    if (m_passwords && !m_keeperAsked) {
+        m_keeperAsked = true;
+        const QtNetworkAuthRecord stored = m_passwords->find(m_authScope);
+        if (!stored.isEmpty() && stored != m_credentials) {
+            m_credentials = stored;
+            sendRequest();
+            return true;
+        }
+    }
+    if (m_authRequestor && !m_requestorAsked) {
+        m_requestorAsked = true;
+        m_authError = error;
+        m_authRequestor->requestAuth(m_authScope);
+        return true;
+    }
+    return false;
+}
+
+void HttpDownload::onAuthAnswered(const QtNetworkAuthScope& scope,
+                                  const QtNetworkAuthRecord& record, bool remember) {
+    if (!m_authError.isSet() || scope != m_authScope)
+        return;
+    const AbstractError error = std::exchange(m_authError, {});
+    if (!m_running || m_stopping)
+        return;
+    if (record.isEmpty()) {
+        giveUp(error);
+        return;
+    }
+    if (m_passwords)
+        m_passwords->save(scope, record, remember);
+    m_credentials = record;
+    sendRequest();
 }
 
 void HttpDownload::setRunningState(bool running) {

@@ -2,6 +2,8 @@
 
 #include <terncl/inet/qt/download/abstractdownload.h>
 #include <terncl/inet/qt/download/abstractdownloadsourceinfo.h>
+#include <terncl/inet/qt/download/qtnetworkauthrecord.h>
+#include <terncl/inet/qt/download/qtnetworkauthscope.h>
 
 #include "httpheaders.h"
 #include "tokenbucket.h"
@@ -17,6 +19,8 @@ class CurlMulti;
 class CurlTransfer;
 class FileDataAsyncWriter;
 class QNetworkProxyFactory;
+class QtAbstractNetworkAuthRequestor;
+class QtAbstractNetworkPasswordsKeeper;
 
 // One HTTP(S) resource fetched into one file. The bytes go through a FileDataAsyncWriter on the
 // writers thread, at the file record's writeOffset plus what is done, so that a segments
@@ -71,6 +75,11 @@ public:
     // Where to ask for the proxy of each request; without one the environment's proxy
     // variables apply.
     void setProxyFactory(QNetworkProxyFactory* factory) { m_proxyFactory = factory; }
+    // Credentials for a server that asks (401, Basic or Digest): those in the URL, else the
+    // keeper's for the server and realm, else the requestor's answer, which the keeper then
+    // stores as the requestor says. Either may be null.
+    void setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
+                 QtAbstractNetworkAuthRequestor* requestor);
 
     // Why the body is refused, or an empty text. first holds the body's first bytes (what
     // arrived of them when it is shorter).
@@ -133,6 +142,10 @@ private:
     void onAttemptDrained();
     void finishSuccessfully();
     void retryOrStop(const AbstractError& error);
+    bool answerChallenge(const AbstractError& error);
+    void onAuthAnswered(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record,
+                        bool remember);
+    void giveUp(const AbstractError& error);
     void setRunningState(bool running);
     void setConnected(bool connected);
     void releaseTransfer();
@@ -149,6 +162,13 @@ private:
 
     QPointer<CurlMulti> m_multi;
     QNetworkProxyFactory* m_proxyFactory = nullptr;
+    QPointer<QtAbstractNetworkPasswordsKeeper> m_passwords;
+    QPointer<QtAbstractNetworkAuthRequestor> m_authRequestor;
+    QtNetworkAuthScope m_authScope;
+    QtNetworkAuthRecord m_credentials;
+    AbstractError m_authError; // the 401 that waits for the requestor's answer
+    bool m_keeperAsked = false;
+    bool m_requestorAsked = false;
     Options m_options;
     AbstractDownloadPersistentInfo m_info;
     AbstractDownloadSettings m_settings;

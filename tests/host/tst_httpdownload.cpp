@@ -4,6 +4,9 @@
 #include "support/nginxserver.h"
 #include "support/testfiles.h"
 
+#include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
+#include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -115,6 +118,39 @@ public:
 
 private:
     QProcess m_process;
+};
+class KeptPasswords : public QtAbstractNetworkPasswordsKeeper {
+public:
+    void save(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record, bool) override {
+        m_records[scope] = record;
+    }
+    QtNetworkAuthRecord find(const QtNetworkAuthScope& scope) const override {
+        return m_records.value(scope);
+    }
+    void remove(const QtNetworkAuthScope& scope) override { m_records.remove(scope); }
+
+private:
+    QMap<QtNetworkAuthScope, QtNetworkAuthRecord> m_records;
+};
+
+// Answers every request with the same credentials, later, as a dialog would.
+class AnsweringRequestor : public QtAbstractNetworkAuthRequestor {
+public:
+    explicit AnsweringRequestor(QtNetworkAuthRecord answer)
+        : m_answer(std::move(answer)) {}
+    void requestAuth(const QtNetworkAuthScope& scope) override {
+        asked.append(scope);
+        QMetaObject::invokeMethod(
+            this, [this, scope] { Q_EMIT authRequestFinished(scope, m_answer, true); },
+            Qt::QueuedConnection);
+    }
+    void cancelRequest(const QtNetworkAuthScope&) override {}
+    bool isRequesting(const QtNetworkAuthScope&) const override { return false; }
+
+    QList<QtNetworkAuthScope> asked;
+
+private:
+    QtNetworkAuthRecord m_answer;
 };
 } // namespace
 
@@ -518,6 +554,37 @@ private Q_SLOTS:
             [&](HttpDownload* starting) { starting->setProxyFactory(&gone); }, options);
         QCOMPARE(download->lastError().code, int(QNetworkReply::ProxyConnectionRefusedError));
         QCOMPARE(m_server->requestCount(QStringLiteral("/p")), before);
+    }
+
+    void credentialsFromUrlKeeperOrRequestor() {
+        const QByteArray body = pattern(5000, 10);
+        m_server->setResource(QStringLiteral("/k"), body);
+        m_server->setCredentials(QStringLiteral("/k"), "ann:s3cret");
+        const auto download = run(record(QStringLiteral("/k")));
+        QCOMPARE(download->lastError().code, 401);
+        QVERIFY(!QFile::exists(target()));
+
+        AbstractDownloadPersistentInfo info = record(QStringLiteral("/k"));
+        QUrl withUser = m_server->url(QStringLiteral("/k"));
+        withUser.setUserInfo(QStringLiteral("ann:s3cret"));
+        info.resourceUrl = withUser.toString();
+        QCOMPARE(run(info)->lastError().code, 0);
+        QCOMPARE(readFile(target()), body);
+
+        // Asked for once, then kept: the second download finds them without asking.
+        KeptPasswords kept;
+        AnsweringRequestor requestor({QStringLiteral("ann"), QStringLiteral("s3cret")});
+        const auto withAuth = [&](HttpDownload* starting) {
+            starting->setAuth(&kept, &requestor);
+        };
+        for (int i = 0; i < 2; ++i) {
+            QFile::remove(target());
+            QCOMPARE(run(record(QStringLiteral("/k")), withAuth)->lastError().code, 0);
+            QCOMPARE(readFile(target()), body);
+        }
+        QCOMPARE(requestor.asked.size(), 1);
+        QCOMPARE(requestor.asked.constFirst().realm, QStringLiteral("tern"));
+        QCOMPARE(kept.find(requestor.asked.constFirst()).user, QStringLiteral("ann"));
     }
 };
 

@@ -57,6 +57,10 @@ void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
     m_faults.insert(path, fault);
 }
 
+void FaultyHttpServer::setCredentials(const QString& path, const QByteArray& userAndPassword) {
+    m_credentials.insert(path, userAndPassword);
+}
+
 void FaultyHttpServer::clearFaults() {
     m_faults.clear();
 }
@@ -86,12 +90,14 @@ void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
         const QList<QByteArray> lines = buffer.left(end).split('\n');
         buffer.remove(0, end + 4);
         const QList<QByteArray> request = lines.value(0).trimmed().split(' ');
-        QByteArray range;
+        QByteArray range, authorization;
         for (const auto& line : lines) {
             if (line.toLower().startsWith("range:"))
                 range = line.mid(6).trimmed();
+            else if (line.toLower().startsWith("authorization:"))
+                authorization = line.mid(14).trimmed();
         }
-        answer(socket, QString::fromLatin1(request.value(1)), range);
+        answer(socket, QString::fromLatin1(request.value(1)), range, authorization);
     }
 }
 
@@ -131,9 +137,18 @@ bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, cons
     return true;
 }
 
-void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range) {
+void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range,
+                              const QByteArray& authorization) {
     const Fault* fault = takeFault(path);
     LogEntry entry{path, range, 0};
+    if (m_credentials.contains(path) &&
+        authorization != "Basic " + m_credentials.value(path).toBase64()) {
+        entry.status = 401;
+        m_log.append(entry);
+        socket->write("HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n"
+                      "Content-Length: 0\r\n\r\n");
+        return;
+    }
     if (fault && answerFault(socket, path, *fault)) {
         m_log.append(entry);
         return;

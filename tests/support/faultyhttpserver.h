@@ -52,6 +52,8 @@ public:
     void setResource(const QString& path, const QByteArray& body,
                      const QByteArray& contentType = {});
     void setFault(const QString& path, const Fault& fault);
+    // Answers 401 (Basic, realm "tern") unless the request carries these "user:password".
+    void setCredentials(const QString& path, const QByteArray& userAndPassword);
     void clearFaults();
 
     QList<LogEntry> accessLog() const { return m_log; }
@@ -61,7 +63,8 @@ private:
     struct Connection;
     void onNewConnection();
     void onReadyRead(QTcpSocket* socket);
-    void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader);
+    void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader,
+                const QByteArray& authorization);
     bool answerFault(QTcpSocket* socket, const QString& path, const Fault& fault);
     void sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
                   const Fault* fault);
@@ -71,6 +74,7 @@ private:
     QTcpServer* m_server;
     QHash<QString, QByteArray> m_resources;
     QHash<QString, QByteArray> m_contentTypes;
+    QHash<QString, QByteArray> m_credentials;
     QHash<QString, Fault> m_faults;
     QHash<QTcpSocket*, QByteArray> m_buffers;
     QList<LogEntry> m_log;
