@@ -44,5 +44,6 @@ HostDownloadsFactory::createModuleDownload(const QString& moduleName,
     download->setOptions(options);
     download->setTokenBucket(m_bucket);
     download->setProxyFactory(m_proxyFactory);
+    download->setAuth(m_passwords, m_authRequestor);
     return download;
 }

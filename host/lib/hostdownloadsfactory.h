@@ -41,11 +41,19 @@ public:
     // What the segments of a stream (records that are part of a parent download) must hold.
     void setSegmentContent(HttpDownload::ExpectedContent content) { m_segmentContent = content; }
     void setProxyFactory(QNetworkProxyFactory* factory) { m_proxyFactory = factory; }
+    // Where the downloads find or ask for credentials (see HttpDownload::setAuth).
+    void setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
+                 QtAbstractNetworkAuthRequestor* requestor) {
+        m_passwords = passwords;
+        m_authRequestor = requestor;
+    }
 
 private:
     CurlMulti* m_network;
     QThread* m_writersThread;
     QNetworkProxyFactory* m_proxyFactory = nullptr;
+    QtAbstractNetworkPasswordsKeeper* m_passwords = nullptr;
+    QtAbstractNetworkAuthRequestor* m_authRequestor = nullptr;
     qint64 m_nextId = 1;
     HttpDownload::Options m_options;
     HttpDownload::ExpectedContent m_segmentContent = HttpDownload::ExpectedContent::Any;
