@@ -4,6 +4,7 @@
 
 #include <terncl/core/sourceplace.h>
 
+#include <QCoreApplication>
 #include <QNetworkReply>
 
 namespace {
@@ -61,8 +62,12 @@ void CurlTransfer::configure() {
     const long verify = m_request.verifyTls ? 1L : 0L;
     curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, verify);
     curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, verify * 2);
-    if (!m_request.userAgent.isEmpty())
-        curl_easy_setopt(m_easy, CURLOPT_USERAGENT, m_request.userAgent.toUtf8().constData());
+    // Some servers turn away requests that do not say who asks.
+    QString agent = m_request.userAgent;
+    if (agent.isEmpty())
+        agent = QCoreApplication::applicationName();
+    if (!agent.isEmpty())
+        curl_easy_setopt(m_easy, CURLOPT_USERAGENT, agent.toUtf8().constData());
     if (!m_request.networkInterface.isEmpty())
         curl_easy_setopt(m_easy, CURLOPT_INTERFACE,
                          m_request.networkInterface.toUtf8().constData());

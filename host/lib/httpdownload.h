@@ -134,8 +134,10 @@ private:
     bool prepareRangeResponse(const HttpHeaders& head);
     void openWriter(bool truncate);
     void pump();
-    void consume(QByteArray data);
-    bool passContentCheck(QByteArray* data, bool last);
+    void consume(QByteArrayView data);
+    void queueWrite(QByteArrayView data);
+    void flushWrites();
+    bool passContentCheck();
     void onDataProcessed(qint64 size);
     void onWriterFailed();
     void endAttempt(Outcome outcome, const AbstractError& error);
@@ -189,6 +191,7 @@ private:
     AbstractError m_transferError;
     bool m_checkPending = false; // the first bytes still have to pass the content check
     QByteArray m_checkBuffer;
+    QByteArray m_pendingWrite; // bytes for the writer, sent in batches
     QByteArray m_contentType;
     FileDataAsyncWriter* m_writer = nullptr;
     qint64 m_requestId = 0;

@@ -414,7 +414,8 @@ private Q_SLOTS:
         using Expected = HttpDownload::ExpectedContent;
         const QByteArray ts = transportStream(40);
         const QByteArray mp4 = QByteArray("\0\0\0\x18moof", 8) + pattern(3000, 6);
-        m_server->setResource(QStringLiteral("/ts"), ts, "video/mp2t");
+        m_server->setResource(QStringLiteral("/ts"), ts, "text/vnd.trolltech.linguist");
+        m_server->setResource(QStringLiteral("/text"), "404 not found", "text/plain");
         m_server->setResource(QStringLiteral("/mp4"), mp4);
         m_server->setResource(QStringLiteral("/junk"), pattern(3000, 7));
         m_server->setResource(QStringLiteral("/html"), ts);
@@ -424,10 +425,10 @@ private Q_SLOTS:
             Expected expected;
             bool accepted;
         } cases[] = {
-            {"/ts", Expected::MpegTs, true},        {"/mp4", Expected::FragmentedMp4, true},
-            {"/junk", Expected::Any, true},         {"/html", Expected::MpegTs, false},
-            {"/junk", Expected::MpegTs, false},     {"/junk", Expected::FragmentedMp4, false},
-            {"/ts", Expected::FragmentedMp4, false}};
+            {"/ts", Expected::MpegTs, true},         {"/mp4", Expected::FragmentedMp4, true},
+            {"/junk", Expected::Any, true},          {"/html", Expected::MpegTs, false},
+            {"/junk", Expected::MpegTs, false},      {"/junk", Expected::FragmentedMp4, false},
+            {"/ts", Expected::FragmentedMp4, false}, {"/text", Expected::MpegTs, false}};
         HttpDownload::Options options;
         options.maxRetries = 1;
         for (const auto& check : cases) {
