@@ -455,6 +455,8 @@ void HttpDownload::pump() {
         QByteArray data = m_buffer.left(budget);
         m_buffer.remove(0, budget);
         consume(data);
+        // Under a limit the file grows at the pump's pace, not in batches.
+        flushWrites();
     }
     if (!m_transfer || m_draining)
         return;

@@ -22,21 +22,22 @@ class QNetworkProxyFactory;
 class QtAbstractNetworkAuthRequestor;
 class QtAbstractNetworkPasswordsKeeper;
 
-// One HTTP(S) resource fetched into one file. The bytes go through a FileDataAsyncWriter on the
-// writers thread, at the file record's writeOffset plus what is done, so that a segments
-// downloader can point several of these at one file. Lives on the main thread.
+// One HTTP(S) resource fetched into one file with libcurl, on a CurlMulti shared with the other
+// downloads of the same factory. The bytes go through a FileDataAsyncWriter on the writers
+// thread, at the file record's writeOffset plus what is done, so that a segments downloader can
+// point several of these at one file. Lives on the main thread.
 //
 // Resuming asks for the missing bytes with a Range request and takes the answer only when it is
 // a 206 whose Content-Range starts where it asked; a 200 restarts the file from its start, and an
 // error status never reaches the file. The download speed limit of its usage settings is held
-// with a token bucket over a bounded read buffer, so the rate stays smooth. Transient failures
-// (connection reset, time-outs, 5xx) are retried with back-off before the download stops.
-// Nothing waits forever: connecting, the first byte of an answer, every next byte (the stall
-// time-out) and a trickle below a floor speed all have time limits, and response heads are
-// capped. A download that fetches a segment of a stream can be told what the segment must hold,
-// so that an error page answered with 200 is refused before a byte of it is written.
-// The record's "done" bytes advance only once the writer has flushed them, so a record saved at
-// any moment never claims bytes that are not in the file.
+// with a token bucket over a bounded buffer; when that is full the transfer is paused rather than
+// read ahead, so the rate stays smooth. Transient failures (connection reset, time-outs, 5xx) are
+// retried with back-off before the download stops. Nothing waits forever: connecting, the first
+// byte of an answer, every next byte (the stall time-out) and a trickle below a floor speed all
+// have time limits, and response heads are capped. A download that fetches a segment of a stream
+// can be told what the segment must hold, so that an error page answered with 200 is refused
+// before a byte of it is written. The record's "done" bytes advance only once the writer has
+// flushed them, so a record saved at any moment never claims bytes that are not in the file.
 class HttpDownload final : public AbstractDownload {
     Q_OBJECT
 
