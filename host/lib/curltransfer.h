@@ -37,8 +37,8 @@ public:
         QString networkInterface; // empty: any
         int maxRedirects = 10;    // 0: redirects are answers like any other
         bool verifyTls = true;
-        // NoProxy and DefaultProxy with an empty host leave libcurl's own choice (the
-        // environment's *_proxy variables).
+        // DefaultProxy: the application proxy, or libcurl's own choice (the environment's
+        // *_proxy variables) when there is none. NoProxy: none at all.
         QNetworkProxy proxy = QNetworkProxy(QNetworkProxy::DefaultProxy);
         QString user; // credentials for the server; those in the URL work as well
         QString password;
@@ -53,7 +53,7 @@ public:
 
     // Every complete response head, including those of redirects that are followed.
     std::function<void(const HttpHeaders&)> onHeaders;
-    // Body bytes of the final answer. Pause keeps them: they come again after setPaused(false).
+    // Body bytes of the last answer, whatever its status. Pause keeps them: they come again after setPaused(false).
     std::function<DataAnswer(const char* data, qsizetype size)> onData;
     // Once, unless aborted: no error for any complete HTTP answer, whatever its status.
     std::function<void(const AbstractError&)> onFinished;
