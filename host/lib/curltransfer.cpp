@@ -5,6 +5,7 @@
 #include <terncl/core/sourceplace.h>
 
 #include <QCoreApplication>
+#include <QHash>
 #include <QNetworkReply>
 
 namespace {
@@ -158,6 +159,25 @@ long CurlTransfer::httpVersion() const {
     long version = 0;
     curl_easy_getinfo(m_easy, CURLINFO_HTTP_VERSION, &version);
     return version;
+}
+
+// OpenSSL's verification results (X509_V_ERR_*) as Qt names them. A chain that verified but
+// failed libcurl's own check of the name leaves the result at 0.
+QList<QSslError> CurlTransfer::tlsErrors() const {
+    static const QHash<long, QSslError::SslError> known{
+        {0, QSslError::HostNameMismatch},
+        {2, QSslError::UnableToGetIssuerCertificate},
+        {9, QSslError::CertificateNotYetValid},
+        {10, QSslError::CertificateExpired},
+        {18, QSslError::SelfSignedCertificate},
+        {19, QSslError::SelfSignedCertificateInChain},
+        {20, QSslError::UnableToGetLocalIssuerCertificate},
+        {21, QSslError::UnableToVerifyFirstCertificate},
+        {23, QSslError::CertificateRevoked},
+        {62, QSslError::HostNameMismatch}};
+    long result = 0;
+    curl_easy_getinfo(m_easy, CURLINFO_SSL_VERIFYRESULT, &result);
+    return {QSslError(known.value(result, QSslError::UnspecifiedError))};
 }
 
 size_t CurlTransfer::headerCallback(char* data, size_t size, size_t count, void* self) {

@@ -10,6 +10,7 @@
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
+#include <QSslError>
 #include <QTimer>
 #include <QUrl>
 
@@ -53,7 +54,8 @@ public:
 
     // Every complete response head, including those of redirects that are followed.
     std::function<void(const HttpHeaders&)> onHeaders;
-    // Body bytes of the last answer, whatever its status. Pause keeps them: they come again after setPaused(false).
+    // Body bytes of the last answer, whatever its status. Pause keeps them: they come again after
+    // setPaused(false).
     std::function<DataAnswer(const char* data, qsizetype size)> onData;
     // Once, unless aborted: no error for any complete HTTP answer, whatever its status.
     std::function<void(const AbstractError&)> onFinished;
@@ -70,6 +72,8 @@ public:
     const HttpHeaders& headers() const { return m_headers; }
     QUrl effectiveUrl() const;
     long httpVersion() const; // CURL_HTTP_VERSION_1_1, CURL_HTTP_VERSION_2_0...
+    // Why the server's certificate did not verify, after a failed TLS handshake.
+    QList<QSslError> tlsErrors() const;
     const Request& request() const { return m_request; }
 
     // Failures that may pass if the same request is made again later.

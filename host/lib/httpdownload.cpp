@@ -531,6 +531,9 @@ void HttpDownload::onTransferFinished(const AbstractError& error) {
         return;
     m_transferDone = true;
     m_transferError = error;
+    if (error.category == AbstractError::QtNetworkError &&
+        error.code == int(QNetworkReply::SslHandshakeFailedError))
+        m_sslErrors = m_transfer->tlsErrors();
     if (m_buffer.isEmpty())
         completeAttempt();
 }

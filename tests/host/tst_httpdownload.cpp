@@ -496,6 +496,7 @@ private Q_SLOTS:
             download = run(info, watch);
             QCOMPARE(download->lastError().code, int(QNetworkReply::SslHandshakeFailedError));
             QVERIFY(errorText(download).contains(QStringLiteral("does not verify")));
+            QCOMPARE(download->lastSslErrors().value(0).error(), QSslError::SelfSignedCertificate);
             QVERIFY(!QFile::exists(target()));
         }
     }
