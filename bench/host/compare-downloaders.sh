@@ -4,8 +4,9 @@
 # accuracy of tern-get, curl and aria2c at 2 MiB/s over 20 s.
 #   bench/host/compare-downloaders.sh BUILD-DIR [WORK-DIR] [RUNS]
 # With a build configured with -DTERNCL_BUILD_BENCH=ON it also times bench_qnamsequential, plain
-# QNetworkAccessManager fetching the same URLs, which is the floor for tern-get's HTTP stack.
-# Needs: ffmpeg nginx curl aria2 yt-dlp python3 (scripts/install-deps --bench).
+# QNetworkAccessManager fetching the same URLs, for comparison with the libcurl engine.
+# Besides wall time it reports user+sys CPU time per MiB of each program.
+# Needs: ffmpeg nginx curl aria2 yt-dlp python3 time bc (scripts/install-deps --bench).
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "${1:?build dir}" && pwd)"
@@ -46,26 +47,29 @@ url="http://127.0.0.1:$port/s/index.m3u8"
 grep -v '^#' www/s/index.m3u8 | sed "s|^|http://127.0.0.1:$port/s/|" > urls.txt
 
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+mib=$(echo "scale=3; $bytes / 1048576" | bc)
 timeit() { # name command...
   local name=$1; shift
-  local times=()
+  local times=() cpus=()
   for _ in $(seq "$runs"); do
     rm -rf out state && mkdir -p out
-    local start end
-    start=$(date +%s.%N)
-    "$@" > /dev/null 2>&1 || { echo "$name failed" >&2; return 0; }
-    end=$(date +%s.%N)
-    times+=("$(echo "$end - $start" | bc)")
+    # User and system time include the children a program waits for (curl under sh).
+    /usr/bin/time -f '%e %U %S' -o time.txt "$@" > /dev/null 2>&1 || { echo "$name failed" >&2; return 0; }
+    times+=("$(awk 'END {print $1}' time.txt)")
+    cpus+=("$(awk 'END {print $2 + $3}' time.txt)")
   done
-  local m
+  local m c
   m=$(printf '%s\n' "${times[@]}" | median)
-  printf '%-34s %8.3f s\n' "$name" "$m"
-  echo "$name $m" >> results.txt
+  c=$(printf '%s\n' "${cpus[@]}" | median)
+  printf '%-34s %8.3f s  CPU %7.3f s  %6.2f ms CPU/MiB\n' "$name" "$m" "$c" \
+    "$(echo "scale=3; $c * 1000 / $mib" | bc)"
+  echo "$name|$m|$c" >> results.txt
 }
 rm -f results.txt
 echo
-echo "Wall time, median of $runs runs:"
-timeit "tern-get" "$tern_get" "$url" -o out/s.ts --state-dir state
+echo "Wall time and user+sys CPU, median of $runs runs:"
+timeit "tern-get -N 1" "$tern_get" "$url" -o out/s.ts --state-dir state -N 1
+timeit "tern-get (default -N)" "$tern_get" "$url" -o out/s.ts --state-dir state
 timeit "curl (one connection, sequential)" sh -c "curl -s \$(cat urls.txt) > out/s.ts"
 if [ -x "$build/bench/bench_qnamsequential" ]; then
   timeit "QNetworkAccessManager alone" "$build/bench/bench_qnamsequential" urls.txt out/s.ts
@@ -78,13 +82,14 @@ fi
 if command -v aria2c > /dev/null; then
   timeit "aria2c (one connection)" aria2c -q -i urls.txt -d out -j1 -x1 -s1 --allow-overwrite=true
 fi
-tern=$(awk '/^tern-get /{print $2}' results.txt)
-curl_time=$(awk '/^curl /{print $NF}' results.txt)
-echo "tern-get / curl = $(echo "scale=3; $tern / $curl_time" | bc)"
-floor=$(awk '/^QNetworkAccessManager /{print $NF}' results.txt)
+field() { awk -F'|' -v n="$1" -v f="$2" '$1 == n {print $f}' results.txt; }
+tern=$(field "tern-get -N 1" 2)
+curl_time=$(field "curl (one connection, sequential)" 2)
+echo "tern-get -N 1 / curl, wall time = $(echo "scale=3; $tern / $curl_time" | bc)"
+echo "tern-get -N 1 / curl, user+sys = $(echo "scale=3; $(field "tern-get -N 1" 3) / $(field "curl (one connection, sequential)" 3)" | bc)"
+floor=$(field "QNetworkAccessManager alone" 2)
 if [ -n "$floor" ]; then
   echo "QNetworkAccessManager alone / curl = $(echo "scale=3; $floor / $curl_time" | bc)"
-  echo "tern-get / QNetworkAccessManager alone = $(echo "scale=3; $tern / $floor" | bc)"
 fi
 
 echo

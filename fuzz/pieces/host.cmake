@@ -25,3 +25,9 @@ terncl_add_fuzzer(fuzz_recordstore host/fuzz_recordstore.cpp
   "${PROJECT_SOURCE_DIR}/host/tern-get/resumecheck.cpp")
 target_include_directories(fuzz_recordstore PRIVATE
   "${PROJECT_SOURCE_DIR}/host/lib" "${PROJECT_SOURCE_DIR}/host/tern-get")
+
+# The host's HTTP response head reader and Content-Range parser (pure functions, no libcurl).
+# Run: fuzz_httpheaders -dict=fuzz/host/httpheaders.dict CORPUS_DIR fuzz/corpus/httpheaders
+terncl_add_fuzzer(fuzz_httpheaders host/fuzz_httpheaders.cpp
+  "${PROJECT_SOURCE_DIR}/host/lib/httpheaders.cpp")
+target_include_directories(fuzz_httpheaders PRIVATE "${PROJECT_SOURCE_DIR}/host/lib")

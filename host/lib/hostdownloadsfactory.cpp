@@ -1,5 +1,6 @@
 #include "hostdownloadsfactory.h"
 
+#include "curlmulti.h"
 #include "httpdownload.h"
 #include "httpfilemodule.h"
 
@@ -10,10 +11,9 @@
 const QString HostDownloadsFactory::HttpModule = QStringLiteral("http");
 const QString HostDownloadsFactory::PlainFileModule = QStringLiteral("downloadswww");
 
-HostDownloadsFactory::HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
-                                           QObject* parent)
+HostDownloadsFactory::HostDownloadsFactory(QThread* writersThread, QObject* parent)
     : AbstractDownloadsSimpleFactory(parent)
-    , m_network(network)
+    , m_network(new CurlMulti(this))
     , m_writersThread(writersThread) {
     const auto creator = [this](qint64 id, const AbstractDownloadPersistentInfo& info,
                                 AbstractError& error) {
@@ -25,6 +25,8 @@ HostDownloadsFactory::HostDownloadsFactory(QNetworkAccessManager* network, QThre
     m_keeper.onFinishedAddingModules();
     m_keeper.initializeModules(true);
 }
+
+HostDownloadsFactory::~HostDownloadsFactory() = default;
 
 QSharedPointer<AbstractDownload>
 HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
@@ -59,9 +61,12 @@ HostDownloadsFactory::createHttpDownload(qint64 id, const AbstractDownloadPersis
     QSharedPointer<HttpDownload> download(new HttpDownload(id, m_network), &QObject::deleteLater);
     download->setInfo(info);
     download->setWritersThread(m_writersThread);
-    HttpDownload::Options options;
-    options.maxRetries = m_maxRetries;
+    HttpDownload::Options options = m_options;
+    if (info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload))
+        options.expectedContent = m_segmentContent;
     download->setOptions(options);
     download->setTokenBucket(m_bucket);
+    download->setProxyFactory(m_proxyFactory);
+    download->setAuth(m_passwords, m_authRequestor);
     return download;
 }

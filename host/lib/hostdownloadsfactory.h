@@ -1,19 +1,22 @@
 #pragma once
 
+#include "httpdownload.h"
 #include "tokenbucket.h"
 
 #include <terncl/core/abstractdownloadsmoduleskeeper.h>
 #include <terncl/inet/qt/download/abstractdownloadssimplefactory.h>
 
-#include <QNetworkAccessManager>
 #include <QPointer>
 
+class CurlMulti;
+class QNetworkProxyFactory;
 class QThread;
 
 // Makes the host's downloads. Every record becomes an HttpDownload (the only protocol the host
-// speaks), with a new id, the shared network access manager and the writers thread. Its
-// downloads share one speed-limit bucket: the segments of a stream run one after another or
-// several at once, and the limit must hold across all of them.
+// speaks), with a new id and the writers thread. All of them run on the factory's one HTTP
+// engine, so that they reuse its connections, and share one speed-limit bucket: the segments of
+// a stream run one after another or several at once, and the limit must hold across all of them.
+// Main thread.
 //
 // Downloads are made through the keeper of the host's download modules, by the record's module
 // name or, for a record without one, by the first module that takes its address. A module whose
@@ -25,8 +28,8 @@ public:
     static const QString HttpModule;      // "http"
     static const QString PlainFileModule; // "downloadswww"
 
-    HostDownloadsFactory(QNetworkAccessManager* network, QThread* writersThread,
-                         QObject* parent = nullptr);
+    explicit HostDownloadsFactory(QThread* writersThread, QObject* parent = nullptr);
+    ~HostDownloadsFactory() override;
 
     QSharedPointer<AbstractDownload> createDownload(const AbstractDownloadPersistentInfo& info,
                                                     AbstractError& error) override;
@@ -34,8 +37,22 @@ public:
     createModuleDownload(const QString& moduleName, const AbstractDownloadPersistentInfo& info,
                          const QVariant& initData, AbstractError& error) override;
 
-    // Transient-failure retries of the downloads it makes.
-    void setMaxRetries(int retries) { m_maxRetries = retries; }
+    // The engine the downloads run on, for other requests that should share its connections.
+    CurlMulti* network() const { return m_network; }
+
+    // Retries, time-outs and redirects of the downloads it makes.
+    void setDownloadOptions(const HttpDownload::Options& options) { m_options = options; }
+    const HttpDownload::Options& downloadOptions() const { return m_options; }
+    void setMaxRetries(int retries) { m_options.maxRetries = retries; }
+    // What the segments of a stream (records that are part of a parent download) must hold.
+    void setSegmentContent(HttpDownload::ExpectedContent content) { m_segmentContent = content; }
+    void setProxyFactory(QNetworkProxyFactory* factory) { m_proxyFactory = factory; }
+    // Where the downloads find or ask for credentials (see HttpDownload::setAuth).
+    void setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
+                 QtAbstractNetworkAuthRequestor* requestor) {
+        m_passwords = passwords;
+        m_authRequestor = requestor;
+    }
 
     // The keeper of the modules above, initialized by the constructor; more can be added.
     AbstractDownloadsModulesKeeper* modulesKeeper() { return &m_keeper; }
@@ -44,10 +61,14 @@ private:
     QSharedPointer<AbstractDownload>
     createHttpDownload(qint64 id, const AbstractDownloadPersistentInfo& info, AbstractError& error);
 
-    QPointer<QNetworkAccessManager> m_network;
+    CurlMulti* m_network;
     QThread* m_writersThread;
+    QNetworkProxyFactory* m_proxyFactory = nullptr;
+    QtAbstractNetworkPasswordsKeeper* m_passwords = nullptr;
+    QtAbstractNetworkAuthRequestor* m_authRequestor = nullptr;
     qint64 m_nextId = 1;
-    int m_maxRetries = 5;
+    HttpDownload::Options m_options;
+    HttpDownload::ExpectedContent m_segmentContent = HttpDownload::ExpectedContent::Any;
     QSharedPointer<TokenBucket> m_bucket = QSharedPointer<TokenBucket>::create();
     AbstractDownloadsModulesKeeper m_keeper;
 };

@@ -8,7 +8,7 @@ const QString HostMediaDownload::ModuleName = QStringLiteral("media");
 HostMediaDownload::HostMediaDownload(qint64 id,
                                      QWeakPointer<AbstractDownloadsSimpleFactory> factory,
                                      const QWeakPointer<QtFfmpegAvMerger>& avMerger,
-                                     QNetworkAccessManager* network, QObject* parent)
+                                     CurlMulti* network, QObject* parent)
     : AbstractMediaDownload(id, ModuleName, std::move(factory), avMerger, parent)
     , m_network(network) {}
 

@@ -8,7 +8,7 @@
 
 #include <functional>
 
-class QNetworkAccessManager;
+class CurlMulti;
 
 // The host's media download: its parse reads the record's URL (an HLS master or media
 // playlist, a DASH manifest, or a web page whose playlists and manifests are expanded) with
@@ -28,8 +28,8 @@ public:
     using VersionChooser = std::function<int(const QList<CompositeVersion>& versions)>;
 
     HostMediaDownload(qint64 id, QWeakPointer<AbstractDownloadsSimpleFactory> factory,
-                      const QWeakPointer<QtFfmpegAvMerger>& avMerger,
-                      QNetworkAccessManager* network, QObject* parent = nullptr);
+                      const QWeakPointer<QtFfmpegAvMerger>& avMerger, CurlMulti* network,
+                      QObject* parent = nullptr);
     ~HostMediaDownload() override;
 
     void setVersionChooser(VersionChooser chooser) { m_chooser = std::move(chooser); }
@@ -44,7 +44,7 @@ private:
     void onProbed(const AbstractError& error);
     AbstractError applyChoice();
 
-    QPointer<QNetworkAccessManager> m_network;
+    QPointer<CurlMulti> m_network;
     MediaProbe* m_probe = nullptr;
     VersionChooser m_chooser;
 };

@@ -2,7 +2,10 @@
 
 #include <terncl/inet/qt/download/abstractdownload.h>
 #include <terncl/inet/qt/download/abstractdownloadsourceinfo.h>
+#include <terncl/inet/qt/download/qtnetworkauthrecord.h>
+#include <terncl/inet/qt/download/qtnetworkauthscope.h>
 
+#include "httpheaders.h"
 #include "tokenbucket.h"
 
 #include <QElapsedTimer>
@@ -12,42 +15,78 @@
 
 #include <deque>
 
+class CurlMulti;
+class CurlTransfer;
 class FileDataAsyncWriter;
-class QNetworkAccessManager;
-class QNetworkReply;
+class QNetworkProxyFactory;
+class QtAbstractNetworkAuthRequestor;
+class QtAbstractNetworkPasswordsKeeper;
 
-// One HTTP(S) resource fetched into one file. The bytes go through a FileDataAsyncWriter on the
-// writers thread, at the file record's writeOffset plus what is done, so that a segments
-// downloader can point several of these at one file. Lives on the main thread.
+// One HTTP(S) resource fetched into one file with libcurl, on a CurlMulti shared with the other
+// downloads of the same factory. The bytes go through a FileDataAsyncWriter on the writers
+// thread, at the file record's writeOffset plus what is done, so that a segments downloader can
+// point several of these at one file. Lives on the main thread.
 //
 // Resuming asks for the missing bytes with a Range request and takes the answer only when it is
 // a 206 whose Content-Range starts where it asked; a 200 restarts the file from its start, and an
 // error status never reaches the file. The download speed limit of its usage settings is held
-// with a token bucket over a bounded read buffer, so the rate stays smooth. Transient failures
-// (connection reset, time-outs, 5xx) are retried with back-off before the download stops.
-// The record's "done" bytes advance only once the writer has flushed them, so a record saved at
-// any moment never claims bytes that are not in the file.
+// with a token bucket over a bounded buffer; when that is full the transfer is paused rather than
+// read ahead, so the rate stays smooth. Transient failures (connection reset, time-outs, 5xx) are
+// retried with back-off before the download stops. Nothing waits forever: connecting, the first
+// byte of an answer, every next byte (the stall time-out) and a trickle below a floor speed all
+// have time limits, and response heads are capped. A download that fetches a segment of a stream
+// can be told what the segment must hold, so that an error page answered with 200 is refused
+// before a byte of it is written. The record's "done" bytes advance only once the writer has
+// flushed them, so a record saved at any moment never claims bytes that are not in the file.
 class HttpDownload final : public AbstractDownload {
     Q_OBJECT
 
 public:
+    // What the body must be; checked on its Content-Type and its first bytes.
+    enum class ExpectedContent { Any, MpegTs, FragmentedMp4 };
+
     struct Options {
         int maxRetries = 5;
         int retryBaseDelayMs = 500;
-        int transferTimeoutMs = 30000;
+        int connectTimeoutMs = 30000;
+        int firstByteTimeoutMs = 30000;
+        int stallTimeoutMs = 30000;
+        // Slower than this for lowSpeedTimeMs counts as a failed attempt; off under a speed
+        // limit, which makes a download slow on purpose.
+        int lowSpeedLimit = 1024;
+        int lowSpeedTimeMs = 60000;
+        int maxRedirects = 10;
+        ExpectedContent expectedContent = ExpectedContent::Any;
     };
+
+    // An unexpected body: an error page, or bytes of another kind than the segment's container.
+    static constexpr int WrongContentError = 1;
 
     // The custom-data key that carries this download's AbstractDownloadSourceInfo (request
     // headers and byte range); without it the record's resourceUrl is fetched whole.
     static const QString SourceKey;
 
-    HttpDownload(qint64 id, QNetworkAccessManager* network, QObject* parent = nullptr);
+    HttpDownload(qint64 id, CurlMulti* network, QObject* parent = nullptr);
     ~HttpDownload() override;
 
     void setOptions(const Options& options) { m_options = options; }
     // Shares the speed limit's bucket with other downloads (the segments of one stream); by
     // default each download has its own.
     void setTokenBucket(const QSharedPointer<TokenBucket>& bucket) { m_bucket = bucket; }
+    // Where to ask for the proxy of each request; without one the environment's proxy
+    // variables apply.
+    void setProxyFactory(QNetworkProxyFactory* factory) { m_proxyFactory = factory; }
+    // Credentials for a server that asks (401, Basic or Digest): those in the URL, else the
+    // keeper's for the server and realm, else the requestor's answer, which the keeper then
+    // stores as the requestor says. Either may be null.
+    void setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
+                 QtAbstractNetworkAuthRequestor* requestor);
+
+    // Why the body is refused, or an empty text. first holds the body's first bytes (what
+    // arrived of them when it is shorter).
+    static QString contentTypeMismatch(ExpectedContent expected, const QByteArray& contentType);
+    static QString contentMismatch(ExpectedContent expected, const QByteArray& contentType,
+                                   const QByteArray& first);
 
     void doCommand(AbstractDownloadCommand command) override;
     const AbstractDownloadPersistentInfo& info() const override { return m_info; }
@@ -86,26 +125,36 @@ private:
     void start();
     void stop(const AbstractError& error);
     void sendRequest();
-    void onReadyRead();
-    void onReplyFinished();
+    CurlTransfer* makeTransfer(const AbstractDownloadSourceInfo& source, qint64 done);
+    void onResponseHead(const HttpHeaders& head);
+    int onBody(const char* data, qsizetype size);
+    void onTransferFinished(const AbstractError& error);
     void completeAttempt();
     bool acceptResponse();
-    bool acceptStatus(int status);
-    bool prepareRangeResponse(int status);
+    bool acceptStatus(const HttpHeaders& head);
+    bool prepareRangeResponse(const HttpHeaders& head);
     void openWriter(bool truncate);
     void pump();
-    void takeBytes(qint64 budget);
+    void consume(QByteArrayView data);
+    void queueWrite(QByteArrayView data);
+    void flushWrites();
+    bool passContentCheck();
     void onDataProcessed(qint64 size);
     void onWriterFailed();
     void endAttempt(Outcome outcome, const AbstractError& error);
     void onAttemptDrained();
     void finishSuccessfully();
     void retryOrStop(const AbstractError& error);
+    bool answerChallenge(const AbstractError& error);
+    void onAuthAnswered(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record,
+                        bool remember);
+    void giveUp(const AbstractError& error);
     void setRunningState(bool running);
     void setConnected(bool connected);
-    void releaseReply();
+    void releaseTransfer();
     void releaseWriter();
     void recordSpeed(qint64 bytes);
+    qint64 bufferCapacity() const;
 
     AbstractDownloadFileInfo& file();
     QString targetPath() const;
@@ -114,7 +163,15 @@ private:
     bool isShareOfAnotherFile() const;
     void setDone(qint64 done);
 
-    QNetworkAccessManager* m_network;
+    QPointer<CurlMulti> m_multi;
+    QNetworkProxyFactory* m_proxyFactory = nullptr;
+    QPointer<QtAbstractNetworkPasswordsKeeper> m_passwords;
+    QPointer<QtAbstractNetworkAuthRequestor> m_authRequestor;
+    QtNetworkAuthScope m_authScope;
+    QtNetworkAuthRecord m_credentials;
+    AbstractError m_authError; // the 401 that waits for the requestor's answer
+    bool m_keeperAsked = false;
+    bool m_requestorAsked = false;
     Options m_options;
     AbstractDownloadPersistentInfo m_info;
     AbstractDownloadSettings m_settings;
@@ -129,7 +186,14 @@ private:
 
     bool m_running = false;
     bool m_stopping = false;
-    QPointer<QNetworkReply> m_reply;
+    QPointer<CurlTransfer> m_transfer;
+    QByteArray m_buffer; // bytes held back by the speed limit
+    bool m_transferDone = false;
+    AbstractError m_transferError;
+    bool m_checkPending = false; // the first bytes still have to pass the content check
+    QByteArray m_checkBuffer;
+    QByteArray m_pendingWrite; // bytes for the writer, sent in batches
+    QByteArray m_contentType;
     FileDataAsyncWriter* m_writer = nullptr;
     qint64 m_requestId = 0;
     int m_attempt = 0;

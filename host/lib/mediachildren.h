@@ -1,5 +1,7 @@
 #pragma once
 
+#include "curlmulti.h"
+
 #include <terncl/core/abstracterror.h>
 #include <terncl/inet/qt/download/abstractdownloadpersistentinfo.h>
 
@@ -14,7 +16,7 @@
 class AbstractDownload;
 class AbstractDownloadsSimpleFactory;
 class AbstractDownloadsSpeedMeter;
-class QNetworkAccessManager;
+
 class QThread;
 class QtFfmpegAvMerger;
 
@@ -36,7 +38,7 @@ public:
         QWeakPointer<AbstractDownloadsSimpleFactory> factory;
         QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;
         QWeakPointer<QtFfmpegAvMerger> merger;
-        QPointer<QNetworkAccessManager> network;
+        QPointer<CurlMulti> network;
         QThread* writersThread = nullptr;
         int concurrentSegments = 1; // segments of a stream child fetched at once
         // Ids of the stream children; by default from a range of their own, far above those the

@@ -2,9 +2,9 @@
 
 #include <terncl/core/sourceplace.h>
 
+#include "curlprobe.h"
+
 #include <QFileInfo>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QSet>
 
 namespace {
@@ -23,23 +23,16 @@ QByteArray charsetOf(const QString& contentType) {
     return {};
 }
 
-AbstractError replyError(QNetworkReply* reply, std::string place) {
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 400)
-        return AbstractError(
-            status, AbstractError::HttpError, std::move(place),
-            QStringLiteral("%1 %2")
-                .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString(),
-                     reply->url().toString())
-                .toStdString());
-    if (reply->error() != QNetworkReply::NoError)
-        return AbstractError(int(reply->error()), AbstractError::QtNetworkError, std::move(place),
-                             reply->errorString().toStdString());
-    return {};
+// An error status names the address, which a failing variant or link needs to be found by.
+AbstractError probeError(const CurlProbe& probe, const QUrl& url) {
+    AbstractError error = probe.error();
+    if (error.category == AbstractError::HttpError)
+        error.description += " " + url.toString().toStdString();
+    return error;
 }
 } // namespace
 
-MediaProbe::MediaProbe(QNetworkAccessManager* network, QObject* parent)
+MediaProbe::MediaProbe(CurlMulti* network, QObject* parent)
     : QObject(parent)
     , m_network(network) {}
 
@@ -70,14 +63,9 @@ void MediaProbe::start(const QUrl& url, const MediaVersions::Request& request) {
 
 void MediaProbe::abort() {
     m_done = true;
-    for (const auto& reply : std::as_const(m_replies)) {
-        if (reply) {
-            reply->disconnect(this);
-            reply->abort();
-            reply->deleteLater();
-        }
-    }
-    m_replies.clear();
+    for (const auto& probe : std::as_const(m_probes))
+        delete probe;
+    m_probes.clear();
 }
 
 void MediaProbe::fetch(const Pending& what) {
@@ -85,41 +73,30 @@ void MediaProbe::fetch(const Pending& what) {
         fail(MediaParse::error(notTextCode, QStringLiteral("no network"), TERNCL_SOURCE_PLACE));
         return;
     }
-    QNetworkRequest request(what.url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setTransferTimeout(30000);
-    for (const auto& [name, value] : m_request.headers)
-        request.setRawHeader(name, value);
+    CurlTransfer::Request request;
+    request.url = what.url;
+    request.headers = m_request.headers;
     if (!m_request.referrer.isEmpty())
-        request.setRawHeader("Referer", m_request.referrer.toEncoded());
-    QNetworkReply* reply = m_network->get(request);
-    m_replies.append(reply);
+        request.headers.append({QByteArrayLiteral("Referer"), m_request.referrer.toEncoded()});
+    auto* probe = new CurlProbe(m_network, request, this);
+    probe->setMaxBodySize(MaxTextBytes);
+    probe->wantBody = [](const HttpHeaders&, const QUrl&) {
+        return true;
+    };
+    m_probes.append(probe);
     ++m_inFlight;
-    connect(reply, &QNetworkReply::readyRead, this, [this, reply, what] {
-        if (reply->bytesAvailable() > MaxTextBytes) {
-            reply->disconnect(this);
-            reply->abort();
-            onFetched(reply, what);
-        }
-    });
-    connect(reply, &QNetworkReply::finished, this, [this, reply, what] { onFetched(reply, what); });
+    connect(probe, &CurlProbe::finished, this, [this, probe, what] { onFetched(probe, what); });
+    probe->start();
 }
 
-void MediaProbe::onFetched(QNetworkReply* reply, const Pending& what) {
-    reply->deleteLater();
-    m_replies.removeAll(reply);
+void MediaProbe::onFetched(CurlProbe* probe, const Pending& what) {
+    probe->deleteLater();
+    m_probes.removeAll(probe);
     --m_inFlight;
     if (m_done)
         return;
-    AbstractError error =
-        reply->bytesAvailable() > MaxTextBytes
-            ? MediaParse::error(notTextCode,
-                                QStringLiteral("larger than a playlist, manifest or page: ") +
-                                    what.url.toString(),
-                                TERNCL_SOURCE_PLACE)
-            : replyError(reply, TERNCL_SOURCE_PLACE);
-    if (error.isSet()) {
+    if (probe->error().isSet()) {
+        const AbstractError error = probeError(*probe, what.url);
         // Only the URL itself must be there: a variant or a link that fails leaves the rest.
         if (what.depth == 0 && !what.mediaPlaylist)
             fail(error);
@@ -128,14 +105,14 @@ void MediaProbe::onFetched(QNetworkReply* reply, const Pending& what) {
         checkDone();
         return;
     }
-    const QByteArray text = reply->readAll();
-    const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString();
+    const QByteArray text = probe->body();
+    const QString type = QString::fromLatin1(probe->headers().value("Content-Type"));
     if (what.mediaPlaylist)
         onMediaPlaylist(text, what.url);
-    else if (what.depth == 0 && kindOf(text, type, reply->url()) == Kind::Page)
-        onPage(text, charsetOf(type), reply->url());
+    else if (what.depth == 0 && kindOf(text, type, probe->url()) == Kind::Page)
+        onPage(text, charsetOf(type), probe->url());
     else
-        onText(text, type, reply->url(), what.depth);
+        onText(text, type, probe->url(), what.depth);
     checkDone();
 }
 

@@ -1,17 +1,15 @@
 #pragma once
 
+#include "curlmulti.h"
+#include "curlprobe.h"
 #include "mediaversions.h"
 
 #include <terncl/core/abstracterror.h>
 
 #include <QHash>
-#include <QNetworkAccessManager>
 #include <QObject>
 #include <QPointer>
 #include <QUrl>
-
-class QNetworkAccessManager;
-class QNetworkReply;
 
 // Finds out what a media URL offers: reads it (an HLS master or media playlist, a DASH manifest
 // or a web page), expands the playlists and manifests a page links to, and reads the media
@@ -27,7 +25,7 @@ public:
     // At most this many bytes of a playlist, manifest or page.
     static constexpr qint64 MaxTextBytes = 16 * 1024 * 1024;
 
-    MediaProbe(QNetworkAccessManager* network, QObject* parent = nullptr);
+    MediaProbe(CurlMulti* network, QObject* parent = nullptr);
     ~MediaProbe() override;
 
     // What the text fetched from url is, judged by its start, then its type and the address.
@@ -51,7 +49,7 @@ private:
     };
 
     void fetch(const Pending& what);
-    void onFetched(QNetworkReply* reply, const Pending& what);
+    void onFetched(CurlProbe* probe, const Pending& what);
     void onText(const QByteArray& text, const QString& contentType, const QUrl& url, int depth);
     void onPage(const QByteArray& text, const QByteArray& charset, const QUrl& url);
     void onMediaPlaylist(const QByteArray& text, const QUrl& url);
@@ -60,9 +58,9 @@ private:
     void fail(const AbstractError& error);
     void checkDone();
 
-    QPointer<QNetworkAccessManager> m_network;
+    QPointer<CurlMulti> m_network;
     MediaVersions::Request m_request;
-    QList<QPointer<QNetworkReply>> m_replies;
+    QList<QPointer<CurlProbe>> m_probes;
     QHash<QUrl, HlsPlaylistReader::Playlist> m_mediaPlaylists;
     Kind m_kind = Kind::Unknown;
     QString m_title;

@@ -3,20 +3,14 @@
 #include <terncl/core/sourceplace.h>
 #include <terncl/inet/qt/download/abstractdownloadtask.h>
 
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QRegularExpression>
 
-SizeProbeDownload::SizeProbeDownload(qint64 id, QNetworkAccessManager* network, QObject* parent)
+SizeProbeDownload::SizeProbeDownload(qint64 id, CurlMulti* network, QObject* parent)
     : AbstractDownload(id, parent)
     , m_network(network) {}
 
 SizeProbeDownload::~SizeProbeDownload() {
-    if (m_reply) {
-        m_reply->disconnect(this);
-        m_reply->abort();
-        m_reply->deleteLater();
-    }
+    delete m_probe;
 }
 
 bool SizeProbeDownload::setInfo(const AbstractDownloadPersistentInfo& info) {
@@ -32,7 +26,7 @@ bool SizeProbeDownload::updateInfoFields(const AbstractDownloadPersistentInfo& i
 }
 
 quint64 SizeProbeDownload::currentTasks() const {
-    return m_reply ? quint64(AbstractDownloadTask::QueryingInfo) : 0;
+    return m_probe ? quint64(AbstractDownloadTask::QueryingInfo) : 0;
 }
 
 void SizeProbeDownload::clearLastError() {
@@ -41,64 +35,57 @@ void SizeProbeDownload::clearLastError() {
 }
 
 void SizeProbeDownload::doCommand(AbstractDownloadCommand command) {
-    if (command == AbstractDownloadCommand::Stop && m_reply) {
-        m_reply->disconnect(this);
-        m_reply->abort();
-        m_reply->deleteLater();
+    if (command == AbstractDownloadCommand::Stop && m_probe) {
+        m_probe->disconnect(this);
+        m_probe->deleteLater();
         end(-1, AbstractError(4, AbstractError::GenericError, TERNCL_SOURCE_PLACE, "stopped"));
         return;
     }
     if (command != AbstractDownloadCommand::Start || isRunning() || !m_network)
         return;
     clearLastError();
-    request(true);
+    request();
     Q_EMIT running(true);
 }
 
-void SizeProbeDownload::request(bool head) {
-    QNetworkRequest request{QUrl(m_info.resourceUrl)};
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setTransferTimeout(30000);
+// One GET of the first byte: a 206 carries the total in its Content-Range, a server without
+// ranges answers 200 with the whole length, and the body is never read.
+void SizeProbeDownload::request() {
+    CurlTransfer::Request request;
+    request.url = QUrl(m_info.resourceUrl);
+    request.headers.append({QByteArrayLiteral("Range"), QByteArrayLiteral("bytes=0-0")});
     if (!m_info.referrer.isEmpty())
-        request.setRawHeader("Referer", m_info.referrer.toUtf8());
-    if (!head)
-        request.setRawHeader("Range", "bytes=0-0");
-    m_reply = head ? m_network->head(request) : m_network->get(request);
-    QNetworkReply* reply = m_reply;
-    connect(reply, &QNetworkReply::finished, this,
-            [this, reply, head] { onFinished(reply, head); });
+        request.headers.append({QByteArrayLiteral("Referer"), m_info.referrer.toUtf8()});
+    m_probe = new CurlProbe(m_network, request, this);
+    m_probe->setRetries(0, 0);
+    m_probe->wantBody = [](const HttpHeaders&, const QUrl&) {
+        return false;
+    };
+    CurlProbe* probe = m_probe;
+    connect(probe, &CurlProbe::finished, this, [this, probe] { onFinished(probe); });
+    probe->start();
 }
 
-// A HEAD that gives no length is asked again as a GET of one byte, whose Content-Range
-// carries the total.
-void SizeProbeDownload::onFinished(QNetworkReply* reply, bool head) {
-    reply->deleteLater();
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
-    if (head && status >= 200 && status < 300 && length.isValid()) {
-        end(length.toLongLong(), {});
-        return;
-    }
-    if (head && (status < 400 || status == 405 || status == 501)) {
-        request(false);
-        return;
-    }
+void SizeProbeDownload::onFinished(CurlProbe* probe) {
+    probe->deleteLater();
+    const HttpHeaders& head = probe->headers();
+    bool hasLength = false;
+    const qint64 length = head.value("Content-Length").toLongLong(&hasLength);
     static const QRegularExpression total(QStringLiteral("/(\\d+)\\s*$"));
-    const auto match = total.match(QString::fromLatin1(reply->rawHeader("Content-Range")));
-    if (status == 206 && match.hasMatch())
+    const auto match = total.match(QString::fromLatin1(head.value("Content-Range")));
+    if (probe->error().isSet())
+        end(-1,
+            probe->error().category == AbstractError::HttpError ? probe->error() : AbstractError());
+    else if (head.status() == 206 && match.hasMatch())
         end(match.captured(1).toLongLong(), {});
-    else if (status == 200 && length.isValid())
-        end(length.toLongLong(), {});
-    else if (status >= 400)
-        end(-1, AbstractError(status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
-                              reply->url().toString().toStdString()));
+    else if (head.status() == 200 && hasLength)
+        end(length, {});
     else
         end(-1, {});
 }
 
 void SizeProbeDownload::end(qint64 size, const AbstractError& error) {
-    m_reply = nullptr;
+    m_probe = nullptr;
     if (m_info.files.isEmpty())
         m_info.files.append(AbstractDownloadFileInfo());
     m_info.files.first().size = size;

@@ -1,21 +1,21 @@
 #pragma once
 
+#include "curlmulti.h"
+#include "curlprobe.h"
+
 #include <terncl/inet/qt/download/abstractdownload.h>
 
 #include <QPointer>
 
-class QNetworkAccessManager;
-class QNetworkReply;
-
-// What a size query's child of a plain file does here: learns the file's size with one HEAD
-// request (or, when the server does not say, a GET of its first byte and the total of the
-// Content-Range), writes no data, and finishes. The size goes into its one file record; a size
+// What a size query's child of a plain file does here: learns the file's size from the head of
+// one GET of its first byte (the total of a 206's Content-Range, or a 200's length), reads no
+// body, writes no data, and finishes. The size goes into its one file record; a size
 // the server does not give stays -1, which is no error. Main thread.
 class SizeProbeDownload final : public AbstractDownload {
     Q_OBJECT
 
 public:
-    SizeProbeDownload(qint64 id, QNetworkAccessManager* network, QObject* parent = nullptr);
+    SizeProbeDownload(qint64 id, CurlMulti* network, QObject* parent = nullptr);
     ~SizeProbeDownload() override;
 
     void doCommand(AbstractDownloadCommand command) override;
@@ -29,7 +29,7 @@ public:
     const AbstractDownloadSettings& settings() const override { return m_settings; }
     quint64 currentTasks() const override;
     AbstractDownloadTasksProgress tasksProgress() const override { return {}; }
-    bool isQueryingInfo() const override { return !m_reply.isNull(); }
+    bool isQueryingInfo() const override { return !m_probe.isNull(); }
     bool isStopping() const override { return false; }
 
     void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override {
@@ -47,18 +47,18 @@ public:
     QtSslHost lastUnknownSslHost() const override { return {}; }
     QDateTime lastErrorTime() const override { return m_lastErrorTime; }
     void clearLastError() override;
-    bool isRunning() const override { return !m_reply.isNull(); }
+    bool isRunning() const override { return !m_probe.isNull(); }
 
 protected:
     AbstractDownloadPersistentInfo& rwInfo() override { return m_info; }
 
 private:
-    void request(bool head);
-    void onFinished(QNetworkReply* reply, bool head);
+    void request();
+    void onFinished(CurlProbe* probe);
     void end(qint64 size, const AbstractError& error);
 
-    QPointer<QNetworkAccessManager> m_network;
-    QPointer<QNetworkReply> m_reply;
+    QPointer<CurlMulti> m_network;
+    QPointer<CurlProbe> m_probe;
     AbstractDownloadPersistentInfo m_info;
     AbstractDownloadSettings m_settings;
     AbstractNetworkConsumerSettings m_networkSettings;

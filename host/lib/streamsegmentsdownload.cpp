@@ -2,8 +2,6 @@
 
 #include <terncl/core/sourceplace.h>
 
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QVariantList>
 
 const QString StreamSegmentsDownload::PlaylistUrlKey = QStringLiteral("streamPlaylistUrl");
@@ -25,7 +23,7 @@ AbstractError playlistError(const QString& text, std::string place) {
 StreamSegmentsDownload::StreamSegmentsDownload(
     qint64 id, QWeakPointer<AbstractDownloadsSimpleFactory> factory,
     QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter,
-    const QWeakPointer<QtFfmpegAvMerger>& avMerger, QNetworkAccessManager* network, QObject* parent)
+    const QWeakPointer<QtFfmpegAvMerger>& avMerger, CurlMulti* network, QObject* parent)
     : IndependentSegmentsDownloader(id, std::move(factory), std::move(speedMeter), avMerger, parent)
     , m_network(network) {
     connect(this, &IndependentSegmentsDownloader::segmentFinished, this,
@@ -33,11 +31,7 @@ StreamSegmentsDownload::StreamSegmentsDownload(
 }
 
 StreamSegmentsDownload::~StreamSegmentsDownload() {
-    if (m_reply) {
-        m_reply->disconnect(this);
-        m_reply->abort();
-        m_reply->deleteLater();
-    }
+    delete m_probe;
 }
 
 void StreamSegmentsDownload::describePlaylist(AbstractDownloadPersistentInfo* info,
@@ -81,10 +75,9 @@ void StreamSegmentsDownload::clearLastError() {
 
 void StreamSegmentsDownload::doCommand(AbstractDownloadCommand command) {
     if (command == AbstractDownloadCommand::Stop && m_readingPlaylist) {
-        if (m_reply) {
-            m_reply->disconnect(this);
-            m_reply->abort();
-            m_reply->deleteLater();
+        if (m_probe) {
+            m_probe->disconnect(this);
+            m_probe->deleteLater();
         }
         failStart(AbstractError(StopCommandCode, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
                                 "stopped"));
@@ -115,53 +108,39 @@ void StreamSegmentsDownload::readPlaylist(const QUrl& url) {
         return;
     }
     m_readingPlaylist = true;
-    QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setTransferTimeout(30000);
-    m_reply = m_network->get(request);
-    QNetworkReply* reply = m_reply;
-    connect(reply, &QNetworkReply::readyRead, this, [this, reply] {
-        if (reply->bytesAvailable() > maxPlaylistBytes) {
-            reply->disconnect(this);
-            reply->abort();
-            reply->deleteLater();
-            failStart(
-                playlistError(QStringLiteral("the playlist is too large"), TERNCL_SOURCE_PLACE));
-        }
-    });
-    connect(reply, &QNetworkReply::finished, this, [this, reply] { onPlaylistRead(reply); });
+    CurlTransfer::Request request;
+    request.url = url;
+    m_probe = new CurlProbe(m_network, request, this);
+    m_probe->setMaxBodySize(maxPlaylistBytes);
+    m_probe->wantBody = [](const HttpHeaders&, const QUrl&) {
+        return true;
+    };
+    CurlProbe* probe = m_probe;
+    connect(probe, &CurlProbe::finished, this, [this, probe] { onPlaylistRead(probe); });
+    probe->start();
     Q_EMIT running(true);
 }
 
-void StreamSegmentsDownload::onPlaylistRead(QNetworkReply* reply) {
-    reply->deleteLater();
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 400) {
-        failStart(AbstractError(
-            status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
-            QStringLiteral("%1: %2")
-                .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString(),
-                     reply->url().toString())
-                .toStdString()));
-        return;
-    }
-    if (reply->error() != QNetworkReply::NoError) {
-        failStart(AbstractError(int(reply->error()), AbstractError::QtNetworkError,
-                                TERNCL_SOURCE_PLACE, reply->errorString().toStdString()));
+void StreamSegmentsDownload::onPlaylistRead(CurlProbe* probe) {
+    probe->deleteLater();
+    if (probe->error().isSet()) {
+        AbstractError error = probe->error();
+        if (error.category == AbstractError::HttpError)
+            error.description += ": " + probe->url().toString().toStdString();
+        failStart(error);
         return;
     }
     AbstractError error;
-    const auto playlist = HlsPlaylistReader::parse(reply->readAll(), reply->url(), &error);
+    const auto playlist = HlsPlaylistReader::parse(probe->body(), probe->url(), &error);
     if (!error.isSet() && (playlist.isMaster || playlist.segments.isEmpty()))
         error = playlistError(QStringLiteral("not a media playlist with segments: ") +
-                                  reply->url().toString(),
+                                  probe->url().toString(),
                               TERNCL_SOURCE_PLACE);
     if (error.isSet()) {
         failStart(error);
         return;
     }
-    m_reply = nullptr;
+    m_probe = nullptr;
     rwInfo().customData.insert(RemuxKey, playlist.hasInitSegment);
     startSegments(playlist.segments, playlist.complete);
 }
@@ -188,7 +167,7 @@ void StreamSegmentsDownload::failStart(const AbstractError& error) {
     if (!m_readingPlaylist)
         Q_EMIT running(true);
     m_readingPlaylist = false;
-    m_reply = nullptr;
+    m_probe = nullptr;
     m_startError = error;
     Q_EMIT changed(true);
     Q_EMIT running(false);

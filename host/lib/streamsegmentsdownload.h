@@ -1,13 +1,12 @@
 #pragma once
 
+#include "curlmulti.h"
+#include "curlprobe.h"
 #include "hlsplaylistreader.h"
 
 #include <terncl/inet/qt/download/independentsegmentsdownloader.h>
 
 #include <QPointer>
-
-class QNetworkAccessManager;
-class QNetworkReply;
 
 // A stream made of segments fetched into one file: an HLS media playlist, read when the download
 // starts, or a fixed list of sources (the init segment and media segments of a DASH
@@ -37,8 +36,8 @@ public:
 
     StreamSegmentsDownload(qint64 id, QWeakPointer<AbstractDownloadsSimpleFactory> factory,
                            QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter,
-                           const QWeakPointer<QtFfmpegAvMerger>& avMerger,
-                           QNetworkAccessManager* network, QObject* parent = nullptr);
+                           const QWeakPointer<QtFfmpegAvMerger>& avMerger, CurlMulti* network,
+                           QObject* parent = nullptr);
     ~StreamSegmentsDownload() override;
 
     // Fills the custom data of a new stream's record: a playlist to read at start.
@@ -60,13 +59,13 @@ public Q_SLOTS:
 
 private:
     void readPlaylist(const QUrl& url);
-    void onPlaylistRead(QNetworkReply* reply);
+    void onPlaylistRead(CurlProbe* probe);
     void startSegments(const QList<AbstractDownloadSourceInfo>& sources, bool complete);
     void failStart(const AbstractError& error);
     void onSegmentDone();
 
-    QPointer<QNetworkAccessManager> m_network;
-    QPointer<QNetworkReply> m_reply;
+    QPointer<CurlMulti> m_network;
+    QPointer<CurlProbe> m_probe;
     bool m_readingPlaylist = false;
     AbstractError m_startError;
 };

@@ -151,6 +151,10 @@ int main(int argc, char** argv) {
         QStringLiteral("Fetch up to N segments of a stream at once (1 to %1).")
             .arg(TernGetJob::MaxConcurrentSegments),
         QStringLiteral("N"), QString::number(TernGetJob::Options().concurrentSegments));
+    const QCommandLineOption stallTimeout(
+        QStringLiteral("stall-timeout"),
+        QStringLiteral("Give up an attempt when no byte arrives for SECONDS (default 30)."),
+        QStringLiteral("SECONDS"), QStringLiteral("30"));
     const QCommandLineOption noSandbox(
         QStringLiteral("no-sandbox"),
         QStringLiteral("Run ffmpeg without confining it (it otherwise reads only its inputs)."));
@@ -166,8 +170,8 @@ int main(int argc, char** argv) {
         QStringLiteral("merge-format"),
         QStringLiteral("Merge separate video and audio into FORMAT (mp4 or mkv)."),
         QStringLiteral("FORMAT"));
-    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, noSandbox,
-                       listFormats, format, mergeFormat});
+    parser.addOptions({output, limitRate, stateDir, retries, concurrentSegments, stallTimeout,
+                       noSandbox, listFormats, format, mergeFormat});
     const ExtraOptions extra;
     parser.addOptions(extra.all());
     parser.process(app);
@@ -207,6 +211,14 @@ int main(int argc, char** argv) {
         return 2;
     }
     options.concurrentSegments = *segmentCount;
+    bool isNumber = false;
+    const double stallSeconds = parser.value(stallTimeout).toDouble(&isNumber);
+    if (!isNumber || stallSeconds < 0.1 || stallSeconds > 86400) {
+        err << "tern-get: --stall-timeout takes seconds from 0.1 to 86400: "
+            << parser.value(stallTimeout) << Qt::endl;
+        return 2;
+    }
+    options.stallTimeoutMs = int(stallSeconds * 1000);
     options.sandbox = !parser.isSet(noSandbox);
     options.listFormats = parser.isSet(listFormats);
     options.format = parser.value(format);

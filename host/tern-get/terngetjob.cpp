@@ -1,6 +1,7 @@
 #include "terngetjob.h"
 
 #include "batteryspeedlimit.h"
+#include "curlprobe.h"
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
 #include "mediaprobe.h"
@@ -21,7 +22,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkReply>
 #include <QStandardPaths>
 #include <QTextStream>
 
@@ -47,10 +47,9 @@ QString errorText(const AbstractError& error) {
     return summary + QStringLiteral("\n  ") + error.toText();
 }
 
-bool looksLikePlaylist(const QUrl& url, const QNetworkReply* reply) {
-    const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString().toLower();
+bool looksLikePlaylist(const QUrl& url, const HttpHeaders& head) {
     return url.path().endsWith(QStringLiteral(".m3u8"), Qt::CaseInsensitive) ||
-           type.contains(QStringLiteral("mpegurl"));
+           head.value("Content-Type").toLower().contains("mpegurl");
 }
 
 ProgressPrinter::Style progressStyle(const TernGetJob::Options& options) {
@@ -60,9 +59,9 @@ ProgressPrinter::Style progressStyle(const TernGetJob::Options& options) {
 }
 
 // What the media job may take: besides playlists, DASH manifests and web pages.
-bool looksLikeMedia(const QUrl& url, const QNetworkReply* reply) {
-    const QString type = reply->header(QNetworkRequest::ContentTypeHeader).toString().toLower();
-    return looksLikePlaylist(url, reply) ||
+bool looksLikeMedia(const QUrl& url, const HttpHeaders& head) {
+    const QString type = QString::fromLatin1(head.value("Content-Type")).toLower();
+    return looksLikePlaylist(url, head) ||
            url.path().endsWith(QStringLiteral(".mpd"), Qt::CaseInsensitive) ||
            type.contains(QStringLiteral("dash+xml")) ||
            type.startsWith(QStringLiteral("text/html"));
@@ -83,8 +82,13 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     connect(&m_saveTimer, &QTimer::timeout, this, &TernGetJob::save);
     m_writers.setObjectName(QStringLiteral("writers"));
     m_writers.start();
-    m_factory.reset(new HostDownloadsFactory(&m_network, &m_writers));
-    m_factory->setMaxRetries(m_options.retries);
+    m_factory.reset(new HostDownloadsFactory(&m_writers));
+    HttpDownload::Options downloadOptions;
+    downloadOptions.maxRetries = m_options.retries;
+    // Waiting for the first byte of an answer is a stall like any other.
+    downloadOptions.stallTimeoutMs = m_options.stallTimeoutMs;
+    downloadOptions.firstByteTimeoutMs = m_options.stallTimeoutMs;
+    m_factory->setDownloadOptions(downloadOptions);
     m_speedMeter.reset(new AbstractDownloadsSpeedMeter());
     const QString ffmpeg = QStandardPaths::findExecutable(QStringLiteral("ffmpeg"));
     QSharedPointer<QtProcessSandboxManager> sandbox;
@@ -143,64 +147,53 @@ void TernGetJob::start() {
 
 // --- Finding out what the URL is ------------------------------------------------------------
 
+// Asked with the downloads' own engine and limits, so that it retries and times out alike.
 void TernGetJob::probe(const QUrl& url, int depth) {
-    QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setTransferTimeout(30000);
-    QNetworkReply* reply = m_network.get(request);
-    connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply, depth] {
-        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        const bool media = depth == 0 ? looksLikeMedia(reply->url(), reply)
-                                      : looksLikePlaylist(reply->url(), reply);
-        if (status >= 200 && status < 300 && !media) {
-            // A plain file: the download proper fetches it, with resume and limits.
-            reply->disconnect(this);
-            reply->abort();
-            reply->deleteLater();
-            if (depth > 0)
-                fail(QStringLiteral("the master playlist names a variant that is not a playlist"));
-            else
-                startFile(QFileInfo(reply->url().path()).fileName());
-        }
+    const HttpDownload::Options& limits = m_factory->downloadOptions();
+    CurlTransfer::Request request;
+    request.url = url;
+    request.maxRedirects = limits.maxRedirects;
+    request.connectTimeoutMs = limits.connectTimeoutMs;
+    request.firstByteTimeoutMs = limits.firstByteTimeoutMs;
+    request.stallTimeoutMs = limits.stallTimeoutMs;
+    request.lowSpeedLimit = limits.lowSpeedLimit;
+    request.lowSpeedTimeMs = limits.lowSpeedTimeMs;
+    auto* probe = new CurlProbe(m_factory->network(), request, this);
+    probe->setRetries(limits.maxRetries, limits.retryBaseDelayMs);
+    probe->setMaxBodySize(maxProbeBytes);
+    // A plain file is left to the download proper, which fetches it with resume and limits.
+    probe->wantBody = [depth](const HttpHeaders& head, const QUrl& answerUrl) {
+        return depth == 0 ? looksLikeMedia(answerUrl, head) : looksLikePlaylist(answerUrl, head);
+    };
+    connect(probe, &CurlProbe::finished, this, [this, probe, depth] {
+        probe->deleteLater();
+        onProbeAnswer(probe, depth);
     });
-    connect(reply, &QNetworkReply::readyRead, this, [this, reply] {
-        if (reply->bytesAvailable() > maxProbeBytes) {
-            reply->disconnect(this);
-            reply->abort();
-            reply->deleteLater();
-            fail(QStringLiteral("the playlist is larger than %1")
-                     .arg(RateText::bytes(maxProbeBytes)));
-        }
-    });
-    connect(reply, &QNetworkReply::finished, this,
-            [this, reply, depth] { onProbeAnswer(reply, depth); });
+    probe->start();
 }
 
-void TernGetJob::onProbeAnswer(QNetworkReply* reply, int depth) {
-    reply->deleteLater();
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 400) {
-        fail(AbstractError(
-            status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
-            reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString().toStdString()));
+void TernGetJob::onProbeAnswer(CurlProbe* answer, int depth) {
+    if (answer->error().isSet()) {
+        fail(answer->error());
         return;
     }
-    if (reply->error() != QNetworkReply::NoError) {
-        fail(AbstractError(int(reply->error()), AbstractError::QtNetworkError, TERNCL_SOURCE_PLACE,
-                           reply->errorString().toStdString()));
+    if (!answer->bodyWanted()) {
+        if (depth > 0)
+            fail(QStringLiteral("the master playlist names a variant that is not a playlist"));
+        else
+            startFile(QFileInfo(answer->url().path()).fileName());
         return;
     }
-    const QByteArray text = reply->readAll();
     const auto kind = MediaProbe::kindOf(
-        text, reply->header(QNetworkRequest::ContentTypeHeader).toString(), reply->url());
+        answer->body(), QString::fromLatin1(answer->headers().value("Content-Type")),
+        answer->url());
     if (depth == 0 && (kind == MediaProbe::Kind::HlsMaster || kind == MediaProbe::Kind::Dash ||
                        kind == MediaProbe::Kind::Page)) {
         startMedia();
         return;
     }
     AbstractError error;
-    const auto playlist = HlsPlaylistReader::parse(text, reply->url(), &error);
+    const auto playlist = HlsPlaylistReader::parse(answer->body(), answer->url(), &error);
     if (error.isSet()) {
         fail(error);
     } else if (playlist.isMaster && depth == 0) {
@@ -208,7 +201,7 @@ void TernGetJob::onProbeAnswer(QNetworkReply* reply, int depth) {
     } else if (playlist.isMaster || playlist.segments.isEmpty()) {
         fail(QStringLiteral("the playlist lists no segments"));
     } else {
-        startHls(playlist, reply->url());
+        startHls(playlist, answer->url());
     }
 }
 
@@ -261,6 +254,9 @@ void TernGetJob::startHls(const HlsPlaylistReader::Playlist& playlist, const QUr
                                    (merge ? QStringLiteral(".mp4") : QStringLiteral(".ts")))))
             return;
     }
+    // An error page answered 200, or anything else that is not the container, never joins it.
+    m_factory->setSegmentContent(merge ? HttpDownload::ExpectedContent::FragmentedMp4
+                                       : HttpDownload::ExpectedContent::MpegTs);
     auto* downloader = new IndependentSegmentsDownloader(1, m_factory, m_speedMeter, m_merger);
     QSharedPointer<AbstractDownload> download(downloader, &QObject::deleteLater);
     if (!m_savedRecord) {
@@ -311,9 +307,7 @@ void TernGetJob::resumeSaved(RecordStore::Entry entry) {
         // The segment list is read again; the record says how far it got.
         m_savedRecord = entry.record;
         m_segmentEnds = entry.host.value(ResumeCheck::SegmentEndsKey).toList();
-        QNetworkReply* reply = m_network.get(
-            QNetworkRequest(QUrl(entry.host.value(ResumeCheck::PlaylistUrlKey).toString())));
-        connect(reply, &QNetworkReply::finished, this, [this, reply] { onProbeAnswer(reply, 1); });
+        probe(QUrl(entry.host.value(ResumeCheck::PlaylistUrlKey).toString()), 1);
         return;
     }
     m_kind = Kind::File;
@@ -330,7 +324,7 @@ void TernGetJob::resumeSaved(RecordStore::Entry entry) {
 void TernGetJob::startMedia() {
     TernMediaJob::Services services;
     services.key = m_key;
-    services.network = &m_network;
+    services.network = m_factory->network();
     services.writersThread = &m_writers;
     services.factory = m_factory;
     services.speedMeter = m_speedMeter;

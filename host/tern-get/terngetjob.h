@@ -8,7 +8,6 @@
 #include <terncl/core/abstracterror.h>
 
 #include <QElapsedTimer>
-#include <QNetworkAccessManager>
 #include <QObject>
 #include <QSharedPointer>
 #include <QThread>
@@ -21,6 +20,7 @@ class AbstractDownload;
 class AbstractDownloadsNetworkRequestsLogger;
 class AbstractDownloadsSpeedMeter;
 class BatterySpeedLimit;
+class CurlProbe;
 class HostDownloadsFactory;
 class QtFfmpegAvMerger;
 class QtFfmpegManager;
@@ -45,6 +45,7 @@ public:
         qint64 limitRate = 0;
         QString stateDir;
         int retries = 5;
+        int stallTimeoutMs = 30000; // no byte for this long fails the attempt
         int concurrentSegments = 4; // segments of a stream fetched at once
         bool progressBar = false;   // a single redrawn line instead of periodic lines
         bool sandbox = true;        // run ffmpeg confined where the system allows it
@@ -72,7 +73,7 @@ private:
     enum class Kind { File, Hls };
 
     void probe(const QUrl& url, int depth);
-    void onProbeAnswer(QNetworkReply* reply, int depth);
+    void onProbeAnswer(CurlProbe* probe, int depth);
     void startFile(const QString& contentName);
     void startHls(const HlsPlaylistReader::Playlist& playlist, const QUrl& playlistUrl);
     bool takeOutput(const QString& path);
@@ -104,7 +105,6 @@ private:
     Options m_options;
     RecordStore m_store;
     OutputGuard m_guard;
-    QNetworkAccessManager m_network;
     QThread m_writers;
     QSharedPointer<HostDownloadsFactory> m_factory;
     QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter;

@@ -11,6 +11,7 @@
 #include <QTimer>
 
 class AbstractDownloadsSimpleFactory;
+class CurlMulti;
 class AbstractDownloadsSpeedMeter;
 class HostChildDownloadsManager;
 class HostMediaDownload;
@@ -29,7 +30,7 @@ public:
     // What it shares with the rest of tern-get.
     struct Services {
         QString key; // the state store's key of this command (URL and output)
-        QNetworkAccessManager* network = nullptr;
+        CurlMulti* network = nullptr;
         QThread* writersThread = nullptr;
         QSharedPointer<AbstractDownloadsSimpleFactory> factory; // plain HTTP downloads
         QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;

@@ -4,7 +4,6 @@
 #include <terncl/core/abstractdownloadsmoduleskeeper.h>
 #include <terncl/core/sourceplace.h>
 
-#include <QNetworkAccessManager>
 #include <QSignalSpy>
 #include <QTest>
 #include <QThread>
@@ -51,9 +50,8 @@ class TestHostModules : public QObject {
 
 private Q_SLOTS:
     void aFailedModuleIsRefusedAndTheOthersWork() {
-        QNetworkAccessManager network;
         QThread writers;
-        HostDownloadsFactory factory(&network, &writers);
+        HostDownloadsFactory factory(&writers);
         AbstractDownloadsModulesKeeper* keeper = factory.modulesKeeper();
         keeper->addModule(QSharedPointer<BrokenModule>::create());
         keeper->onFinishedAddingModules();

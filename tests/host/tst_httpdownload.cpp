@@ -1,14 +1,29 @@
+#include "curlmulti.h"
 #include "httpdownload.h"
 #include "support/faultyhttpserver.h"
+#include "support/nginxserver.h"
 #include "support/testfiles.h"
 
+#include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
+#include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
+
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
+#include <QNetworkProxyFactory>
+#include <QNetworkReply>
+#include <QProcess>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <functional>
 
@@ -20,13 +35,130 @@ QByteArray pattern(int size, int seed = 0) {
     return data;
 }
 
+QString errorText(const QSharedPointer<HttpDownload>& download) {
+    return QString::fromStdString(download->lastError().description);
+}
+
+// MPEG-TS packets: the sync byte every 188 bytes.
+QByteArray transportStream(int packets) {
+    QByteArray data = pattern(188 * packets, 5);
+    for (int i = 0; i < packets; ++i)
+        data[i * 188] = 0x47;
+    return data;
+}
+
+int freePort() {
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost, 0);
+    return server.serverPort();
+}
+
+// A listener whose accept queue is full: the kernel drops further connection attempts, so
+// connecting hangs until the client gives up.
+struct FullListener {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    QList<int> clients;
+    int port = 0;
+
+    FullListener() {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+        ::listen(fd, 0);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+        port = ntohs(address.sin_port);
+        for (int i = 0; i < 3; ++i) {
+            clients.append(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            ::connect(clients.constLast(), reinterpret_cast<sockaddr*>(&address), size);
+        }
+        QThread::msleep(100);
+    }
+    ~FullListener() {
+        for (int client : clients)
+            ::close(client);
+        ::close(fd);
+    }
+};
+
+class FixedProxy : public QNetworkProxyFactory {
+public:
+    explicit FixedProxy(QNetworkProxy proxy)
+        : m_proxy(std::move(proxy)) {}
+    QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery&) override { return {m_proxy}; }
+
+private:
+    QNetworkProxy m_proxy;
+};
+
+// Runs a proxy program in the foreground for as long as the object lives.
+class ProxyProgram {
+public:
+    ~ProxyProgram() {
+        m_process.terminate();
+        if (!m_process.waitForFinished(5000))
+            m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+
+    bool start(const QString& program, const QStringList& arguments, int port) {
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        m_process.start(program, arguments);
+        for (int i = 0; i < 100 && m_process.state() != QProcess::NotRunning; ++i) {
+            QTcpSocket probe;
+            probe.connectToHost(QHostAddress::LocalHost, quint16(port));
+            if (probe.waitForConnected(100))
+                return true;
+            QThread::msleep(50);
+        }
+        return false;
+    }
+    QString output() { return QString::fromLocal8Bit(m_process.readAll()); }
+
+private:
+    QProcess m_process;
+};
+class KeptPasswords : public QtAbstractNetworkPasswordsKeeper {
+public:
+    void save(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record, bool) override {
+        m_records[scope] = record;
+    }
+    QtNetworkAuthRecord find(const QtNetworkAuthScope& scope) const override {
+        return m_records.value(scope);
+    }
+    void remove(const QtNetworkAuthScope& scope) override { m_records.remove(scope); }
+
+private:
+    QMap<QtNetworkAuthScope, QtNetworkAuthRecord> m_records;
+};
+
+// Answers every request with the same credentials, later, as a dialog would.
+class AnsweringRequestor : public QtAbstractNetworkAuthRequestor {
+public:
+    explicit AnsweringRequestor(QtNetworkAuthRecord answer)
+        : m_answer(std::move(answer)) {}
+    void requestAuth(const QtNetworkAuthScope& scope) override {
+        asked.append(scope);
+        QMetaObject::invokeMethod(
+            this, [this, scope] { Q_EMIT authRequestFinished(scope, m_answer, true); },
+            Qt::QueuedConnection);
+    }
+    void cancelRequest(const QtNetworkAuthScope&) override {}
+    bool isRequesting(const QtNetworkAuthScope&) const override { return false; }
+
+    QList<QtNetworkAuthScope> asked;
+
+private:
+    QtNetworkAuthRecord m_answer;
+};
 } // namespace
 
 class TestHttpDownload : public QObject {
     Q_OBJECT
 
 private:
-    QNetworkAccessManager m_network;
+    CurlMulti m_network;
     QThread m_writers;
     FaultyHttpServer* m_server = nullptr;
     QTemporaryDir* m_dir = nullptr;
@@ -45,15 +177,15 @@ private:
 
     // Runs the download to its end and returns it for inspection.
     QSharedPointer<HttpDownload> run(const AbstractDownloadPersistentInfo& info,
-                                     const std::function<void(HttpDownload*)>& prepare = {}) {
+                                     const std::function<void(HttpDownload*)>& prepare = {},
+                                     HttpDownload::Options options = {}) {
         QSharedPointer<HttpDownload> download(new HttpDownload(1, &m_network));
         download->setInfo(info);
+        options.retryBaseDelayMs = 10;
+        download->setOptions(options);
         if (prepare)
             prepare(download.data());
         download->setWritersThread(&m_writers);
-        HttpDownload::Options options;
-        options.retryBaseDelayMs = 10;
-        download->setOptions(options);
         download->doCommand(AbstractDownloadCommand::Start);
         if (!QTest::qWaitFor([&] { return !download->isRunning(); }, 20000))
             qWarning("the download did not end in time");
@@ -209,6 +341,252 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!download->isRunning(), 20000);
         QCOMPARE(download->lastError().code, 0);
         QCOMPARE(readFile(target()), body);
+    }
+
+    // Every way a server can hold a download forever ends as a time-out, retried first.
+    void stuckServersTimeOut() {
+        const int timeout = int(QNetworkReply::TimeoutError);
+        HttpDownload::Options options;
+        options.maxRetries = 1;
+        options.firstByteTimeoutMs = 300;
+        m_server->setResource(QStringLiteral("/n"), pattern(1000));
+        m_server->setFault(QStringLiteral("/n"), {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
+        auto download = run(record(QStringLiteral("/n")), {}, options);
+        QCOMPARE(download->lastError().code, timeout);
+        QVERIFY2(errorText(download).contains(QStringLiteral("no answer")),
+                 qPrintable(errorText(download)));
+        QCOMPARE(m_server->requestCount(QStringLiteral("/n")), 2);
+
+        m_server->setResource(QStringLiteral("/t"), pattern(100));
+        m_server->setFault(QStringLiteral("/t"), {FaultyHttpServer::FaultKind::Trickle, 800, -1});
+        options.stallTimeoutMs = 300;
+        download = run(record(QStringLiteral("/t")), {}, options);
+        QCOMPARE(download->lastError().code, timeout);
+        QVERIFY2(errorText(download).contains(QStringLiteral("no data")),
+                 qPrintable(errorText(download)));
+
+        // Bytes keep coming, but far too slowly.
+        m_server->setFault(QStringLiteral("/t"), {FaultyHttpServer::FaultKind::Trickle, 50, -1});
+        options.stallTimeoutMs = 5000;
+        options.lowSpeedLimit = 1000;
+        options.lowSpeedTimeMs = 1000;
+        download = run(record(QStringLiteral("/t")), {}, options);
+        QCOMPARE(download->lastError().code, timeout);
+        QVERIFY2(errorText(download).contains(QStringLiteral("slower than 1000 bytes/s")),
+                 qPrintable(errorText(download)));
+        QCOMPARE(m_server->requestCount(QStringLiteral("/t")), 4);
+
+        QFile::remove(target());
+        const FullListener full;
+        options.connectTimeoutMs = 300;
+        AbstractDownloadPersistentInfo info = record(QStringLiteral("/c"));
+        info.resourceUrl = QStringLiteral("http://127.0.0.1:%1/c").arg(full.port);
+        download = run(info, {}, options);
+        QCOMPARE(download->lastError().code, timeout);
+        QVERIFY2(errorText(download).contains(QStringLiteral("could not connect")),
+                 qPrintable(errorText(download)));
+        QVERIFY(!QFile::exists(target()));
+    }
+
+    void hostileAnswersAreRefused() {
+        // 10 000 header lines: refused at the head's size cap, not read to the end.
+        m_server->setResource(QStringLiteral("/h"), pattern(1000));
+        m_server->setFault(QStringLiteral("/h"),
+                           {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
+        auto download = run(record(QStringLiteral("/h")));
+        QVERIFY2(errorText(download).contains(QStringLiteral("larger than 64 KiB")),
+                 qPrintable(errorText(download)));
+        QVERIFY(!QFile::exists(target()));
+
+        for (const char* elsewhere : {"file:///etc/passwd", "ftp://127.0.0.1/x"}) {
+            m_server->setResource(QStringLiteral("/r"), elsewhere);
+            m_server->setFault(QStringLiteral("/r"),
+                               {FaultyHttpServer::FaultKind::Redirect, 0, -1});
+            download = run(record(QStringLiteral("/r")));
+            QVERIFY2(errorText(download).contains(QString::fromLatin1(elsewhere)),
+                     qPrintable(errorText(download)));
+            QVERIFY(!QFile::exists(target()));
+        }
+    }
+
+    // What a segment of a stream must hold is checked before a byte of it is written.
+    void segmentContentIsChecked() {
+        using Expected = HttpDownload::ExpectedContent;
+        const QByteArray ts = transportStream(40);
+        const QByteArray mp4 = QByteArray("\0\0\0\x18moof", 8) + pattern(3000, 6);
+        m_server->setResource(QStringLiteral("/ts"), ts, "text/vnd.trolltech.linguist");
+        m_server->setResource(QStringLiteral("/text"), "404 not found", "text/plain");
+        m_server->setResource(QStringLiteral("/mp4"), mp4);
+        m_server->setResource(QStringLiteral("/junk"), pattern(3000, 7));
+        m_server->setResource(QStringLiteral("/html"), ts);
+        m_server->setFault(QStringLiteral("/html"), {FaultyHttpServer::FaultKind::HtmlPage, 0, -1});
+        const struct {
+            const char* path;
+            Expected expected;
+            bool accepted;
+        } cases[] = {
+            {"/ts", Expected::MpegTs, true},         {"/mp4", Expected::FragmentedMp4, true},
+            {"/junk", Expected::Any, true},          {"/html", Expected::MpegTs, false},
+            {"/junk", Expected::MpegTs, false},      {"/junk", Expected::FragmentedMp4, false},
+            {"/ts", Expected::FragmentedMp4, false}, {"/text", Expected::MpegTs, false}};
+        HttpDownload::Options options;
+        options.maxRetries = 1;
+        for (const auto& check : cases) {
+            QFile::remove(target());
+            options.expectedContent = check.expected;
+            const QString path = QString::fromLatin1(check.path);
+            const int before = m_server->requestCount(path);
+            const auto download = run(record(path), {}, options);
+            QCOMPARE(download->info().isFinished(), check.accepted);
+            if (check.accepted)
+                continue;
+            QCOMPARE(download->lastError().code, int(HttpDownload::WrongContentError));
+            QVERIFY(errorText(download).contains(m_server->url(path).toString()));
+            QCOMPARE(QFileInfo(target()).size(), 0);
+            QCOMPARE(m_server->requestCount(path) - before, 2); // retried once
+        }
+    }
+
+    void nginxOverHttp1AndHttp2WithTls() {
+        if (NginxServer::executable().isEmpty())
+            QSKIP("nginx is not installed");
+        QDir(m_dir->path()).mkpath(QStringLiteral("www"));
+        const QByteArray body = pattern(700000, 8);
+        QVERIFY(writeFile(m_dir->filePath(QStringLiteral("www/v.bin")), body));
+        const QString cert = m_dir->filePath(QStringLiteral("cert.pem"));
+        const QString key = m_dir->filePath(QStringLiteral("key.pem"));
+        QCOMPARE(QProcess::execute(
+                     QStringLiteral("openssl"),
+                     {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                      QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
+                      QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
+                      QStringLiteral("-days"), QStringLiteral("1"), QStringLiteral("-subj"),
+                      QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-keyout"), key,
+                      QStringLiteral("-out"), cert}),
+                 0);
+        for (const bool tls : {false, true}) {
+            NginxServer nginx(m_dir->filePath(QStringLiteral("www")));
+            if (tls)
+                nginx.setTls(cert, key);
+            QString error;
+            QVERIFY2(nginx.start(&error), qPrintable(error));
+            AbstractDownloadPersistentInfo info = record(QStringLiteral("/v.bin"));
+            info.resourceUrl = nginx.url(QStringLiteral("/v.bin")).toString();
+            QStringList statusLines;
+            AbstractNetworkConsumerSettings settings;
+            settings.ignoreSslErrors = true;
+            const auto watch = [&](HttpDownload* download) {
+                download->setNetworkSettings(settings);
+                connect(download, &AbstractDownload::gotResponseHeaders, download,
+                        [&](qint64, const QList<QString>& lines) {
+                            statusLines.append(lines.value(0));
+                        });
+            };
+            QFile::remove(target());
+            auto download = run(info, watch);
+            QCOMPARE(readFile(target()), body);
+            QVERIFY2(statusLines.value(0).startsWith(tls ? QStringLiteral("HTTP/2 200")
+                                                         : QStringLiteral("HTTP/1.1 200")),
+                     qPrintable(statusLines.join(u'|')));
+            if (!tls)
+                continue;
+            // The certificate is the test's own: refused unless told to ignore it.
+            settings.ignoreSslErrors = false;
+            QFile::remove(target());
+            download = run(info, watch);
+            QCOMPARE(download->lastError().code, int(QNetworkReply::SslHandshakeFailedError));
+            QVERIFY(errorText(download).contains(QStringLiteral("does not verify")));
+            QCOMPARE(download->lastSslErrors().value(0).error(), QSslError::SelfSignedCertificate);
+            QVERIFY(!QFile::exists(target()));
+        }
+    }
+
+    void throughHttpAndSocksProxies() {
+        const QByteArray body = pattern(300000, 9);
+        m_server->setResource(QStringLiteral("/p"), body);
+        const int httpPort = freePort();
+        const int socksPort = freePort();
+        const QString tinyConf = m_dir->filePath(QStringLiteral("tinyproxy.conf"));
+        QVERIFY(writeFile(tinyConf, QStringLiteral("Port %1\nListen 127.0.0.1\nTimeout 30\n"
+                                                   "Allow 127.0.0.1\nLogLevel Warning\n")
+                                        .arg(httpPort)
+                                        .toUtf8()));
+        const QString danteConf = m_dir->filePath(QStringLiteral("danted.conf"));
+        QVERIFY(
+            writeFile(danteConf, QStringLiteral("logoutput: stderr\ninternal: 127.0.0.1 port = %1\n"
+                                                "external: 127.0.0.1\nclientmethod: none\n"
+                                                "socksmethod: none\nuser.unprivileged: nobody\n"
+                                                "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n"
+                                                "socks pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n")
+                                     .arg(socksPort)
+                                     .toUtf8()));
+        ProxyProgram tinyproxy, dante;
+        if (!tinyproxy.start(QStringLiteral("tinyproxy"),
+                             {QStringLiteral("-d"), QStringLiteral("-c"), tinyConf}, httpPort))
+            QSKIP(qPrintable(QStringLiteral("tinyproxy does not run here: ") + tinyproxy.output()));
+        if (!dante.start(QStringLiteral("/usr/sbin/danted"),
+                         {QStringLiteral("-f"), danteConf, QStringLiteral("-p"),
+                          m_dir->filePath(QStringLiteral("danted.pid")), QStringLiteral("-N"),
+                          QStringLiteral("1")},
+                         socksPort))
+            QSKIP(qPrintable(QStringLiteral("danted does not run here: ") + dante.output()));
+        const QList<QNetworkProxy> proxies{
+            QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"), quint16(httpPort)),
+            QNetworkProxy(QNetworkProxy::Socks5Proxy, QStringLiteral("127.0.0.1"),
+                          quint16(socksPort))};
+        for (const QNetworkProxy& proxy : proxies) {
+            FixedProxy factory(proxy);
+            QFile::remove(target());
+            const int before = m_server->requestCount(QStringLiteral("/p"));
+            const auto download = run(record(QStringLiteral("/p")), [&](HttpDownload* starting) {
+                starting->setProxyFactory(&factory);
+            });
+            QCOMPARE(download->lastError().code, 0);
+            QCOMPARE(readFile(target()), body);
+            QCOMPARE(m_server->requestCount(QStringLiteral("/p")), before + 1);
+        }
+        // A proxy that is not there: a clear error, and the server never asked.
+        FixedProxy gone(QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"),
+                                      quint16(freePort())));
+        HttpDownload::Options options;
+        options.maxRetries = 0;
+        const int before = m_server->requestCount(QStringLiteral("/p"));
+        const auto download = run(
+            record(QStringLiteral("/p")),
+            [&](HttpDownload* starting) { starting->setProxyFactory(&gone); }, options);
+        QCOMPARE(download->lastError().code, int(QNetworkReply::ProxyConnectionRefusedError));
+        QCOMPARE(m_server->requestCount(QStringLiteral("/p")), before);
+    }
+
+    void credentialsFromUrlKeeperOrRequestor() {
+        const QByteArray body = pattern(5000, 10);
+        m_server->setResource(QStringLiteral("/k"), body);
+        m_server->setCredentials(QStringLiteral("/k"), "ann:s3cret");
+        const auto download = run(record(QStringLiteral("/k")));
+        QCOMPARE(download->lastError().code, 401);
+        QVERIFY(!QFile::exists(target()));
+
+        AbstractDownloadPersistentInfo info = record(QStringLiteral("/k"));
+        QUrl withUser = m_server->url(QStringLiteral("/k"));
+        withUser.setUserInfo(QStringLiteral("ann:s3cret"));
+        info.resourceUrl = withUser.toString();
+        QCOMPARE(run(info)->lastError().code, 0);
+        QCOMPARE(readFile(target()), body);
+
+        // Asked for once, then kept: the second download finds them without asking.
+        KeptPasswords kept;
+        AnsweringRequestor requestor({QStringLiteral("ann"), QStringLiteral("s3cret")});
+        const auto withAuth = [&](HttpDownload* starting) {
+            starting->setAuth(&kept, &requestor);
+        };
+        for (int i = 0; i < 2; ++i) {
+            QFile::remove(target());
+            QCOMPARE(run(record(QStringLiteral("/k")), withAuth)->lastError().code, 0);
+            QCOMPARE(readFile(target()), body);
+        }
+        QCOMPARE(requestor.asked.size(), 1);
+        QCOMPARE(requestor.asked.constFirst().realm, QStringLiteral("tern"));
+        QCOMPARE(kept.find(requestor.asked.constFirst()).user, QStringLiteral("ann"));
     }
 };
 

@@ -24,7 +24,6 @@ class TestMediaChildren : public QObject {
 
 private:
     QTemporaryDir m_dir;
-    QNetworkAccessManager m_network;
     QThread m_writers;
     QSharedPointer<HostDownloadsFactory> m_factory;
     QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter{new AbstractDownloadsSpeedMeter()};
@@ -37,7 +36,7 @@ private:
         context.factory = m_factory;
         context.speedMeter = m_speedMeter;
         context.merger = m_merger;
-        context.network = &m_network;
+        context.network = m_factory->network();
         context.writersThread = &m_writers;
         return context;
     }
@@ -100,7 +99,7 @@ private Q_SLOTS:
         m_nginx.reset(new NginxServer(www));
         QVERIFY2(m_nginx->start(&error), qPrintable(error));
         m_writers.start();
-        m_factory.reset(new HostDownloadsFactory(&m_network, &m_writers));
+        m_factory.reset(new HostDownloadsFactory(&m_writers));
         m_ffmpeg.reset(new QtFfmpegManager(QFileInfo(FfmpegTestMedia::ffmpeg()).absolutePath(),
                                            QStringLiteral("ffmpeg"), {}));
         m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));

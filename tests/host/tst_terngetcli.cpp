@@ -461,6 +461,50 @@ private Q_SLOTS:
                 streams.contains(QStringLiteral("audio")));
         QVERIFY2(duration > 3.5 && duration < 4.5, qPrintable(QString::number(duration)));
     }
+
+    // Servers that would hang or fool a download: each run ends with exit 1 and says why.
+    void hostileServersEndClearly() {
+        FaultyHttpServer server;
+        QVERIFY(server.listen());
+        const QStringList segments =
+            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
+        server.setResource(QStringLiteral("/s/index.m3u8"),
+                           readFile(m_stream + QStringLiteral("/index.m3u8")));
+        for (const auto& segment : segments)
+            server.setResource(QStringLiteral("/s/") + QFileInfo(segment).fileName(),
+                               readFile(segment));
+        const QString second = QStringLiteral("/s/") + QFileInfo(segments.at(1)).fileName();
+        server.setFault(second, {FaultyHttpServer::FaultKind::HtmlPage, 0, -1});
+        const QStringList quick{QStringLiteral("--retries"), QStringLiteral("1"),
+                                QStringLiteral("--stall-timeout"), QStringLiteral("0.5")};
+        Run result = run(args(server.url(QStringLiteral("/s/index.m3u8")),
+                              m_dir.filePath(QStringLiteral("out/html.ts"))) +
+                         quick);
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(!result.out.contains("Saved") && result.err.contains("text/html") &&
+                     result.err.contains(server.url(second).toEncoded()),
+                 result.err.constData());
+        QCOMPARE(server.requestCount(second), 2);
+
+        // The first request of a run is retried too, and silence ends as a time-out.
+        server.setResource(QStringLiteral("/quiet"), "x");
+        server.setFault(QStringLiteral("/quiet"),
+                        {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
+        result = run(args(server.url(QStringLiteral("/quiet")),
+                          m_dir.filePath(QStringLiteral("out/quiet.bin"))) +
+                     quick);
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("no answer within 0.5 s") && !result.err.contains("canceled"),
+                 result.err.constData());
+        QCOMPARE(server.requestCount(QStringLiteral("/quiet")), 2);
+
+        server.setFault(QStringLiteral("/quiet"),
+                        {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
+        result = run(args(server.url(QStringLiteral("/quiet")),
+                          m_dir.filePath(QStringLiteral("out/heads.bin"))));
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("larger than 64 KiB"), result.err.constData());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestTernGetCli)

@@ -90,7 +90,7 @@ private Q_SLOTS:
         QVERIFY(sectionText(files[0], QStringLiteral("REQUEST HEADERS"))
                     .startsWith(QLatin1String("GET ")));
         QVERIFY(sectionText(files[0], QStringLiteral("RESPONSE HEADERS"))
-                    .startsWith(QLatin1String("HTTP 200")));
+                    .startsWith(QLatin1String("HTTP/1.1 200 ")));
         QCOMPARE(sectionText(files[0], QStringLiteral("BODY")),
                  QStringLiteral("Saved in the file: ") + output);
 

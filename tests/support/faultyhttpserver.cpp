@@ -9,6 +9,7 @@ namespace {
 QByteArray statusLine(int status) {
     static const QHash<int, QByteArray> reasons{{200, "OK"},
                                                 {206, "Partial Content"},
+                                                {302, "Found"},
                                                 {403, "Forbidden"},
                                                 {404, "Not Found"},
                                                 {416, "Range Not Satisfiable"},
@@ -46,12 +47,18 @@ QUrl FaultyHttpServer::url(const QString& path) const {
     return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server->serverPort()).arg(path));
 }
 
-void FaultyHttpServer::setResource(const QString& path, const QByteArray& body) {
+void FaultyHttpServer::setResource(const QString& path, const QByteArray& body,
+                                   const QByteArray& contentType) {
     m_resources.insert(path, body);
+    m_contentTypes.insert(path, contentType);
 }
 
 void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
     m_faults.insert(path, fault);
+}
+
+void FaultyHttpServer::setCredentials(const QString& path, const QByteArray& userAndPassword) {
+    m_credentials.insert(path, userAndPassword);
 }
 
 void FaultyHttpServer::clearFaults() {
@@ -83,12 +90,14 @@ void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
         const QList<QByteArray> lines = buffer.left(end).split('\n');
         buffer.remove(0, end + 4);
         const QList<QByteArray> request = lines.value(0).trimmed().split(' ');
-        QByteArray range;
+        QByteArray range, authorization;
         for (const auto& line : lines) {
             if (line.toLower().startsWith("range:"))
                 range = line.mid(6).trimmed();
+            else if (line.toLower().startsWith("authorization:"))
+                authorization = line.mid(14).trimmed();
         }
-        answer(socket, QString::fromLatin1(request.value(1)), range);
+        answer(socket, QString::fromLatin1(request.value(1)), range, authorization);
     }
 }
 
@@ -101,9 +110,49 @@ const FaultyHttpServer::Fault* FaultyHttpServer::takeFault(const QString& path) 
     return &it.value();
 }
 
-void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range) {
+// The faults that answer without the resource; false for those that shape its delivery.
+bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, const Fault& fault) {
+    QByteArray head;
+    QByteArray body;
+    switch (fault.kind) {
+    case FaultKind::NeverAnswer:
+        return true;
+    case FaultKind::HugeHeaders:
+        head = statusLine(200);
+        for (int i = 0; i < fault.value; ++i)
+            head += "X-Filler-" + QByteArray::number(i) + ": " + QByteArray(64, 'f') + "\r\n";
+        body = "abc";
+        break;
+    case FaultKind::HtmlPage:
+        body = "<html><body>Sorry, this stream is gone</body></html>";
+        head = statusLine(200) + "Content-Type: text/html; charset=utf-8\r\n";
+        break;
+    case FaultKind::Redirect:
+        head = statusLine(302) + "Location: " + m_resources.value(path) + "\r\n";
+        break;
+    default:
+        return false;
+    }
+    socket->write(head + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+    return true;
+}
+
+void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range,
+                              const QByteArray& authorization) {
     const Fault* fault = takeFault(path);
     LogEntry entry{path, range, 0};
+    if (m_credentials.contains(path) &&
+        authorization != "Basic " + m_credentials.value(path).toBase64()) {
+        entry.status = 401;
+        m_log.append(entry);
+        socket->write("HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n"
+                      "Content-Length: 0\r\n\r\n");
+        return;
+    }
+    if (fault && answerFault(socket, path, *fault)) {
+        m_log.append(entry);
+        return;
+    }
     if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
         entry.status = m_resources.contains(path) ? fault->value : 404;
         m_log.append(entry);
@@ -128,6 +177,8 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     QByteArray head = statusLine(entry.status) +
                       "Accept-Ranges: bytes\r\nContent-Length: " + QByteArray::number(body.size()) +
                       "\r\n";
+    if (!m_contentTypes.value(path).isEmpty())
+        head += "Content-Type: " + m_contentTypes.value(path) + "\r\n";
     if (honourRange)
         head += "Content-Range: bytes " + QByteArray::number(first) + '-' +
                 QByteArray::number(last) + '/' + QByteArray::number(resource.size()) + "\r\n";
@@ -143,12 +194,19 @@ void FaultyHttpServer::sendBody(QTcpSocket* socket, const QByteArray& head, cons
         socket->abort();
         return;
     }
+    if (fault && fault->kind == FaultKind::Trickle) {
+        pace(socket, body, 1, fault->value);
+        return;
+    }
     if (!fault || fault->kind != FaultKind::SlowBody || fault->value <= 0) {
         socket->write(body);
         return;
     }
     // Paced in tenths of a second so that the client sees a steady trickle.
-    const int chunk = qMax(1, fault->value / 10);
+    pace(socket, body, qMax(1, fault->value / 10), 100);
+}
+
+void FaultyHttpServer::pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs) {
     auto* timer = new QTimer(socket);
     auto offset = std::make_shared<qint64>(0);
     connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
@@ -157,5 +215,5 @@ void FaultyHttpServer::sendBody(QTcpSocket* socket, const QByteArray& head, cons
         if (*offset >= body.size())
             timer->stop();
     });
-    timer->start(100);
+    timer->start(intervalMs);
 }

@@ -12,17 +12,28 @@ class QTcpSocket;
 
 // A small HTTP/1.1 server on loopback for the failures a real server does not produce on
 // demand: error statuses, connections dropped mid-body, a 200 in answer to a range request,
-// slow bodies. It serves in-memory resources with correct Range handling otherwise, and keeps
-// an access log. Runs in the thread of its owner (the test's event loop).
+// slow or trickling bodies, endless headers, redirects elsewhere, silence after the request,
+// an HTML page answered 200. It serves in-memory resources with correct Range handling otherwise,
+// and keeps an access log. Runs in the thread of its owner (the test's event loop).
 class FaultyHttpServer : public QObject {
     Q_OBJECT
 
 public:
-    enum class FaultKind { Status, DropAfterBytes, IgnoreRange, SlowBody };
+    enum class FaultKind {
+        Status,
+        DropAfterBytes,
+        IgnoreRange,
+        SlowBody,
+        Trickle,     // one byte of the body every value ms
+        HugeHeaders, // value header lines before a short body
+        NeverAnswer, // reads the request and stays silent
+        HtmlPage,    // 200 with a text/html error page instead of the resource
+        Redirect,    // 302 to the resource's body, taken as the Location
+    };
 
     struct Fault {
         FaultKind kind = FaultKind::Status;
-        int value = 0;  // status code, bytes before the drop, or bytes per second
+        int value = 0;  // status code, bytes before the drop, bytes per second, ms, lines
         int times = -1; // how many requests get the fault; -1 every one
     };
 
@@ -38,8 +49,11 @@ public:
     bool listen(); // on 127.0.0.1 and an ephemeral port
     QUrl url(const QString& path) const;
 
-    void setResource(const QString& path, const QByteArray& body);
+    void setResource(const QString& path, const QByteArray& body,
+                     const QByteArray& contentType = {});
     void setFault(const QString& path, const Fault& fault);
+    // Answers 401 (Basic, realm "tern") unless the request carries these "user:password".
+    void setCredentials(const QString& path, const QByteArray& userAndPassword);
     void clearFaults();
 
     QList<LogEntry> accessLog() const { return m_log; }
@@ -49,13 +63,18 @@ private:
     struct Connection;
     void onNewConnection();
     void onReadyRead(QTcpSocket* socket);
-    void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader);
+    void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader,
+                const QByteArray& authorization);
+    bool answerFault(QTcpSocket* socket, const QString& path, const Fault& fault);
     void sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
                   const Fault* fault);
+    void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs);
     const Fault* takeFault(const QString& path);
 
     QTcpServer* m_server;
     QHash<QString, QByteArray> m_resources;
+    QHash<QString, QByteArray> m_contentTypes;
+    QHash<QString, QByteArray> m_credentials;
     QHash<QString, Fault> m_faults;
     QHash<QTcpSocket*, QByteArray> m_buffers;
     QList<LogEntry> m_log;

@@ -38,6 +38,11 @@ QString NginxServer::executable() {
     return QStandardPaths::findExecutable(QStringLiteral("nginx"));
 }
 
+void NginxServer::setTls(const QString& certificateFile, const QString& keyFile) {
+    m_certificate = certificateFile;
+    m_key = keyFile;
+}
+
 QString NginxServer::writeConfig(qint64 limitRate) const {
     const QString dir = m_dir.path();
     QString temps;
@@ -45,8 +50,11 @@ QString NginxServer::writeConfig(qint64 limitRate) const {
         QDir(dir).mkpath(QString::fromLatin1(name));
         temps += QStringLiteral("    %1_temp_path %2/%1;\n").arg(QString::fromLatin1(name), dir);
     }
-    const QString limit =
-        limitRate > 0 ? QStringLiteral("limit_rate %1;").arg(limitRate) : QString();
+    QString limit = limitRate > 0 ? QStringLiteral("limit_rate %1;").arg(limitRate) : QString();
+    if (!m_certificate.isEmpty())
+        limit += QStringLiteral(" ssl_certificate %1; ssl_certificate_key %2;")
+                     .arg(m_certificate, m_key);
+    const QString tlsListen = m_certificate.isEmpty() ? QString() : QStringLiteral(" ssl http2");
     return QStringLiteral(
                "daemon off;\nmaster_process off;\nworker_processes 1;\npid %1/nginx.pid;\n"
                "error_log %1/error.log warn;\nevents { worker_connections 256; }\n"
@@ -55,11 +63,11 @@ QString NginxServer::writeConfig(qint64 limitRate) const {
                "    types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; "
                "}\n"
                "    default_type application/octet-stream;\n    sendfile on;\n"
-               "    server {\n        listen 127.0.0.1:%3;\n        root %4;\n        %5\n"
+               "    server {\n        listen 127.0.0.1:%3%6;\n        root %4;\n        %5\n"
                "        location / { }\n    }\n}\n")
         .arg(dir, temps)
         .arg(m_port)
-        .arg(m_root, limit);
+        .arg(m_root, limit, tlsListen);
 }
 
 bool NginxServer::start(QString* error, qint64 limitRate) {
@@ -106,7 +114,9 @@ void NginxServer::stop() {
 }
 
 QUrl NginxServer::url(const QString& path) const {
-    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path));
+    const QString scheme =
+        m_certificate.isEmpty() ? QStringLiteral("http") : QStringLiteral("https");
+    return QUrl(QStringLiteral("%1://127.0.0.1:%2%3").arg(scheme).arg(m_port).arg(path));
 }
 
 QList<NginxServer::Access> NginxServer::accessLog() const {

@@ -20,6 +20,8 @@ public:
     ~NginxServer();
 
     static QString executable(); // empty when nginx is not installed
+    // Serves HTTPS, with HTTP/2 offered, from these PEM files; call before start().
+    void setTls(const QString& certificateFile, const QString& keyFile);
     // limitRate: bytes per second per connection, 0 for none.
     bool start(QString* error, qint64 limitRate = 0);
     void stop();
@@ -35,4 +37,6 @@ private:
     QTemporaryDir m_dir;
     QProcess m_process;
     int m_port = 0;
+    QString m_certificate;
+    QString m_key;
 };
