@@ -48,8 +48,13 @@ struct Rig {
             process.waitForFinished(-1);
         return started;
     }
-    QString env(const char* name) const {
-        return process.processEnvironment().value(QString::fromLatin1(name), u"-"_s);
+    // The child's variables that the sandbox may set, in this order; "-" for those unset.
+    QStringList env() const {
+        QStringList values;
+        for (const char* name : {"TMPDIR", "TEMP", "TMP", "XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX",
+                                 "USERPROFILE", "APPDATA", "LOCALAPPDATA"})
+            values << process.processEnvironment().value(QString::fromLatin1(name), u"-"_s);
+        return values;
     }
 
     QTemporaryDir dir;
@@ -140,13 +145,9 @@ private Q_SLOTS:
         QVERIFY(rig.start(settings));
         const QString base = QString::fromStdWString(rig.api->containerFolder);
         const QString temp = base + u"\\AppData\\Local\\Temp"_s;
-        for (const char* name : {"TMPDIR", "TEMP", "TMP"})
-            QCOMPARE(rig.env(name), temp);
-        QCOMPARE(rig.env("XDG_CACHE_HOME"), temp + u"/.cache"_s);
-        QCOMPARE(rig.env("PYTHONPYCACHEPREFIX"), temp + u"/Python"_s);
-        QCOMPARE(rig.env("USERPROFILE"), base);
-        QCOMPARE(rig.env("APPDATA"), base + u"\\AppData\\Roaming"_s);
-        QCOMPARE(rig.env("LOCALAPPDATA"), base + u"\\AppData\\Local"_s);
+        QCOMPARE(rig.env(),
+                 (QStringList{temp, temp, temp, temp + u"/.cache"_s, temp + u"/Python"_s, base,
+                              base + u"\\AppData\\Roaming"_s, base + u"\\AppData\\Local"_s}));
         QVERIFY(QFileInfo(temp).isDir());
 
         Rig low;
@@ -154,12 +155,11 @@ private Q_SLOTS:
         bare.kind = 1;
         bare.setXdgCacheHome = bare.setPythonPycachePrefix = bare.overrideLocalAppData = false;
         QVERIFY(low.start(bare));
-        const QString lowBase = QString::fromStdWString(low.api->lowFolder) + u"\\Temp\\tern"_s;
-        QCOMPARE(low.env("TMP"), lowBase + u"\\AppData\\Local\\Temp"_s);
-        for (const char* name :
-             {"XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX", "USERPROFILE", "APPDATA", "LOCALAPPDATA"}) {
-            QCOMPARE(low.env(name), u"-"_s);
-        }
+        const QString lowTemp =
+            QString::fromStdWString(low.api->lowFolder) + u"\\Temp\\tern\\AppData\\Local\\Temp"_s;
+        const QString unset = u"-"_s;
+        QCOMPARE(low.env(),
+                 (QStringList{lowTemp, lowTemp, lowTemp, unset, unset, unset, unset, unset}));
     }
 
     void allowedPathsAreGrantedAndWithdrawn() {
