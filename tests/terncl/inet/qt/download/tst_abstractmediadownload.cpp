@@ -9,7 +9,6 @@
 #include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSignalSpy>
