@@ -13,12 +13,14 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Settings = QtProcessSandboxManager::SandboxSettings;
 using Step = WinSandboxApi::IntegrityStep;
 
 QString logLine(const char* text) {
-    return QStringLiteral("[QtProcessSandboxManager]: ") + QString::fromUtf8(text);
+    return u"[QtProcessSandboxManager]: "_s + QString::fromUtf8(text);
 }
 
 QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
@@ -33,10 +35,10 @@ QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, 
 
 struct Rig {
     Rig() {
-        api->containerFolder = (dir.path() + QStringLiteral("/container")).toStdWString();
-        api->lowFolder = (dir.path() + QStringLiteral("/low")).toStdWString();
+        api->containerFolder = (dir.path() + u"/container"_s).toStdWString();
+        api->lowFolder = (dir.path() + u"/low"_s).toStdWString();
         process.setProgram(TestChild::program());
-        process.setArguments({QStringLiteral("exit"), QStringLiteral("0")});
+        process.setArguments({u"exit"_s, u"0"_s});
     }
     // Starts the helper in the sandbox; when it started, waits for its end.
     bool start(const Settings& settings, bool fallback = true) {
@@ -46,14 +48,19 @@ struct Rig {
             process.waitForFinished(-1);
         return started;
     }
-    QString env(const char* name) const {
-        return process.processEnvironment().value(QString::fromLatin1(name), QStringLiteral("-"));
+    // The child's variables that the sandbox may set, in this order; "-" for those unset.
+    QStringList env() const {
+        QStringList values;
+        for (const char* name : {"TMPDIR", "TEMP", "TMP", "XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX",
+                                 "USERPROFILE", "APPDATA", "LOCALAPPDATA"})
+            values << process.processEnvironment().value(QString::fromLatin1(name), u"-"_s);
+        return values;
     }
 
     QTemporaryDir dir;
     RecordingLogger log;
     std::shared_ptr<FakeWinSandboxApi> api = std::make_shared<FakeWinSandboxApi>();
-    QtProcessSandboxManager manager{QStringLiteral("tern"), api};
+    QtProcessSandboxManager manager{u"tern"_s, api};
     QProcess process;
 };
 } // namespace
@@ -77,13 +84,12 @@ private Q_SLOTS:
         QTest::addColumn<QString>("logged");
         const QString container = QStringLiteral("sid ternAppContainerSandbox,folder S-1-15-2-7,"
                                                  "capabilities S-1-15-2-7 internet");
-        const QString low = QStringLiteral("lowfolder,lower,resume");
+        const QString low = u"lowfolder,lower,resume"_s;
         QTest::newRow("2") << 2 << false << false << container << "using AppContainer sandbox";
         QTest::newRow("0") << 0 << false << false << container << "using AppContainer sandbox";
         QTest::newRow("1") << 1 << false << false << low << "using LowIntegrityLevel sandbox";
-        QTest::newRow("no profile")
-            << 2 << true << false << QStringLiteral("sid ternAppContainerSandbox,") + low
-            << "CreateAppContainerProfile failed with error: 5";
+        QTest::newRow("no profile") << 2 << true << false << u"sid ternAppContainerSandbox,"_s + low
+                                    << "CreateAppContainerProfile failed with error: 5";
         QTest::newRow("no capabilities") << 2 << false << true << container + QLatin1Char(',') + low
                                          << "using LowIntegrityLevel sandbox";
     }
@@ -123,13 +129,13 @@ private Q_SLOTS:
             QCOMPARE(rig.start(lowOnly, fallback), fallback);
             QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
             // A child left suspended runs only when it may run unconfined.
-            QCOMPARE(rig.api->calls.endsWith(QStringLiteral("resume")), fallback);
+            QCOMPARE(rig.api->calls.endsWith(u"resume"_s), fallback);
         }
         Rig rig;
         rig.api->lowFolder.clear();
         QVERIFY(!rig.start(lowOnly, false));
         QVERIFY(rig.log.contains(logLine("SHGetKnownFolderPath failed with error: 5")));
-        QVERIFY(!rig.api->calls.contains(QStringLiteral("lower")));
+        QVERIFY(!rig.api->calls.contains(u"lower"_s));
     }
 
     void childEnvironment() {
@@ -138,14 +144,10 @@ private Q_SLOTS:
         settings.overrideUserProfile = settings.overrideAppData = true;
         QVERIFY(rig.start(settings));
         const QString base = QString::fromStdWString(rig.api->containerFolder);
-        const QString temp = base + QStringLiteral("\\AppData\\Local\\Temp");
-        for (const char* name : {"TMPDIR", "TEMP", "TMP"})
-            QCOMPARE(rig.env(name), temp);
-        QCOMPARE(rig.env("XDG_CACHE_HOME"), temp + QStringLiteral("/.cache"));
-        QCOMPARE(rig.env("PYTHONPYCACHEPREFIX"), temp + QStringLiteral("/Python"));
-        QCOMPARE(rig.env("USERPROFILE"), base);
-        QCOMPARE(rig.env("APPDATA"), base + QStringLiteral("\\AppData\\Roaming"));
-        QCOMPARE(rig.env("LOCALAPPDATA"), base + QStringLiteral("\\AppData\\Local"));
+        const QString temp = base + u"\\AppData\\Local\\Temp"_s;
+        QCOMPARE(rig.env(),
+                 (QStringList{temp, temp, temp, temp + u"/.cache"_s, temp + u"/Python"_s, base,
+                              base + u"\\AppData\\Roaming"_s, base + u"\\AppData\\Local"_s}));
         QVERIFY(QFileInfo(temp).isDir());
 
         Rig low;
@@ -153,41 +155,38 @@ private Q_SLOTS:
         bare.kind = 1;
         bare.setXdgCacheHome = bare.setPythonPycachePrefix = bare.overrideLocalAppData = false;
         QVERIFY(low.start(bare));
-        const QString lowBase =
-            QString::fromStdWString(low.api->lowFolder) + QStringLiteral("\\Temp\\tern");
-        QCOMPARE(low.env("TMP"), lowBase + QStringLiteral("\\AppData\\Local\\Temp"));
-        for (const char* name :
-             {"XDG_CACHE_HOME", "PYTHONPYCACHEPREFIX", "USERPROFILE", "APPDATA", "LOCALAPPDATA"}) {
-            QCOMPARE(low.env(name), QStringLiteral("-"));
-        }
+        const QString lowTemp =
+            QString::fromStdWString(low.api->lowFolder) + u"\\Temp\\tern\\AppData\\Local\\Temp"_s;
+        const QString unset = u"-"_s;
+        QCOMPARE(low.env(),
+                 (QStringList{lowTemp, lowTemp, lowTemp, unset, unset, unset, unset, unset}));
     }
 
     void allowedPathsAreGrantedAndWithdrawn() {
         Rig rig;
         const QString folder = rig.dir.path(), file = TestChild::program();
-        const QString missing = folder + QStringLiteral("/missing");
+        const QString missing = folder + u"/missing"_s;
         rig.api->failingGrants << missing;
         Settings settings;
         settings.allowedPaths = {allowed(folder, false, true, false),
                                  allowed(missing, false, false, true),
                                  allowed(file, true, true, false)};
         QVERIFY(rig.start(settings, false));
-        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 80000000").arg(folder)));
-        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 40000000").arg(missing)));
-        QVERIFY(rig.api->calls.contains(QStringLiteral("grant %1 a0000000").arg(file)));
+        QVERIFY(rig.api->calls.contains(u"grant %1 80000000"_s.arg(folder)));
+        QVERIFY(rig.api->calls.contains(u"grant %1 40000000"_s.arg(missing)));
+        QVERIFY(rig.api->calls.contains(u"grant %1 a0000000"_s.arg(file)));
         QVERIFY(rig.log.contains(logLine("using AppContainer sandbox")));
         QTRY_VERIFY(rig.api->granted.isEmpty());
-        QVERIFY(!rig.api->calls.contains(QStringLiteral("revoke ") + missing));
+        QVERIFY(!rig.api->calls.contains(u"revoke "_s + missing));
 
         // A grant that fails on an existing path undoes this child's grants and the container.
         rig.api->calls.clear();
         rig.api->failingGrants = {missing, file};
         QVERIFY(rig.start(settings, false));
-        QCOMPARE(rig.api->calls.mid(2, 5),
-                 QStringList({QStringLiteral("grant %1 80000000").arg(folder),
-                              QStringLiteral("grant %1 40000000").arg(missing),
-                              QStringLiteral("grant %1 a0000000").arg(file),
-                              QStringLiteral("revoke ") + folder, QStringLiteral("lowfolder")}));
+        QCOMPARE(
+            rig.api->calls.mid(2, 5),
+            QStringList({u"grant %1 80000000"_s.arg(folder), u"grant %1 40000000"_s.arg(missing),
+                         u"grant %1 a0000000"_s.arg(file), u"revoke "_s + folder, u"lowfolder"_s}));
         QVERIFY(rig.api->granted.isEmpty());
 
         rig.api->failingGrants.clear();
@@ -199,26 +198,24 @@ private Q_SLOTS:
 
     void sharedPathKeepsTheUnionOfItsHolders() {
         auto api = std::make_shared<FakeWinSandboxApi>();
-        QtWinAppContainerProcessAllowedPathsMgr paths(api, QStringLiteral("S-1"));
+        QtWinAppContainerProcessAllowedPathsMgr paths(api, u"S-1"_s);
         QProcess first, second;
-        const QString path = QStringLiteral("/data");
+        const QString path = u"/data"_s;
         QVERIFY(paths.grantAccess(&first, path, WinSandboxApi::GenericRead));
         QVERIFY(paths.grantAccess(&second, path, WinSandboxApi::GenericWrite));
         paths.withdrawAll(&first);
         QCOMPARE(paths.grantedAccess(path), WinSandboxApi::GenericWrite);
         paths.withdrawAll(&second);
-        QCOMPARE(
-            api->calls,
-            QStringList({QStringLiteral("grant /data 80000000"),
-                         QStringLiteral("grant /data c0000000"), QStringLiteral("revoke /data"),
-                         QStringLiteral("grant /data 40000000"), QStringLiteral("revoke /data")}));
+        QCOMPARE(api->calls,
+                 QStringList({u"grant /data 80000000"_s, u"grant /data c0000000"_s,
+                              u"revoke /data"_s, u"grant /data 40000000"_s, u"revoke /data"_s}));
         QCOMPARE(paths.grantedAccess(path), 0u);
     }
 
     void loopbackExemption() {
         Rig rig;
-        const QString listing = rig.dir.filePath(QStringLiteral("listing"));
-        QVERIFY(writeScript(rig.dir.filePath(QStringLiteral("CheckNetIsolation.exe")),
+        const QString listing = rig.dir.filePath(u"listing"_s);
+        QVERIFY(writeScript(rig.dir.filePath(u"CheckNetIsolation.exe"_s),
                             QByteArrayLiteral("[ \"$*\" = \"LoopbackExempt -s\" ] && cat ") +
                                 listing.toUtf8()));
         const QByteArray path = qgetenv("PATH");
@@ -233,14 +230,14 @@ private Q_SLOTS:
         qputenv("PATH", path);
         QVERIFY(listed && !unlisted);
         QVERIFY(rig.log.contains(logLine("the AppContainer has no loopback exemption")));
-        QVERIFY(rig.api->calls.contains(QStringLiteral("lowfolder")));
+        QVERIFY(rig.api->calls.contains(u"lowfolder"_s));
 
         QVERIFY(rig.manager.enableGlobalLoopbackAccess(true));
         QCOMPARE(rig.api->calls.last(), QStringLiteral("shell CheckNetIsolation.exe LoopbackExempt "
                                                        "-a -n=\"ternAppContainerSandbox\" runas"));
         rig.api->shellSucceeds = false;
         QVERIFY(!rig.manager.enableGlobalLoopbackAccess(false));
-        QVERIFY(rig.api->calls.last().contains(QStringLiteral("LoopbackExempt -d -n=")));
+        QVERIFY(rig.api->calls.last().contains(u"LoopbackExempt -d -n="_s));
         QtProcessSandboxManager unnamed(QString(), rig.api);
         QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
         QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());

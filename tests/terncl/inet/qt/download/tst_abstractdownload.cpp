@@ -7,6 +7,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 // A download of another class, to see class names in originator chains.
 class ParentPack : public FakeDownload {
@@ -16,14 +18,14 @@ public:
     using FakeDownload::FakeDownload;
 };
 
-const QString optionsKey = QStringLiteral("options");
-const QString backupKey = QStringLiteral("optionsBackup");
+const QString optionsKey = u"options"_s;
+const QString backupKey = u"optionsBackup"_s;
 constexpr quint64 highOption = quint64(1) << 63;
 
 QVariant storedOptions(std::initializer_list<std::pair<quint64, QVariant>> options) {
     QVariantList list;
     for (const auto& [id, value] : options)
-        list.append(QVariantHash{{QStringLiteral("o"), id}, {QStringLiteral("v"), value}});
+        list.append(QVariantHash{{u"o"_s, id}, {u"v"_s, value}});
     return list;
 }
 
@@ -58,18 +60,17 @@ private Q_SLOTS:
         download.setOption(0x2, 5);
         download.setOption(0x4 | 0x2, 5); // one bit supported, the other not
         QVERIFY(!download.info().customData.contains(optionsKey));
-        download.setOption(0x4, QStringLiteral("on"));
-        QCOMPARE(download.info().customData.value(optionsKey),
-                 storedOptions({{0x4, QStringLiteral("on")}}));
+        download.setOption(0x4, u"on"_s);
+        QCOMPARE(download.info().customData.value(optionsKey), storedOptions({{0x4, u"on"_s}}));
         download.restoreOptions(true); // no backup: nothing changes
-        QCOMPARE(download.option(0x4).toString(), QStringLiteral("on"));
+        QCOMPARE(download.option(0x4).toString(), u"on"_s);
         QVERIFY(!download.info().customData.contains(backupKey));
 
         download.backupOptions();
         download.setOption(highOption, 7);
-        download.setOption(0x4, QStringLiteral("off"));
+        download.setOption(0x4, u"off"_s);
         QCOMPARE(download.allOptions(),
-                 (QHash<quint64, QVariant>{{0x4, QStringLiteral("off")}, {highOption, 7}}));
+                 (QHash<quint64, QVariant>{{0x4, u"off"_s}, {highOption, 7}}));
         QVERIFY(!download.option(0x1).isValid());
         // Stored records keep options readable, the top bit included.
         FakeDownload restored;
@@ -77,12 +78,11 @@ private Q_SLOTS:
         QCOMPARE(restored.allOptions(), download.allOptions());
 
         download.restoreOptions(false);
-        QCOMPARE(download.allOptions(), (QHash<quint64, QVariant>{{0x4, QStringLiteral("on")}}));
+        QCOMPARE(download.allOptions(), (QHash<quint64, QVariant>{{0x4, u"on"_s}}));
         QVERIFY(download.info().customData.contains(backupKey));
         download.setOption(0x1, 4);
         download.restoreOptions(true);
-        QCOMPARE(download.info().customData.value(optionsKey),
-                 storedOptions({{0x4, QStringLiteral("on")}}));
+        QCOMPARE(download.info().customData.value(optionsKey), storedOptions({{0x4, u"on"_s}}));
         QVERIFY(!download.info().customData.contains(backupKey));
 
         // A backup taken without options brings back "no options".
@@ -95,8 +95,7 @@ private Q_SLOTS:
 
         // Options written by other code as maps, or by setAllOptions, read the same way.
         AbstractDownload::setAllOptions(
-            info, {QVariantMap{{QStringLiteral("o"), 16}, {QStringLiteral("v"), true}},
-                   QStringLiteral("not an option")});
+            info, {QVariantMap{{u"o"_s, 16}, {u"v"_s, true}}, u"not an option"_s});
         download.setInfo(info);
         QCOMPARE(download.allOptions(), (QHash<quint64, QVariant>{{16, true}}));
     }
@@ -111,20 +110,18 @@ private Q_SLOTS:
         QCOMPARE(spy.count(), 1);
         download.signalPerformingFilesOperations(false);
         download.signalPerformingFilesOperations(false);
-        QCOMPARE(spy.count(), 2);
-        QCOMPARE(spy.at(0).at(0).toBool(), true);
-        QCOMPARE(spy.at(1).at(0).toBool(), false);
+        QCOMPARE(QList<QVariantList>(spy), (QList<QVariantList>{{true}, {false}}));
     }
 
     void compareDownloads_data() {
         QTest::addColumn<AbstractDownloadPersistentInfo>("mine");
         QTest::addColumn<AbstractDownloadPersistentInfo>("other");
         QTest::addColumn<int>("expected");
-        const auto url = QStringLiteral("https://example.org/a.iso");
+        const auto url = u"https://example.org/a.iso"_s;
         QTest::newRow("empty mine") << record({}, 1) << record(url, 1) << 0;
         QTest::newRow("empty other") << record(url, 1) << record({}, 1) << 0;
         QTest::newRow("other resource")
-            << record(url, 1) << record(QStringLiteral("https://example.org/b.iso"), 1) << 0;
+            << record(url, 1) << record(u"https://example.org/b.iso"_s, 1) << 0;
         QTest::newRow("other type") << record(url, 1) << record(url, 2) << 0;
         QTest::newRow("other subtype") << record(url, 1) << record(url, 1, 3) << 0;
         QTest::newRow("same resource") << record(url, 1) << record(url, 1) << 2;
@@ -143,40 +140,39 @@ private Q_SLOTS:
 
     void logHeaderNamesTheChainOfCreators() {
         ParentPack pack(5);
-        QCOMPARE(pack.logHeader(), QStringLiteral("[ParentPack #5]: "));
+        QCOMPARE(pack.logHeader(), u"[ParentPack #5]: "_s);
 
         FakeDownload child(12);
         auto childInfo = child.info();
         pack.setupChildOriginatorName(childInfo);
         child.setInfo(childInfo);
-        QCOMPARE(child.logHeader(), QStringLiteral("[ParentPack #5][FakeDownload #12]: "));
+        QCOMPARE(child.logHeader(), u"[ParentPack #5][FakeDownload #12]: "_s);
 
         FakeDownload grandchild(3);
         auto grandchildInfo = grandchild.info();
-        grandchildInfo.originators = {QStringLiteral("stale")}; // replaced, not extended
+        grandchildInfo.originators = {u"stale"_s}; // replaced, not extended
         child.setupChildOriginatorName(grandchildInfo);
         grandchild.setInfo(grandchildInfo);
-        QCOMPARE(grandchild.logHeader(),
-                 QStringLiteral("[ParentPack #5][FakeDownload #12][FakeDownload #3]: "));
+        QCOMPARE(grandchild.logHeader(), u"[ParentPack #5][FakeDownload #12][FakeDownload #3]: "_s);
 
         child.setId(13); // no signal, but the name follows
-        QCOMPARE(child.selfOriginatorName(), QStringLiteral("FakeDownload #13"));
+        QCOMPARE(child.selfOriginatorName(), u"FakeDownload #13"_s);
     }
 
     void genericFieldsFromASourceDownload() {
         AbstractDownloadPersistentInfo source;
-        source.destinationPath = QStringLiteral("/downloads");
-        source.name = QStringLiteral("source name");
-        source.title = QStringLiteral("Page");
-        source.referrer = QStringLiteral("https://example.org/page");
+        source.destinationPath = u"/downloads"_s;
+        source.name = u"source name"_s;
+        source.title = u"Page"_s;
+        source.referrer = u"https://example.org/page"_s;
         source.requestData = QByteArrayLiteral("a=1");
         source.setFlag(AbstractDownloadPersistentInfo::Private);
         AbstractDownload::setAllOptions(source, storedOptions({{1, 2}}).toList());
 
         // What the target has of its own stays; the rest of the generic fields follow.
         AbstractDownloadPersistentInfo target;
-        target.destinationPath = QStringLiteral("/elsewhere");
-        target.name = QStringLiteral("own name");
+        target.destinationPath = u"/elsewhere"_s;
+        target.name = u"own name"_s;
         AbstractDownload::setupGenericFieldsBySourceDownload(source, target);
         auto expected = source;
         expected.destinationPath = target.destinationPath;
@@ -243,7 +239,7 @@ private Q_SLOTS:
     }
 
     void metersShareOneTrackerAndForgetDestroyedDownloads() {
-        std::time_t now = 1'700'000'000; // the meters' clock, moved by hand
+        std::time_t now = 1'700'000'000;
         auto tracker = QSharedPointer<OperationSpeedTracker>::create();
         AbstractDownloadsSpeedMeter first(tracker);
         AbstractDownloadsSpeedMeter second(tracker);

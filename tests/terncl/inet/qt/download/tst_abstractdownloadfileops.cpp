@@ -17,6 +17,8 @@
 #include <QTest>
 #include <QThread>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Op = AbstractDownloadFileOps::FileInitializeOperation;
 using Companion = AbstractDownloadFilesOpsCompanion;
@@ -51,20 +53,22 @@ private:
     QByteArray m_fmp4; // a whole fragmented MP4 stream, segments back to back
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
+    QString path(const char* name) const { return path(QString::fromUtf8(name)); }
+    QByteArray read(const char* name) const { return readFile(path(name)); }
 
     // A finished record whose file "name" waits at its temporary path with content.
     AbstractDownloadPersistentInfo finishedRecord(const QString& name, const QByteArray& content) {
         AbstractDownloadPersistentInfo info;
         info.destinationPath = m_dir.path();
         info.state = AbstractDownloadPersistentInfo::Finished;
-        info.files = {fileRecord(name, content.size(), path(QStringLiteral("tmp/") + name))};
+        info.files = {fileRecord(name, content.size(), path(u"tmp/"_s + name))};
         writeFile(info.files.first().tmpPath, content);
         return info;
     }
 
     QSharedPointer<QtFfmpegAvMerger> makeMerger() const {
         return QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr));
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr));
     }
 
     struct Result {
@@ -95,10 +99,8 @@ private Q_SLOTS:
         if (FfmpegTestMedia::ffmpeg().isEmpty())
             return;
         QString error;
-        QVERIFY2(FfmpegTestMedia::makeHls(path(QStringLiteral("hls")), 2, 1, true, &error),
-                 qPrintable(error));
-        for (const auto& file :
-             FfmpegTestMedia::segmentFiles(path(QStringLiteral("hls/index.m3u8"))))
+        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 2, 1, true, &error), qPrintable(error));
+        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
             m_fmp4 += readFile(file);
     }
     void cleanupTestCase() {
@@ -120,43 +122,38 @@ private Q_SLOTS:
     // Which operations a record needs; what they do on disk is checked below.
     void computesOperationsFromTheRecordOnly() {
         AbstractDownloadPersistentInfo info;
-        info.destinationPath = QStringLiteral("/dst");
-        info.files = {fileRecord(QStringLiteral("a.bin"), 10, QStringLiteral("/tmp/a.part")),
-                      fileRecord(QStringLiteral("dir/b.bin"), 10),
-                      fileRecord(QStringLiteral("dir/c.bin"), 10),
-                      fileRecord(QStringLiteral("d.bin"), 0, QStringLiteral("/tmp/d.part")),
-                      fileRecord(QStringLiteral("e.bin"), 0)};
+        info.destinationPath = u"/dst"_s;
+        info.files = {fileRecord(u"a.bin"_s, 10, u"/tmp/a.part"_s), fileRecord(u"dir/b.bin"_s, 10),
+                      fileRecord(u"dir/c.bin"_s, 10), fileRecord(u"d.bin"_s, 0, u"/tmp/d.part"_s),
+                      fileRecord(u"e.bin"_s, 0)};
         info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
         // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
         const auto ops = [&info](bool finished) {
             QStringList list;
             for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, info, finished))
-                list << QStringLiteral("%1 %2").arg(int(op.kind)).arg(op.targetPath);
+                list << u"%1 %2"_s.arg(int(op.kind)).arg(op.targetPath);
             return list.join(QLatin1Char(','));
         };
         // b is already at its final name; empty files never written are created in place.
         QCOMPARE(ops(true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
                                            "1 /dst/d.bin,1 /dst/e.bin"));
-        QCOMPARE(ops(false),
-                 QStringLiteral("3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"));
+        QCOMPARE(ops(false), u"3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"_s);
         info.destinationPath.clear();
         QVERIFY(ops(true).isEmpty());
     }
 
     // The second move fails: the first file goes back and the overwritten one returns.
     void failureUndoesEverything() {
-        auto info = finishedRecord(QStringLiteral("a.bin"), "new a");
-        info.files.append(
-            fileRecord(QStringLiteral("b.bin"), 5, path(QStringLiteral("tmp/b.bin"))));
-        QVERIFY(writeFile(path(QStringLiteral("a.bin")), "old a"));
+        auto info = finishedRecord(u"a.bin"_s, "new a");
+        info.files.append(fileRecord(u"b.bin"_s, 5, path("tmp/b.bin")));
+        QVERIFY(writeFile(path("a.bin"), "old a"));
         m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Overwrite);
         const auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
         QCOMPARE(result.error.category, std::string(AbstractError::QtFileError));
         QCOMPARE(result.count, 0);
-        QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("old a"));
-        QCOMPARE(readFile(path(QStringLiteral("tmp/a.bin"))), QByteArray("new a"));
-        QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden),
-                 QStringList{QStringLiteral("a.bin")});
+        QCOMPARE(read("a.bin"), QByteArray("old a"));
+        QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
+        QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"a.bin"_s});
         QVERIFY(!AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 0, info));
     }
 
@@ -166,19 +163,19 @@ private Q_SLOTS:
     void filesFromCreationToTheirFinalNames() {
         AbstractDownloadPersistentInfo info;
         info.destinationPath = m_dir.path();
-        info.files = {fileRecord(QStringLiteral("new/x.bin"), 0, path(QStringLiteral("t/x.part"))),
-                      fileRecord(QStringLiteral("album/y.bin"), 2)};
+        info.files = {fileRecord(u"new/x.bin"_s, 0, path("t/x.part")),
+                      fileRecord(u"album/y.bin"_s, 2)};
         info.files[1].priority = AbstractDownloadFileInfo::NotSelected;
-        QVERIFY(writeFile(path(QStringLiteral("t/x.part")), "kept"));
-        QVERIFY(writeFile(path(QStringLiteral("album/y.bin")), "yy"));
+        QVERIFY(writeFile(path("t/x.part"), "kept"));
+        QVERIFY(writeFile(path("album/y.bin"), "yy"));
         auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
         QCOMPARE(result.count, 2);
-        QCOMPARE(readFile(path(QStringLiteral("t/x.part"))), QByteArray("kept"));
-        QCOMPARE(readFile(path(QStringLiteral("album/.unwanted/y.bin"))), QByteArray("yy"));
+        QCOMPARE(read("t/x.part"), QByteArray("kept"));
+        QCOMPARE(read("album/.unwanted/y.bin"), QByteArray("yy"));
         QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
         QVERIFY(info.files[0].testFlag(AbstractDownloadFileInfo::Created));
-        QCOMPARE(info.files[1].tmpPath, path(QStringLiteral("album/.unwanted/y.bin")));
-        QCOMPARE(info.files[1].name, QStringLiteral("album/y.bin"));
+        QCOMPARE(info.files[1].tmpPath, path("album/.unwanted/y.bin"));
+        QCOMPARE(info.files[1].name, u"album/y.bin"_s);
 
         info.files[0].size = 4;
         info.files[0].sections = {{0, 4, 4}};
@@ -188,9 +185,9 @@ private Q_SLOTS:
         QCOMPARE(result.thread, &m_writers);
         QCOMPARE(result.count, 2);
         QVERIFY(!result.error.isSet());
-        QCOMPARE(readFile(path(QStringLiteral("new/x.bin"))), QByteArray("kept"));
-        QCOMPARE(readFile(path(QStringLiteral("album/y.bin"))), QByteArray("yy"));
-        QVERIFY(!QFile::exists(path(QStringLiteral("t/x.part"))));
+        QCOMPARE(read("new/x.bin"), QByteArray("kept"));
+        QCOMPARE(read("album/y.bin"), QByteArray("yy"));
+        QVERIFY(!QFile::exists(path("t/x.part")));
         QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
         for (const auto& file : std::as_const(info.files)) {
             QVERIFY(file.tmpPath.isEmpty());
@@ -200,11 +197,10 @@ private Q_SLOTS:
     }
 
     void destroyedWhileAskingUndoes() {
-        auto info = finishedRecord(QStringLiteral("a.bin"), "new a");
-        info.files.append(
-            fileRecord(QStringLiteral("sub/b.bin"), 5, path(QStringLiteral("tmp/b"))));
+        auto info = finishedRecord(u"a.bin"_s, "new a");
+        info.files.append(fileRecord(u"sub/b.bin"_s, 5, path("tmp/b")));
         QVERIFY(writeFile(info.files[1].tmpPath, "new b"));
-        QVERIFY(writeFile(path(QStringLiteral("sub/b.bin")), "old b"));
+        QVERIFY(writeFile(path("sub/b.bin"), "old b"));
         // a.bin moves first; b.bin's question is never answered.
         m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Ask);
         bool asked = false;
@@ -213,18 +209,18 @@ private Q_SLOTS:
         m_ops->performInitializeOps(m_dir.path(),
                                     AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
         QTRY_VERIFY(asked);
-        QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("new a"));
+        QCOMPARE(read("a.bin"), QByteArray("new a"));
         // An answer about another file than the one asked about is ignored.
         m_ops->fileExistsAction(0, AbstractDownloadFileExistsAction::Overwrite);
         m_ops->deleteLater();
         QTRY_VERIFY(!m_ops);
-        QCOMPARE(readFile(path(QStringLiteral("tmp/a.bin"))), QByteArray("new a"));
-        QVERIFY(!QFile::exists(path(QStringLiteral("a.bin"))));
-        QCOMPARE(readFile(path(QStringLiteral("sub/b.bin"))), QByteArray("old b"));
+        QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
+        QVERIFY(!QFile::exists(path("a.bin")));
+        QCOMPARE(read("sub/b.bin"), QByteArray("old b"));
     }
 
     void standardOperationRunsOneAtATime() {
-        auto info = finishedRecord(QStringLiteral("a.bin"), "new");
+        auto info = finishedRecord(u"a.bin"_s, "new");
         Companion companion(&m_download, info, m_settings, {});
         companion.setWritersThread(&m_writers);
         QSignalSpy performing(&companion, &Companion::performingFilesOperations);
@@ -241,7 +237,7 @@ private Q_SLOTS:
         QVERIFY(!finished[0][1].value<AbstractError>().isSet());
         QCOMPARE(changed.size(), 1);
         QCOMPARE(edges(performing), (QList<bool>{true, false}));
-        QCOMPARE(readFile(path(QStringLiteral("a.bin"))), QByteArray("new"));
+        QCOMPARE(read("a.bin"), QByteArray("new"));
         QVERIFY(info.files[0].tmpPath.isEmpty());
         QVERIFY(!companion.isStandardOpRequired());
         QVERIFY(!companion.isPerformingOperation());
@@ -249,7 +245,7 @@ private Q_SLOTS:
 
     // Inside an outer files operation, only the outer edges are signalled.
     void selfMergeWithoutMergerEndsAtOnce() {
-        auto info = finishedRecord(QStringLiteral("v.m4s"), "data");
+        auto info = finishedRecord(u"v.m4s"_s, "data");
         Companion companion(&m_download, info, m_settings, {});
         QSignalSpy finished(&companion, &Companion::operationFinished);
         QSignalSpy performing(&companion, &Companion::performingFilesOperations);
@@ -261,7 +257,7 @@ private Q_SLOTS:
                  Companion::SelfMergeNotStartedErrorCode);
         QCOMPARE(finished[0][1].value<AbstractError>().category,
                  std::string(AbstractError::GenericError));
-        QCOMPARE(info.files[0].name, QStringLiteral("v.m4s"));
+        QCOMPARE(info.files[0].name, u"v.m4s"_s);
         QCOMPARE(edges(performing), QList<bool>{true});
         QVERIFY(companion.isPerformingFilesOps());
         companion.finishPerformFilesOperations();
@@ -282,7 +278,7 @@ private Q_SLOTS:
         if (m_fmp4.isEmpty())
             QSKIP("ffmpeg is not installed");
         const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
-        auto info = finishedRecord(QStringLiteral("Clip.M4S"), content);
+        auto info = finishedRecord(u"Clip.M4S"_s, content);
         const auto merger = makeMerger();
         Companion companion(&m_download, info, m_settings, merger);
         QSignalSpy finished(&companion, &Companion::operationFinished);
@@ -296,9 +292,9 @@ private Q_SLOTS:
 
         QVERIFY(finished[0][1].value<AbstractError>().isSet());
         QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
-        QVERIFY(!QFile::exists(path(QStringLiteral("tmp/Clip.mp4"))));
-        QCOMPARE(readFile(path(QStringLiteral("tmp/Clip.M4S"))), content);
-        QCOMPARE(info.files[0].name, QStringLiteral("Clip.M4S"));
+        QVERIFY(!QFile::exists(path("tmp/Clip.mp4")));
+        QCOMPARE(read("tmp/Clip.M4S"), content);
+        QCOMPARE(info.files[0].name, u"Clip.M4S"_s);
     }
 };
 

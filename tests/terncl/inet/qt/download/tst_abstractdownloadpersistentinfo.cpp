@@ -7,58 +7,57 @@
 #include <QTest>
 #include <limits>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 AbstractDownloadFileInfo sampleFile() {
     AbstractDownloadFileInfo file;
-    file.name = QStringLiteral("video/part 1.ts");
-    file.contentType = QStringLiteral("video/mp2t");
+    file.name = u"video/part 1.ts"_s;
+    file.contentType = u"video/mp2t"_s;
     file.lastModified = QDateTime(QDate(2024, 5, 1), QTime(10, 20, 30, 456), Qt::UTC);
     file.fileType = AbstractFileType::Video;
     file.size = 5000;
     file.sections = {{0, 3000, 3000}, {3000, 2000, 120}};
     file.priority = AbstractDownloadFileInfo::HighPriority;
     file.writeOffset = 1024;
-    file.tmpPath = QStringLiteral("/tmp/part 1.ts.part");
+    file.tmpPath = u"/tmp/part 1.ts.part"_s;
     file.flags = AbstractDownloadFileInfo::Created | (quint64(1) << 63);
     file.resumeSupport = AbstractDownloadFileInfo::ResumeSupported;
-    file.extra.insert(QStringLiteral("checksum"), QStringLiteral("abc"));
+    file.extra.insert(u"checksum"_s, u"abc"_s);
     return file;
 }
 
 AbstractDownloadPersistentInfo sampleRecord() {
     AbstractDownloadPersistentInfo info;
-    info.originators = {QStringLiteral("AbstractDownloadsPack #5"),
-                        QStringLiteral("IndependentSegmentsDownloader #12")};
+    info.originators = {u"AbstractDownloadsPack #5"_s, u"IndependentSegmentsDownloader #12"_s};
     info.downloadType = AbstractDownloadType::Resource;
     info.downloadSubtype = 4;
-    info.resourceUrl = QStringLiteral("https://example.org/a%20b.m3u8?x=1");
+    info.resourceUrl = u"https://example.org/a%20b.m3u8?x=1"_s;
     info.customData = {
-        {QStringLiteral("options"),
-         QVariantList{QVariantHash{{QStringLiteral("o"), quint64(1) << 63},
-                                   {QStringLiteral("v"), QStringLiteral("on")}}}},
-        {QStringLiteral("downloadedSegmentsTotalBytes"), qint64(1) << 40},
-        {QStringLiteral("currentSegmentFile"), sampleFile().toVariantHash()},
-        {QStringLiteral("currentSegmentDownloadHasResumeSupport"), true},
-        {QStringLiteral("ratio"), 0.25},
-        {QStringLiteral("nothing"), QVariant()},
+        {u"options"_s, QVariantList{QVariantHash{{u"o"_s, quint64(1) << 63}, {u"v"_s, u"on"_s}}}},
+        {u"downloadedSegmentsTotalBytes"_s, qint64(1) << 40},
+        {u"currentSegmentFile"_s, sampleFile().toVariantHash()},
+        {u"currentSegmentDownloadHasResumeSupport"_s, true},
+        {u"ratio"_s, 0.25},
+        {u"nothing"_s, QVariant()},
     };
     info.supportedOptions = ~quint64(0);
-    info.uuid = QUuid::fromString(QStringLiteral("{0b5e5cbf-7d0c-4c44-8e1a-4c1f7f3b8a11}"));
-    info.moduleName = QStringLiteral("downloadsm3ustm");
+    info.uuid = QUuid::fromString(u"{0b5e5cbf-7d0c-4c44-8e1a-4c1f7f3b8a11}"_s);
+    info.moduleName = u"downloadsm3ustm"_s;
     info.state = AbstractDownloadPersistentInfo::Finished;
     info.flags = AbstractDownloadPersistentInfo::Private |
                  AbstractDownloadPersistentInfo::SizeQueryOnly |
                  AbstractDownloadPersistentInfo::PartOfParentDownload;
-    info.destinationPath = QStringLiteral("/home/u/Downloads/ü");
-    info.name = QStringLiteral("a b.ts");
-    info.title = QStringLiteral("A page: \"quoted\"");
-    info.referrer = QStringLiteral("https://example.org/");
+    info.destinationPath = u"/home/u/Downloads/ü"_s;
+    info.name = u"a b.ts"_s;
+    info.title = u"A page: \"quoted\""_s;
+    info.referrer = u"https://example.org/"_s;
     info.requestData = QByteArray("\x00\xff\x01 binary", 10);
     info.files = {sampleFile(), AbstractDownloadFileInfo()};
-    info.savedFilePath = QStringLiteral("/home/u/Downloads/a b.ts");
-    info.receivedBody = QStringLiteral("<html>\n</html>");
+    info.savedFilePath = u"/home/u/Downloads/a b.ts"_s;
+    info.receivedBody = u"<html>\n</html>"_s;
     info.creationTime = QDateTime(QDate(2024, 5, 1), QTime(10, 20, 30), Qt::UTC);
-    info.extra.insert(QStringLiteral("futureField"), QVariantHash{{QStringLiteral("k"), 1}});
+    info.extra.insert(u"futureField"_s, QVariantHash{{u"k"_s, 1}});
     return info;
 }
 } // namespace
@@ -70,8 +69,8 @@ private Q_SLOTS:
     void roundTripsKeepEveryFieldAndUnknownKeys() {
         const auto info = sampleRecord();
         auto hash = info.toVariantHash();
-        QCOMPARE(hash.value(QStringLiteral("formatVersion")).toInt(), 1);
-        QCOMPARE(hash.value(QStringLiteral("futureField")).toHash().value(QStringLiteral("k")), 1);
+        QCOMPARE(hash.value(u"formatVersion"_s).toInt(), 1);
+        QCOMPARE(hash.value(u"futureField"_s).toHash().value(u"k"_s), 1);
         QCOMPARE(AbstractDownloadPersistentInfo::fromVariantHash(hash), info);
         QCOMPARE(AbstractDownloadPersistentInfo::fromVariantHash({}),
                  AbstractDownloadPersistentInfo());
@@ -84,13 +83,13 @@ private Q_SLOTS:
         QCOMPARE(fromJson.toJson(), json);
 
         // A newer build's record: its version and keys unknown here, in the record and a file.
-        hash.insert(QStringLiteral("formatVersion"), 7);
-        hash.insert(QStringLiteral("mirrors"), QVariantList{QStringLiteral("https://m1/")});
-        auto files = hash.value(QStringLiteral("files")).toList();
+        hash.insert(u"formatVersion"_s, 7);
+        hash.insert(u"mirrors"_s, QVariantList{u"https://m1/"_s});
+        auto files = hash.value(u"files"_s).toList();
         auto first = files.first().toHash();
-        first.insert(QStringLiteral("hashes"), QVariantHash{{QStringLiteral("md5"), 1}});
+        first.insert(u"hashes"_s, QVariantHash{{u"md5"_s, 1}});
         files[0] = first;
-        hash.insert(QStringLiteral("files"), files);
+        hash.insert(u"files"_s, files);
         const auto newer = AbstractDownloadPersistentInfo::fromVariantHash(hash);
         QCOMPARE(newer.toVariantHash(), hash);
         QCOMPARE(AbstractDownloadPersistentInfo::fromJson(newer.toJson()).toVariantHash(), hash);
@@ -101,50 +100,43 @@ private Q_SLOTS:
         // custom data must come out as Qt's own JSON conversion would have it.
         auto info = sampleRecord();
         info.customData = {
-            {QStringLiteral("quotes \" and \\ back"),
-             QStringLiteral("line\nbreak\ttab\u0001\u001f")},
-            {QStringLiteral("unicode"),
-             QString::fromUtf8("\xc3\xa9t\xc3\xa9 \xf0\x9f\x8e\xac \xe2\x80\xa8")},
-            {QStringLiteral("numbers"),
+            {u"quotes \" and \\ back"_s, u"line\nbreak\ttab\u0001\u001f"_s},
+            {u"unicode"_s, QString::fromUtf8("\xc3\xa9t\xc3\xa9 \xf0\x9f\x8e\xac \xe2\x80\xa8")},
+            {u"numbers"_s,
              QVariantList{0.1, 1.0 / 3, 1e300, -2.5e-300, 3.0, std::numeric_limits<qint64>::max(),
                           std::numeric_limits<qint64>::min(), -1, 7u, short(-3), 2.5f}},
-            {QStringLiteral("nested"),
-             QVariantMap{{QStringLiteral("b"), QVariantList{QVariantHash{}, QVariantList{}}},
-                         {QStringLiteral("a"), QStringList{QStringLiteral("x")}}}},
-            {QStringLiteral("other types"),
-             QVariantList{true, false, QVariant(), QUrl(QStringLiteral("http://h/p?q=1")),
-                          QByteArray("bytes"), QDateTime(QDate(2026, 1, 2), QTime(3, 4, 5))}},
+            {u"nested"_s, QVariantMap{{u"b"_s, QVariantList{QVariantHash{}, QVariantList{}}},
+                                      {u"a"_s, QStringList{u"x"_s}}}},
+            {u"other types"_s,
+             QVariantList{true, false, QVariant(), QUrl(u"http://h/p?q=1"_s), QByteArray("bytes"),
+                          QDateTime(QDate(2026, 1, 2), QTime(3, 4, 5))}},
         };
         QJsonParseError error;
         const auto written = QJsonDocument::fromJson(info.toJson(), &error);
         QCOMPARE(error.error, QJsonParseError::NoError);
         QCOMPARE(written, QJsonDocument(QJsonObject::fromVariantHash(info.toVariantHash())));
         // Unsigned numbers keep their bits rather than rounding through a double.
-        info.customData = {{QStringLiteral("u"), std::numeric_limits<quint64>::max()}};
-        QCOMPARE(QJsonDocument::fromJson(
-                     info.toJson())[QStringLiteral("customData")][QStringLiteral("u")]
-                     .toInteger(),
-                 -1);
+        info.customData = {{u"u"_s, std::numeric_limits<quint64>::max()}};
+        QCOMPARE(QJsonDocument::fromJson(info.toJson())[u"customData"_s][u"u"_s].toInteger(), -1);
     }
 
     void fileRecordUsesTheSharedKeys() {
         // A record written with only the shared keys reads back what it says, and writes them
         // back under the same keys.
         const QVariantHash shared{
-            {QStringLiteral("priority"), 3},
-            {QStringLiteral("sections"), QVariantList{QVariantHash{{QStringLiteral("offset"), 0},
-                                                                   {QStringLiteral("size"), -1},
-                                                                   {QStringLiteral("done"), 77}}}},
-            {QStringLiteral("writeOffset"), 9},
-            {QStringLiteral("tmpPath"), QStringLiteral("t")},
-            {QStringLiteral("flags"), 2},
+            {u"priority"_s, 3},
+            {u"sections"_s,
+             QVariantList{QVariantHash{{u"offset"_s, 0}, {u"size"_s, -1}, {u"done"_s, 77}}}},
+            {u"writeOffset"_s, 9},
+            {u"tmpPath"_s, u"t"_s},
+            {u"flags"_s, 2},
         };
         const auto file = AbstractDownloadFileInfo::fromVariantHash(shared);
         AbstractDownloadFileInfo expected;
         expected.priority = AbstractDownloadFileInfo::HighPriority;
         expected.sections = {{0, -1, 77}};
         expected.writeOffset = 9;
-        expected.tmpPath = QStringLiteral("t");
+        expected.tmpPath = u"t"_s;
         expected.flags = AbstractDownloadFileInfo::Preallocated;
         QCOMPARE(file, expected);
         const auto written = file.toVariantHash();
@@ -155,44 +147,38 @@ private Q_SLOTS:
     void malformedRecordsLoadWhatTheyCan_data() {
         QTest::addColumn<QByteArray>("json");
         QTest::addColumn<bool>("parsed");
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<int>("files");
-        QTest::addColumn<qint64>("downloaded");
-
-        QTest::newRow("not json") << QByteArray("{\"name\": ") << false << QString() << 0 << 0LL;
-        QTest::newRow("array") << QByteArray("[1, 2]") << false << QString() << 0 << 0LL;
-        QTest::newRow("empty") << QByteArray() << false << QString() << 0 << 0LL;
-        QTest::newRow("files not a list")
-            << QByteArray(R"({"name": "n", "files": "abc", "state": {"x": 1}})") << true
-            << QStringLiteral("n") << 0 << 0LL;
-        QTest::newRow("file not a map")
-            << QByteArray(R"({"name": 5, "files": [1, "x", null, {"size": "12"}]})") << true
-            << QStringLiteral("5") << 1 << 0LL;
-        QTest::newRow("sections of the wrong type")
-            << QByteArray(R"({"files": [{"sections": [3, {"done": "abc"}, {"done": 1e300},
-                              {"done": -4}, {"done": 10.5}, {"done": 40}], "size": []}]})")
-            << true << QString() << 1 << 40LL;
-        QTest::newRow("sections not a list")
-            << QByteArray(R"({"files": [{"sections": {"done": 5}}], "name": ["n"]})") << true
-            << QString() << 1 << 0LL;
+        QTest::addColumn<QString>("loaded"); // name, file count, bytes done, first file's size
+        const auto row = [](const char* tag, const char* json, bool parsed, const char* loaded) {
+            QTest::newRow(tag) << QByteArray(json) << parsed << QString::fromUtf8(loaded);
+        };
+        row("not json", "{\"name\": ", false, "|0|0|");
+        row("array", "[1, 2]", false, "|0|0|");
+        row("empty", "", false, "|0|0|");
+        row("files not a list", R"({"name": "n", "files": "abc", "state": {"x": 1}})", true,
+            "n|0|0|");
+        row("file not a map", R"({"name": 5, "files": [1, "x", null, {"size": "12"}]})", true,
+            "5|1|0|12");
+        row("sections of the wrong type", R"({"files": [{"sections": [3, {"done": "abc"},
+            {"done": 1e300}, {"done": -4}, {"done": 10.5}, {"done": 40}], "size": []}]})",
+            true, "|1|40|-1");
+        row("sections not a list", R"({"files": [{"sections": {"done": 5}}], "name": ["n"]})", true,
+            "|1|0|-1");
     }
 
     void malformedRecordsLoadWhatTheyCan() {
         QFETCH(QByteArray, json);
         QFETCH(bool, parsed);
-        QFETCH(QString, name);
-        QFETCH(int, files);
-        QFETCH(qint64, downloaded);
-
+        QFETCH(QString, loaded);
         bool ok = !parsed;
         const auto info = AbstractDownloadPersistentInfo::fromJson(json, &ok);
         QCOMPARE(ok, parsed);
-        QCOMPARE(info.name, name);
-        QCOMPARE(info.files.size(), files);
-        QCOMPARE(info.downloadedBytes(), downloaded);
-        if (files > 0)
-            QCOMPARE(info.files.first().size,
-                     QTest::currentDataTag() == QByteArray("file not a map") ? 12 : -1);
+        const QString firstSize =
+            info.files.isEmpty() ? QString() : QString::number(info.files[0].size);
+        QCOMPARE(u"%1|%2|%3|%4"_s.arg(info.name)
+                     .arg(info.files.size())
+                     .arg(info.downloadedBytes())
+                     .arg(firstSize),
+                 loaded);
         // Whatever was salvaged converts back and reads the same again.
         QCOMPARE(AbstractDownloadPersistentInfo::fromJson(info.toJson()), info);
     }
@@ -204,8 +190,8 @@ private Q_SLOTS:
                 "downloadType": 1e20, "destinationPath": {"p": 1}, "title": "kept"})");
         AbstractDownloadPersistentInfo expected;
         expected.state = 1; // a number in a text is still read
-        expected.originators = {QStringLiteral("a")};
-        expected.title = QStringLiteral("kept");
+        expected.originators = {u"a"_s};
+        expected.title = u"kept"_s;
         QCOMPARE(info, expected);
     }
 
@@ -227,7 +213,7 @@ private Q_SLOTS:
         auto info = sampleRecord();
         AbstractDownloadPersistentInfo source;
         source.flags = 0x1 | AbstractDownloadPersistentInfo::Private;
-        source.name = QStringLiteral("renamed");
+        source.name = u"renamed"_s;
         const auto update = [&](qint64 fields, BitFlagsUpdateMode mode) {
             return info.updateFields(source, fields, mode);
         };
@@ -244,7 +230,7 @@ private Q_SLOTS:
 
         // Only the named groups move.
         QVERIFY(update(AbstractDownloadPersistentInfo::FieldNames, BitFlagsUpdateMode::Replace));
-        QCOMPARE(info.name, QStringLiteral("renamed"));
+        QCOMPARE(info.name, u"renamed"_s);
         QVERIFY(info.title.isEmpty());
         QCOMPARE(info.destinationPath, sampleRecord().destinationPath);
     }

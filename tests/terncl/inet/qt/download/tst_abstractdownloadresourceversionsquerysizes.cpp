@@ -5,6 +5,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 QStringList words(const char* text) {
     return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -22,7 +24,7 @@ Selector::Version version(const char* url, qint64 size, int originType = 0) {
     result.url = QUrl(QString::fromLatin1(url));
     result.size = size;
     result.originType = originType;
-    result.requestHeaders = {QStringLiteral("Cookie: a=1")};
+    result.requestHeaders = {u"Cookie: a=1"_s};
     return result;
 }
 
@@ -33,12 +35,26 @@ Selector::CompositeVersion composite(const Selector::Version& video,
     return result;
 }
 
-QStringList requestedUrls(const FakeDownloadsFactory& factory) {
-    QStringList urls;
-    for (const auto& request : factory.requests())
-        urls.append(request.info.resourceUrl);
-    return urls;
-}
+// A query over its own selector and factory, its finished signal recorded.
+struct Rig {
+    explicit Rig(const QList<Selector::CompositeVersion>& versions) {
+        selector->setResourceVersions(versions);
+    }
+    QStringList requestedUrls() const {
+        QStringList urls;
+        for (const auto& request : factory->requests())
+            urls.append(request.info.resourceUrl);
+        return urls;
+    }
+    AbstractError error(int signal) const {
+        return finished.at(signal).at(0).value<AbstractError>();
+    }
+
+    QSharedPointer<TestSelector> selector = QSharedPointer<TestSelector>::create();
+    QSharedPointer<FakeDownloadsFactory> factory = QSharedPointer<FakeDownloadsFactory>::create();
+    QuerySizes query{selector, factory};
+    QSignalSpy finished{&query, &QuerySizes::finished};
+};
 } // namespace
 
 class TestAbstractDownloadResourceVersionsQuerySizes : public QObject {
@@ -48,30 +64,24 @@ private Q_SLOTS:
     // Only unknown sizes of plain requests are measured; what the children learn goes back into
     // the selector, and a child that learns nothing leaves -1 behind and still lets the query end.
     void measuresUnknownSizesAndWritesThemBack() {
-        auto selector = QSharedPointer<TestSelector>::create();
-        selector->setResourceVersions({
+        Rig rig({
             version("http://m.test/known", 500),
             version("http://m.test/unknown", -1),
             composite(version("http://m.test/video", 1000), version("http://m.test/audio", -1)),
             composite(version("http://m.test/v2", -1), version("http://m.test/a2", -1)),
             version("http://m.test/stream.m3u8", -1, 1),
         });
-        auto factoryPtr = QSharedPointer<FakeDownloadsFactory>::create();
-        FakeDownloadsFactory& factory = *factoryPtr;
-        QuerySizes query(selector, factoryPtr);
-        QSignalSpy finished(&query, &QuerySizes::finished);
-        query.query();
-
+        rig.query.query();
         QCOMPARE(
-            requestedUrls(factory),
+            rig.requestedUrls(),
             words("http://m.test/unknown http://m.test/audio http://m.test/v2 http://m.test/a2"));
-        for (const auto& request : factory.requests()) {
-            QCOMPARE(request.moduleName, QStringLiteral("downloadswww"));
+        for (const auto& request : rig.factory->requests()) {
+            QCOMPARE(request.moduleName, u"downloadswww"_s);
             QVERIFY(request.info.testFlag(AbstractDownloadPersistentInfo::SizeQueryOnly));
-            const auto source = request.initData.toHash().value(QStringLiteral("source")).toHash();
-            QCOMPARE(source.value(QStringLiteral("url")).toString(), request.info.resourceUrl);
+            const auto source = request.initData.toHash().value(u"source"_s).toHash();
+            QCOMPARE(source.value(u"url"_s).toString(), request.info.resourceUrl);
         }
-        const auto children = factory.aliveDownloads();
+        const auto children = rig.factory->aliveDownloads();
         QCOMPARE(children.size(), 4);
         for (const auto& child : children)
             QCOMPARE(child->commands(),
@@ -81,66 +91,51 @@ private Q_SLOTS:
         children.at(1)->stopUnfinished(); // the audio part: no size learnt
         children.at(2)->setFileSize(300);
         children.at(2)->finish();
-        QCOMPARE(finished.size(), 0);
+        QCOMPARE(rig.finished.size(), 0);
         children.at(3)->setFileSize(40);
         children.at(3)->finish();
-
-        QCOMPARE(finished.size(), 1);
-        QCOMPARE(finished.at(0).at(0).value<AbstractError>(), AbstractError());
-        const auto versions = selector->resourceVersions();
-        QCOMPARE(versions.at(0).size, 500);
-        QCOMPARE(versions.at(1).size, 700);
-        QCOMPARE(versions.at(2).parts.at(1).size, -1);
-        QCOMPARE(versions.at(2).totalSize(), -1);
-        QCOMPARE(versions.at(3).totalSize(), 340);
-        QCOMPARE(versions.at(4).size, -1);
+        QCOMPARE(rig.finished.size(), 1);
+        QCOMPARE(rig.error(0), AbstractError());
+        QList<qint64> totals; // the video of the third is known: its -1 is the audio's
+        for (const auto& version : rig.selector->resourceVersions())
+            totals.append(version.totalSize());
+        QCOMPARE(totals, (QList<qint64>{500, 700, -1, 340, -1}));
     }
 
     // A child's error is the query's error, ahead of one kept from the factory.
     void reportsThePacksErrorBeforeTheFactorys() {
-        auto selector = QSharedPointer<TestSelector>::create();
-        selector->setResourceVersions(
-            {version("http://m.test/a", -1), version("http://m.test/b", -1)});
-        auto factoryPtr = QSharedPointer<FakeDownloadsFactory>::create();
-        FakeDownloadsFactory& factory = *factoryPtr;
+        Rig rig({version("http://m.test/a", -1), version("http://m.test/b", -1)});
         const AbstractError refused(3, AbstractError::GenericError, {}, "refused");
         const AbstractError notFound(404, AbstractError::HttpError, {}, "not found");
-        factory.setConfigurator([&](FakeDownload&, const FakeDownloadsFactory::Request&) {
-            factory.setFailure(refused); // the second child is not made
+        rig.factory->setConfigurator([&](FakeDownload&, const FakeDownloadsFactory::Request&) {
+            rig.factory->setFailure(refused); // the second child is not made
         });
-        QuerySizes query(selector, factoryPtr);
-        QSignalSpy finished(&query, &QuerySizes::finished);
-        query.query();
-        QCOMPARE(factory.requests().size(), 2);
-        factory.lastDownload()->fail(notFound);
-        QCOMPARE(finished.size(), 1);
-        QCOMPARE(finished.at(0).at(0).value<AbstractError>(), notFound);
-        QCOMPARE(selector->resourceVersions().at(0).size, -1);
+        rig.query.query();
+        QCOMPARE(rig.factory->requests().size(), 2);
+        rig.factory->lastDownload()->fail(notFound);
+        QCOMPARE(rig.finished.size(), 1);
+        QCOMPARE(rig.error(0), notFound);
+        QCOMPARE(rig.selector->resourceVersions().at(0).size, -1);
     }
 
     // Without a child the pack never runs: finished still comes, once, after query() returned.
     void finishesWithoutChildren() {
-        auto selector = QSharedPointer<TestSelector>::create();
-        selector->setResourceVersions({version("http://m.test/known", 5)});
-        auto factoryPtr = QSharedPointer<FakeDownloadsFactory>::create();
-        FakeDownloadsFactory& factory = *factoryPtr;
-        QuerySizes query(selector, factoryPtr);
-        QSignalSpy finished(&query, &QuerySizes::finished);
-        query.query();
-        QCOMPARE(finished.size(), 0);
-        QVERIFY(finished.wait(1000));
-        QCOMPARE(factory.requests().size(), 0);
-        QCOMPARE(finished.at(0).at(0).value<AbstractError>(), AbstractError());
+        Rig rig({version("http://m.test/known", 5)});
+        rig.query.query();
+        QCOMPARE(rig.finished.size(), 0);
+        QVERIFY(rig.finished.wait(1000));
+        QCOMPARE(rig.factory->requests().size(), 0);
+        QCOMPARE(rig.error(0), AbstractError());
 
         // Every creation failed: the factory's error.
-        selector->setResourceVersions({version("http://m.test/unknown", -1)});
+        rig.selector->setResourceVersions({version("http://m.test/unknown", -1)});
         const AbstractError refused(3, AbstractError::GenericError, {}, "refused");
-        factory.setFailure(refused);
-        query.query();
-        QVERIFY(finished.wait(1000));
+        rig.factory->setFailure(refused);
+        rig.query.query();
+        QVERIFY(rig.finished.wait(1000));
         QTest::qWait(20);
-        QCOMPARE(finished.size(), 2);
-        QCOMPARE(finished.at(1).at(0).value<AbstractError>(), refused);
+        QCOMPARE(rig.finished.size(), 2);
+        QCOMPARE(rig.error(1), refused);
     }
 };
 

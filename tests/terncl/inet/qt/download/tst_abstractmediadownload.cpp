@@ -2,13 +2,13 @@
 #include "support/fakedownloadsfactory.h"
 #include "support/ffmpegtestmedia.h"
 #include "support/recordinglogger.h"
+#include "support/testfiles.h"
 #include "support/writingfakedownload.h"
 
 #include <terncl/inet/qt/download/abstractmediadownload.h>
 #include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSignalSpy>
@@ -19,6 +19,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 QStringList words(const char* text) {
     return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -27,6 +29,8 @@ QStringList words(const char* text) {
 using Media = AbstractMediaDownload;
 using Selector = AbstractDownloadResourceVersionSelector;
 using Plan = WritingFakeDownload::Plan;
+const QString videoUrl = u"http://media.test/v.mp4"_s, audioUrl = u"http://media.test/a.m4a"_s,
+              wholeUrl = u"http://media.test/whole.mp4"_s;
 
 // A media download whose parser hands over what the test prepared, in the next turn.
 class TestMediaDownload final : public AbstractMediaDownload {
@@ -52,7 +56,7 @@ protected:
 Selector::Version part(const char* url, int type, const char* format, qint64 size) {
     Selector::Version version;
     version.url = QUrl(QString::fromLatin1(url));
-    version.protocol = QStringLiteral("downloadswww");
+    version.protocol = u"downloadswww"_s;
     version.media.type = type;
     version.media.format = QString::fromLatin1(format);
     version.size = size;
@@ -73,24 +77,25 @@ private:
     QHash<QString, Plan> m_plans;          // by URL, instead of fetching the content whole
     std::unique_ptr<RecordingLogger> m_logger;
 
-    QString path(const QString& name) const { return m_dir.filePath(name); }
+    QString path(const char* name) const { return m_dir.filePath(QString::fromUtf8(name)); }
+    bool exists(const char* name) const { return QFileInfo::exists(path(name)); }
 
     Selector::CompositeVersion avVersion() const {
         Selector::CompositeVersion version;
-        version.url = QUrl(QStringLiteral("http://media.test/master.m3u8"));
-        version.title = QStringLiteral("240p + audio");
+        version.url = QUrl(u"http://media.test/master.m3u8"_s);
+        version.title = u"240p + audio"_s;
         version.media.type = Selector::VideoWithAudio;
         version.parts = {part("http://media.test/v.mp4", Selector::VideoOnly, "mp4",
-                              m_contents.value(QStringLiteral("http://media.test/v.mp4")).size()),
+                              m_contents[videoUrl].size()),
                          part("http://media.test/a.m4a", Selector::AudioOnly, "m4a",
-                              m_contents.value(QStringLiteral("http://media.test/a.m4a")).size())};
+                              m_contents[audioUrl].size())};
         return version;
     }
 
     AbstractDownloadPersistentInfo record() const {
         AbstractDownloadPersistentInfo info;
-        info.destinationPath = path(QStringLiteral("dst"));
-        info.name = QStringLiteral("clip");
+        info.destinationPath = path("dst");
+        info.name = u"clip"_s;
         info.uuid = QUuid::createUuid();
         return info;
     }
@@ -98,7 +103,7 @@ private:
     std::unique_ptr<TestMediaDownload> makeDownload(const AbstractDownloadPersistentInfo& info,
                                                     bool withMerger = true) {
         auto download = std::make_unique<TestMediaDownload>(
-            7, QStringLiteral("downloadsmedia"), m_factory,
+            7, u"downloadsmedia"_s, m_factory,
             withMerger ? m_merger : QSharedPointer<QtFfmpegAvMerger>());
         download->setWritersThread(&m_writers);
         download->setInfo(info);
@@ -114,7 +119,7 @@ private:
 
     QStringList stages() const {
         QStringList result;
-        static const QRegularExpression stage(QStringLiteral("run stage: (\\d)$"));
+        static const QRegularExpression stage(u"run stage: (\\d)$"_s);
         for (const QString& line : m_logger->lines()) {
             if (const auto match = stage.match(line); match.hasMatch())
                 result.append(match.captured(1));
@@ -128,25 +133,23 @@ private:
                            [&](const QString& line) { return line.contains(text); });
     }
 
-    // A finished child as a manager restores it: its file written whole.
-    QSharedPointer<FakeDownload> restoredChild(qint64 id, const QString& url, const QString& name,
-                                               bool finished, const QString& kind) {
+    // A child as a manager restores it, when finished with its file written whole; its part
+    // kind follows its name.
+    QSharedPointer<FakeDownload> restoredChild(qint64 id, const QString& url, const char* name,
+                                               bool finished) {
         const QByteArray content = m_contents.value(url);
         auto child = QSharedPointer<WritingFakeDownload>::create(
             id, Plan{content, -1, FakeDownload::Outcome::Finish, {}, true});
         AbstractDownloadPersistentInfo info;
         info.uuid = QUuid::createUuid();
         info.resourceUrl = url;
-        info.destinationPath = path(QStringLiteral("children"));
-        info.customData.insert(
-            Media::MediaPartKey,
-            QVariantHash{{QStringLiteral("kind"), kind == QLatin1String("video") ? 1 : 2}});
+        info.destinationPath = path("children");
+        const int kind = QByteArray(name).contains(".video.") ? 1 : 2;
+        info.customData.insert(Media::MediaPartKey, QVariantHash{{u"kind"_s, kind}});
         AbstractDownloadFileInfo file;
-        file.name = name;
+        file.name = QString::fromUtf8(name);
         if (finished) {
-            QDir().mkpath(info.destinationPath);
-            QFile out(QDir(info.destinationPath).filePath(name));
-            if (!out.open(QIODevice::WriteOnly) || out.write(content) != content.size())
+            if (!writeFile(QDir(info.destinationPath).filePath(file.name), content))
                 return {};
             file.size = content.size();
             file.sections = {{0, file.size, file.size}};
@@ -155,6 +158,13 @@ private:
         info.files = {file};
         child->setInfo(info);
         return child;
+    }
+    QSharedPointer<FakeChildDownloadsManager>
+    managerKeeping(const QList<QSharedPointer<AbstractDownload>>& children) const {
+        auto manager =
+            QSharedPointer<FakeChildDownloadsManager>::create(m_factory.data(), path("children"));
+        manager->keep(children);
+        return manager;
     }
 
     // A record whose children were made by an earlier run.
@@ -166,8 +176,8 @@ private:
             uuids.append(uuid.toString());
         info.customData.insert(Media::AvDownloadsUuidsKey, uuids);
         AbstractDownloadFileInfo result;
-        result.name = QStringLiteral("clip.mp4");
-        result.tmpPath = path(QStringLiteral("dst/clip.mp4.merging"));
+        result.name = u"clip.mp4"_s;
+        result.tmpPath = path("dst/clip.mp4.merging");
         info.files = {result};
         return info;
     }
@@ -177,22 +187,15 @@ private Q_SLOTS:
         if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
             QSKIP("ffmpeg and ffprobe are not installed");
         QString error;
-        const QString video = path(QStringLiteral("src/v.mp4"));
-        const QString audio = path(QStringLiteral("src/a.m4a"));
-        QDir().mkpath(path(QStringLiteral("src")));
-        QVERIFY2(FfmpegTestMedia::makeVideoOnly(video, 2, &error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeAudioOnly(audio, 2, &error), qPrintable(error));
-        for (const auto& [url, file] : {std::pair{"http://media.test/v.mp4", video},
-                                        std::pair{"http://media.test/a.m4a", audio}}) {
-            QFile in(file);
-            QVERIFY(in.open(QIODevice::ReadOnly));
-            m_contents.insert(QString::fromLatin1(url), in.readAll());
-        }
-        m_contents.insert(QStringLiteral("http://media.test/whole.mp4"),
-                          m_contents.value(QStringLiteral("http://media.test/v.mp4")));
+        QDir().mkpath(path("src"));
+        QVERIFY2(FfmpegTestMedia::makeVideoOnly(path("src/v.mp4"), 2, &error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeAudioOnly(path("src/a.m4a"), 2, &error), qPrintable(error));
+        m_contents = {{videoUrl, readFile(path("src/v.mp4"))},
+                      {audioUrl, readFile(path("src/a.m4a"))},
+                      {wholeUrl, readFile(path("src/v.mp4"))}};
         m_writers.start();
         auto manager = QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr);
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr);
         m_merger = QSharedPointer<QtFfmpegAvMerger>::create(manager);
         m_merger->setSandboxEnabled(false);
     }
@@ -205,27 +208,22 @@ private Q_SLOTS:
         m_factory->setMaker([this](qint64 id, const FakeDownloadsFactory::Request& request) {
             const bool probe = request.info.testFlag(AbstractDownloadPersistentInfo::SizeQueryOnly);
             const QString url = request.info.resourceUrl;
-            if (m_plans.contains(url))
-                return QSharedPointer<WritingFakeDownload>::create(id, m_plans.value(url));
-            return QSharedPointer<WritingFakeDownload>::create(id,
-                                                               Plan{m_contents.value(url),
-                                                                    probe ? 0 : -1,
-                                                                    FakeDownload::Outcome::Finish,
-                                                                    {},
-                                                                    true});
+            const Plan whole{
+                m_contents.value(url), probe ? 0 : -1, FakeDownload::Outcome::Finish, {}, true};
+            return QSharedPointer<WritingFakeDownload>::create(id, m_plans.value(url, whole));
         });
         m_factory->setConfigurator([this](FakeDownload& download, const auto&) {
             if (download.info().destinationPath.isEmpty()) {
                 auto info = download.info();
-                info.destinationPath = path(QStringLiteral("probes"));
-                info.name = QStringLiteral("probe");
+                info.destinationPath = path("probes");
+                info.name = u"probe"_s;
                 download.setInfo(info);
             }
         });
         m_plans.clear();
-        QDir(path(QStringLiteral("dst"))).removeRecursively();
-        QDir().mkpath(path(QStringLiteral("probes")));
-        QDir(path(QStringLiteral("children"))).removeRecursively();
+        QDir(path("dst")).removeRecursively();
+        QDir().mkpath(path("probes"));
+        QDir(path("children")).removeRecursively();
     }
 
     void cleanupTestCase() {
@@ -241,13 +239,12 @@ private Q_SLOTS:
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::QueryInfo));
 
         QCOMPARE(stages(), words("1 0"));
-        QVERIFY(logged(QStringLiteral("querying resources sizes finished")));
+        QVERIFY(logged(u"querying resources sizes finished"_s));
         QCOMPARE(download->lastError(), AbstractError());
         QCOMPARE(m_factory->requests().size(), 1);
-        QCOMPARE(m_factory->requests().constFirst().moduleName, QStringLiteral("downloadswww"));
+        QCOMPARE(m_factory->requests().constFirst().moduleName, u"downloadswww"_s);
         const auto versions = download->resourceVersionSelector()->resourceVersions();
-        QCOMPARE(versions.at(0).size,
-                 m_contents.value(QStringLiteral("http://media.test/whole.mp4")).size());
+        QCOMPARE(versions.at(0).size, m_contents[wholeUrl].size());
         QVERIFY(download->childDownloads().isEmpty());
         QVERIFY(!download->info().customData.contains(Media::ChildDownloadsInitKey));
     }
@@ -259,19 +256,17 @@ private Q_SLOTS:
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
         QCOMPARE(download->lastError(), AbstractError());
         QCOMPARE(stages(), words("1 3 4 0"));
-        QVERIFY(logged(QStringLiteral("merge finished")));
-        QVERIFY(logged(QStringLiteral("finished (")));
+        QVERIFY(logged(u"merge finished"_s));
+        QVERIFY(logged(u"finished ("_s));
 
         const auto requests = m_factory->requests();
         QCOMPARE(requests.size(), 2);
-        QCOMPARE(requests.at(0).info.name, QStringLiteral("clip.video.mp4"));
-        QCOMPARE(requests.at(1).info.name, QStringLiteral("clip.audio.m4a"));
+        QCOMPARE((QStringList{requests.at(0).info.name, requests.at(1).info.name}),
+                 words("clip.video.mp4 clip.audio.m4a"));
         const auto initData = requests.at(1).initData.toHash();
         QCOMPARE(initData.size(), 4);
-        QCOMPARE(initData.value(QStringLiteral("protocol")).toString(),
-                 QStringLiteral("downloadswww"));
-        QCOMPARE(initData.value(QStringLiteral("source")).toHash().value(QStringLiteral("url")),
-                 QVariant(QStringLiteral("http://media.test/a.m4a")));
+        QCOMPARE(initData.value(u"protocol"_s).toString(), u"downloadswww"_s);
+        QCOMPARE(initData.value(u"source"_s).toHash().value(u"url"_s), QVariant(audioUrl));
         QVERIFY(requests.at(0).info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload));
 
         const auto& info = download->info();
@@ -279,19 +274,18 @@ private Q_SLOTS:
         QVERIFY(!info.customData.contains(Media::AvDownloadsUuidsKey));
         QVERIFY(download->childDownloads().isEmpty());
         QCOMPARE(info.files.size(), 1);
-        const QString result = path(QStringLiteral("dst/clip.mp4"));
+        const QString result = path("dst/clip.mp4");
         QCOMPARE(AbstractDownloadFileOps::currentFilePath(info, 0), result);
         QStringList streams;
         double duration = 0;
         QVERIFY(FfmpegTestMedia::probe(result, &streams, &duration));
         QCOMPARE(streams, words("video audio"));
         QCOMPARE(info.files.constFirst().size, QFileInfo(result).size());
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("dst/clip.video.mp4"))));
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("dst/clip.mp4.merging"))));
+        QVERIFY(!exists("dst/clip.video.mp4") && !exists("dst/clip.mp4.merging"));
 
         // A finished record does not start again; a restart parses and fetches everything anew.
         download->doCommand(AbstractDownloadCommand::Start);
-        QVERIFY(logged(QStringLiteral("can't start: file is finished already.")));
+        QVERIFY(logged(u"can't start: file is finished already."_s));
         QVERIFY(!download->isRunning());
         m_logger->clear();
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Restart));
@@ -307,11 +301,9 @@ private Q_SLOTS:
         QTest::addColumn<int>("avCount");
         QTest::addColumn<bool>("garbage");
         QTest::addColumn<QString>("text");
-        QTest::newRow("no merger")
-            << false << 2 << false << QStringLiteral("merge failed: no avMerger");
-        QTest::newRow("one of two")
-            << true << 1 << false << QStringLiteral("merge failed: missing downloads");
-        QTest::newRow("ffmpeg fails") << true << 2 << true << QStringLiteral("merge failed: ");
+        QTest::newRow("no merger") << false << 2 << false << u"merge failed: no avMerger"_s;
+        QTest::newRow("one of two") << true << 1 << false << u"merge failed: missing downloads"_s;
+        QTest::newRow("ffmpeg fails") << true << 2 << true << u"merge failed: "_s;
     }
 
     // Restored children that are all finished go straight to the merge, whose failure stops the
@@ -322,19 +314,13 @@ private Q_SLOTS:
         QFETCH(bool, garbage);
         QFETCH(QString, text);
         if (garbage)
-            m_contents.insert(QStringLiteral("http://media.test/junk"), QByteArray(4000, 'x'));
-        auto video = restoredChild(11, QStringLiteral("http://media.test/v.mp4"),
-                                   QStringLiteral("clip.video.mp4"), true, QStringLiteral("video"));
-        auto audio = restoredChild(12,
-                                   garbage ? QStringLiteral("http://media.test/junk")
-                                           : QStringLiteral("http://media.test/a.m4a"),
-                                   QStringLiteral("clip.audio.m4a"), true, QStringLiteral("audio"));
+            m_contents.insert(u"http://media.test/junk"_s, QByteArray(4000, 'x'));
+        auto video = restoredChild(11, videoUrl, "clip.video.mp4", true);
+        auto audio = restoredChild(12, garbage ? u"http://media.test/junk"_s : audioUrl,
+                                   "clip.audio.m4a", true);
         QList<QUuid> uuids{video->info().uuid, audio->info().uuid};
-        auto manager = QSharedPointer<FakeChildDownloadsManager>::create(
-            m_factory.data(), path(QStringLiteral("children")));
-        manager->keep({video, audio});
         auto download = makeDownload(recordWithChildren(uuids.mid(0, avCount)), withMerger);
-        download->setChildDownloadsManager(manager);
+        download->setChildDownloadsManager(managerKeeping({video, audio}));
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
         QVERIFY2(logged(text), qPrintable(m_logger->lines().join(u'\n')));
@@ -352,14 +338,9 @@ private Q_SLOTS:
 
     // A record with "childDownloadsInit" is not parsed again, and a finished child is not run.
     void resumeRunsOnlyUnfinishedChildren() {
-        auto video = restoredChild(11, QStringLiteral("http://media.test/v.mp4"),
-                                   QStringLiteral("clip.video.mp4"), true, QStringLiteral("video"));
-        auto audio =
-            restoredChild(12, QStringLiteral("http://media.test/a.m4a"),
-                          QStringLiteral("clip.audio.m4a"), false, QStringLiteral("audio"));
-        auto manager = QSharedPointer<FakeChildDownloadsManager>::create(
-            m_factory.data(), path(QStringLiteral("children")));
-        manager->keep({video, audio});
+        auto video = restoredChild(11, videoUrl, "clip.video.mp4", true);
+        auto audio = restoredChild(12, audioUrl, "clip.audio.m4a", false);
+        auto manager = managerKeeping({video, audio});
         // The form older records have: children by id and counted.
         auto info = recordWithChildren({});
         info.customData.remove(Media::ChildDownloadsInitKey);
@@ -370,12 +351,10 @@ private Q_SLOTS:
         download->setChildDownloadsManager(manager);
         QCOMPARE(download->childDownloads().size(), 2);
         download->doCommand(AbstractDownloadCommand::Start);
-        const auto& customData = download->info().customData;
-        QCOMPARE(customData.value(Media::AvDownloadsUuidsKey).toList(),
-                 QVariantList({video->info().uuid.toString(), audio->info().uuid.toString()}));
-        QVERIFY(customData.value(Media::ChildDownloadsInitKey).toBool());
-        QVERIFY(!customData.contains(Media::AvDownloadsIdsKey));
-        QVERIFY(!customData.contains(Media::ChildDownloadsCountKey));
+        // Stored again in the current form only.
+        const QVariantList uuids{video->info().uuid.toString(), audio->info().uuid.toString()};
+        QCOMPARE(download->info().customData, (QVariantHash{{Media::AvDownloadsUuidsKey, uuids},
+                                                            {Media::ChildDownloadsInitKey, true}}));
         QVERIFY(QTest::qWaitFor([&] { return !download->isRunning(); }, 30000));
 
         QCOMPARE(download->lastError(), AbstractError());
@@ -386,14 +365,13 @@ private Q_SLOTS:
         QVERIFY(download->info().isFinished());
         QCOMPARE(manager->removals().size(), 1);
         QCOMPARE(manager->removals().constFirst().second, true);
-        QVERIFY(QFileInfo::exists(path(QStringLiteral("dst/clip.mp4"))));
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("children/clip.audio.m4a"))));
+        QVERIFY(exists("dst/clip.mp4") && !exists("children/clip.audio.m4a"));
     }
 
     // A stop ends the run at stage 0 with the stop's error; the children stay for a resume.
     void stopKeepsTheChildren() {
         m_plans.insert(
-            QStringLiteral("http://media.test/a.m4a"),
+            audioUrl,
             Plan{QByteArray(5000, 'a'), 2000, FakeDownload::Outcome::KeepRunning, {}, true});
         auto download = makeDownload(record());
         download->doCommand(AbstractDownloadCommand::Start);
@@ -414,23 +392,21 @@ private Q_SLOTS:
     // second refusal stops the download with the child's error.
     void refusedChildParsesAgainOnce() {
         const AbstractError forbidden(403, AbstractError::HttpError, {}, "Forbidden");
-        for (const char* url : {"http://media.test/a.m4a", "http://media.test/a2.m4a"})
-            m_plans.insert(
-                QString::fromLatin1(url),
-                Plan{QByteArray(100, 'a'), 0, FakeDownload::Outcome::Fail, forbidden, true});
+        const Plan refusal{QByteArray(100, 'a'), 0, FakeDownload::Outcome::Fail, forbidden, true};
+        m_plans = {{audioUrl, refusal}, {u"http://media.test/a2.m4a"_s, refusal}};
         auto download = makeDownload(record());
         auto later = avVersion();
-        later.parts[1].url = QUrl(QStringLiteral("http://media.test/a2.m4a"));
+        later.parts[1].url = QUrl(u"http://media.test/a2.m4a"_s);
         download->laterVersions = {later};
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
         QCOMPARE(download->lastError(), forbidden);
         QCOMPARE(download->parses, 2);
         QCOMPARE(stages(), words("1 3 1 3 0"));
-        QVERIFY(logged(QStringLiteral("child download(s) failed with error: ")));
+        QVERIFY(logged(u"child download(s) failed with error: "_s));
         const auto children = download->childDownloads();
         QCOMPARE(children.size(), 2);
-        QCOMPARE(children.at(1)->info().resourceUrl, QStringLiteral("http://media.test/a2.m4a"));
+        QCOMPARE(children.at(1)->info().resourceUrl, u"http://media.test/a2.m4a"_s);
         QVERIFY(children.at(0)->info().isFinished()); // the video child is not fetched again
         QCOMPARE(m_factory->requests().size(), 2);
     }
@@ -453,7 +429,7 @@ private Q_SLOTS:
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
         QCOMPARE(stages(), words("1 0"));
-        QVERIFY(logged(QStringLiteral("parse error: ")));
+        QVERIFY(logged(u"parse error: "_s));
         QCOMPARE(download->lastError().code, code);
         QCOMPARE(download->lastError().category, std::string(AbstractError::GenericError));
         if (!failParse)

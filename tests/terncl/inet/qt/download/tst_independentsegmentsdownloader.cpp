@@ -19,6 +19,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Downloader = IndependentSegmentsDownloader;
 using Plan = WritingFakeDownload::Plan;
@@ -50,7 +52,7 @@ private:
 
     AbstractDownloadSourceInfo addSegment(const QByteArray& content) {
         AbstractDownloadSourceInfo source;
-        source.url = QUrl(QStringLiteral("http://segments.test/s%1").arg(m_contents.size()));
+        source.url = QUrl(u"http://segments.test/s%1"_s.arg(m_contents.size()));
         source.requestHeaders = {{"Referer", "http://segments.test/"}};
         m_contents.insert(source.url.toString(), content);
         m_all += content;
@@ -79,7 +81,7 @@ private:
         AbstractDownloadPersistentInfo info;
         info.destinationPath = path("dst");
         AbstractDownloadFileInfo file;
-        file.name = QStringLiteral("out.bin");
+        file.name = u"out.bin"_s;
         if (withTemporary)
             file.tmpPath = temporary();
         info.files = {file};
@@ -97,21 +99,39 @@ private:
         return downloader;
     }
 
+    // The record as a restart from storage finds it, with the sources still to fetch.
+    std::unique_ptr<Downloader> reloaded(const Downloader& downloader,
+                                         const QList<AbstractDownloadSourceInfo>& sources) {
+        return make(AbstractDownloadPersistentInfo::fromJson(downloader.info().toJson()), sources);
+    }
+    static void setReaction(Downloader& downloader, Reaction reaction, bool interactive) {
+        AbstractDownloadSettings settings;
+        settings.existingFileReaction = reaction;
+        downloader.setSettings(settings);
+        downloader.setInteractive(interactive);
+    }
+    // Finished without an error, the whole data at path.
+    bool saved(const Downloader& downloader, const QString& path) const {
+        const auto error = downloader.lastError();
+        if (error.isSet())
+            qWarning("%s", qPrintable(error.toText()));
+        return !error.isSet() && downloader.info().isFinished() && readFile(path) == m_all;
+    }
+
     static void run(Downloader& downloader) {
         downloader.doCommand(AbstractDownloadCommand::Start);
         QTRY_VERIFY_WITH_TIMEOUT(!downloader.isRunning(), 20000);
     }
 
-    QStringList requestedUrls() const {
-        QStringList urls;
+    // The numbers of the segments requested, in order.
+    QString requestedSegments() const {
+        QStringList numbers;
         for (const auto& request : m_factory->requests())
-            urls << request.info.resourceUrl;
-        return urls;
+            numbers << request.info.resourceUrl.section(u"/s"_s, -1);
+        return numbers.join(u' ');
     }
 
-    QStringList spillFiles() const {
-        return QDir(path("tmp")).entryList({QStringLiteral("*.seg*")});
-    }
+    QStringList spillFiles() const { return QDir(path("tmp")).entryList({u"*.seg*"_s}); }
     qint64 recordedTotal(const Downloader& downloader) const {
         return downloader.info()
             .customData.value(Downloader::DownloadedSegmentsTotalKey)
@@ -189,16 +209,14 @@ private Q_SLOTS:
         });
         run(*downloader);
 
-        QVERIFY(!downloader->lastError().isSet());
+        QVERIFY(saved(*downloader, result));
         QVERIFY(!regressed);
-        QVERIFY(downloader->info().isFinished());
         QCOMPARE(downloader->info().files.size(), 1);
         const auto& file = downloader->info().files[0];
         QCOMPARE(file.name, QFileInfo(result).fileName());
         QCOMPARE(file.size, m_all.size());
         QCOMPARE(file.sections, (QList<AbstractDownloadFileSection>{{0, file.size, file.size}}));
         QVERIFY(file.tmpPath.isEmpty());
-        QCOMPARE(readFile(result), m_all);
         QVERIFY(!QFile::exists(temporary()));
         QCOMPARE(segmentFinished.size(), sizes.size());
         QVERIFY(downloader->info().customData.isEmpty());
@@ -211,12 +229,10 @@ private Q_SLOTS:
             const auto& child = requests[i].info;
             QCOMPARE(child.resourceUrl, sources[i].url.toString());
             QVERIFY(AbstractDownloadSourceInfo::fromVariantHash(
-                        child.customData.value(QStringLiteral("segmentSource")).toHash()) ==
-                    sources[i]);
+                        child.customData.value(u"segmentSource"_s).toHash()) == sources[i]);
             QCOMPARE(child.flags, quint64(AbstractDownloadPersistentInfo::Private |
                                           AbstractDownloadPersistentInfo::PartOfParentDownload));
-            QCOMPARE(child.originators,
-                     QList<QString>{QStringLiteral("IndependentSegmentsDownloader #1")});
+            QCOMPARE(child.originators, QList<QString>{u"IndependentSegmentsDownloader #1"_s});
             QCOMPARE(child.files.size(), 1);
             QCOMPARE(child.files[0].tmpPath, named || i > 0 ? writtenAt : QString());
             QVERIFY(named || i > 0 || child.files[0].name.isEmpty());
@@ -253,29 +269,22 @@ private Q_SLOTS:
         QCOMPARE(downloader->lastError().code, int(Downloader::StopCommandCode));
         QVERIFY(downloader->tasksProgress().isEmpty());
         const auto& stored = downloader->info().customData;
-        QCOMPARE(stored.value(QStringLiteral("currentSegmentSource")).toHash(),
-                 sources[2].toVariantHash());
-        QVERIFY(stored.value(QStringLiteral("currentSegmentFile")).isValid());
-        QCOMPARE(stored.value(QStringLiteral("currentSegmentDownloadHasResumeSupport")).toBool(),
+        QCOMPARE(stored.value(u"currentSegmentSource"_s).toHash(), sources[2].toVariantHash());
+        QVERIFY(stored.value(u"currentSegmentFile"_s).isValid());
+        QCOMPARE(stored.value(u"currentSegmentDownloadHasResumeSupport"_s).toBool(),
                  resumeSupported);
-        QCOMPARE(stored.value(QStringLiteral("downloadedSegmentsTotalBytes")).toLongLong(), 6000);
+        QCOMPARE(stored.value(u"downloadedSegmentsTotalBytes"_s).toLongLong(), 6000);
         QCOMPARE(downloader->info().files[0].sections,
                  (QList<AbstractDownloadFileSection>{{0, -1, 10000}}));
 
-        if (restoredRecord) {
-            const auto saved =
-                AbstractDownloadPersistentInfo::fromJson(downloader->info().toJson());
-            downloader = make(saved, sources.mid(2));
-        }
+        if (restoredRecord)
+            downloader = reloaded(*downloader, sources.mid(2));
         run(*downloader);
-        QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
-        QCOMPARE(requestedUrls(), (QStringList{sources[0].url.toString(), sources[1].url.toString(),
-                                               sources[2].url.toString(), sources[2].url.toString(),
-                                               sources[3].url.toString()}));
+        QVERIFY(saved(*downloader, target()));
+        QCOMPARE(requestedSegments(), u"0 1 2 2 3"_s);
         const auto resumed = m_factory->requests()[3].info.files[0];
         QCOMPARE(resumed.writeOffset, 6000);
         QCOMPARE(resumed.downloadedBytes(), resumeSupported ? 4000 : 0);
-        QCOMPARE(readFile(target()), m_all);
     }
 
     // Segments finishing before the head wait in spill files, never more than the window holds,
@@ -295,8 +304,7 @@ private Q_SLOTS:
 
         m_factory->aliveDownloads().constFirst()->finish();
         QTRY_VERIFY(!downloader->isRunning());
-        QVERIFY(downloader->info().isFinished());
-        QCOMPARE(readFile(target()), m_all);
+        QVERIFY(saved(*downloader, target()));
         QCOMPARE(segmentFinished.size(), 6);
         QCOMPARE(m_factory->requests().size(), 6);
         QTRY_COMPARE(spillFiles(), QStringList());
@@ -334,14 +342,11 @@ private Q_SLOTS:
 
         const qsizetype firstRun = m_factory->requests().size();
         if (restoredRecord) {
-            const auto saved =
-                AbstractDownloadPersistentInfo::fromJson(downloader->info().toJson());
-            downloader = make(saved, sources.mid(done));
+            downloader = reloaded(*downloader, sources.mid(done));
             QCOMPARE(downloader->maxConcurrentSegments(), 3);
         }
         run(*downloader);
-        QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
-        QCOMPARE(readFile(target()), m_all);
+        QVERIFY(saved(*downloader, target()));
         const auto resumed = m_factory->requests().at(firstRun).info.files[0];
         QCOMPARE(resumed.writeOffset, 3000 * done);
         QCOMPARE(resumed.downloadedBytes(), claimed - 3000 * done);
@@ -363,8 +368,7 @@ private Q_SLOTS:
 
         downloader->setSegmentsSources(addSegments({900}), true, false);
         run(*downloader);
-        QVERIFY(downloader->info().isFinished());
-        QCOMPARE(readFile(target()), m_all);
+        QVERIFY(saved(*downloader, target()));
 
         // An empty incomplete list pauses at once; an empty complete one finalizes at once.
         auto empty = make(record(), {}, false);
@@ -441,16 +445,16 @@ private Q_SLOTS:
         QTest::addColumn<QList<Action>>("answers");
         QTest::addColumn<QString>("resultName");
         QTest::newRow("rename") << Reaction::RenameToUniqueName << false << QList<Action>()
-                                << QStringLiteral("out (1).bin");
+                                << u"out (1).bin"_s;
         QTest::newRow("overwrite")
-            << Reaction::Overwrite << false << QList<Action>() << QStringLiteral("out.bin");
+            << Reaction::Overwrite << false << QList<Action>() << u"out.bin"_s;
         QTest::newRow("ask, not interactive")
-            << Reaction::Ask << false << QList<Action>() << QStringLiteral("out (1).bin");
-        QTest::newRow("ask, overwrite") << Reaction::Ask << true << QList<Action>{Action::Overwrite}
-                                        << QStringLiteral("out.bin");
+            << Reaction::Ask << false << QList<Action>() << u"out (1).bin"_s;
+        QTest::newRow("ask, overwrite")
+            << Reaction::Ask << true << QList<Action>{Action::Overwrite} << u"out.bin"_s;
         QTest::newRow("ask, abort, then rename")
             << Reaction::Ask << true << QList<Action>{Action::Abort, Action::Rename}
-            << QStringLiteral("out (1).bin");
+            << u"out (1).bin"_s;
     }
     void existingTarget() {
         QFETCH(Reaction, reaction);
@@ -461,10 +465,7 @@ private Q_SLOTS:
         const auto sources = addSegments({2000, 3000});
         QVERIFY(writeFile(target(), "old"));
         auto downloader = make(record(), sources);
-        AbstractDownloadSettings settings;
-        settings.existingFileReaction = reaction;
-        downloader->setSettings(settings);
-        downloader->setInteractive(interactive);
+        setReaction(*downloader, reaction, interactive);
         QSignalSpy applied(downloader.get(), &AbstractDownload::fileExistsActionApplied);
         connect(downloader.get(), &AbstractDownload::fileExistsActionRequired, this,
                 [&](int fileIndex, const QList<QString>& files) {
@@ -480,10 +481,8 @@ private Q_SLOTS:
         }
         QVERIFY(answers.isEmpty());
         QCOMPARE(applied.size(), answerCount);
-        QVERIFY(!downloader->lastError().isSet());
-        QVERIFY(downloader->info().isFinished());
+        QVERIFY(saved(*downloader, m_dir.filePath(u"dst/"_s + resultName)));
         QCOMPARE(downloader->info().files[0].name, resultName);
-        QCOMPARE(readFile(m_dir.filePath(QStringLiteral("dst/") + resultName)), m_all);
         const bool renamed = resultName != QLatin1String("out.bin");
         if (renamed)
             QCOMPARE(readFile(target()), QByteArray("old"));
@@ -503,10 +502,10 @@ private Q_SLOTS:
         for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
             sources.append(addSegment(readFile(file)));
         auto manager = QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), QStringLiteral("ffmpeg"), nullptr);
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr);
         auto merger = QSharedPointer<QtFfmpegAvMerger>::create(manager);
         auto info = record();
-        info.files[0].name = QStringLiteral("Video.M4S"); // the extension in any case
+        info.files[0].name = u"Video.M4S"_s; // the extension in any case
         info.files[0].tmpPath = path("tmp/Video.M4S");
         auto downloader = make(info, sources, true, true, merger);
         QSignalSpy filesOps(downloader.get(), &AbstractDownload::performingFilesOperations);
@@ -514,15 +513,14 @@ private Q_SLOTS:
 
         QVERIFY2(!downloader->lastError().isSet(), qPrintable(downloader->lastError().toText()));
         const auto& file = downloader->info().files[0];
-        QCOMPARE(file.name, QStringLiteral("Video.mp4"));
+        QCOMPARE(file.name, u"Video.mp4"_s);
         QVERIFY(file.tmpPath.isEmpty());
         const QString result = path("dst/Video.mp4");
         QCOMPARE(file.size, QFileInfo(result).size());
         QStringList streams;
         double duration = 0;
         QVERIFY(FfmpegTestMedia::probe(result, &streams, &duration));
-        QVERIFY(streams.contains(QStringLiteral("video")) &&
-                streams.contains(QStringLiteral("audio")));
+        QVERIFY(streams.contains(u"video"_s) && streams.contains(u"audio"_s));
         QVERIFY2(qAbs(duration - 3.0) < 0.5, qPrintable(QString::number(duration)));
         QCOMPARE(QDir(path("tmp")).entryList(QDir::Files), QStringList());
         QCOMPARE(filesOps.size(), 4); // the remux, then the move
@@ -545,10 +543,7 @@ private Q_SLOTS:
             planNextChild(sources[1], 1000, FakeDownload::Outcome::KeepRunning);
         QVERIFY(writeFile(target(), "old"));
         auto downloader = make(record(), sources);
-        AbstractDownloadSettings settings;
-        settings.existingFileReaction = Reaction::Ask;
-        downloader->setSettings(settings);
-        downloader->setInteractive(true);
+        setReaction(*downloader, Reaction::Ask, true);
         QSignalSpy asked(downloader.get(), &AbstractDownload::fileExistsActionRequired);
         if (!is("idle"))
             downloader->doCommand(AbstractDownloadCommand::Start);

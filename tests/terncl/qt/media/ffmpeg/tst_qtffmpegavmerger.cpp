@@ -193,15 +193,10 @@ private Q_SLOTS:
                                  .arg(manager.ffmpegPath(), m_video)));
 
         // The probe runs in the file's folder.
-        QtFfmpegManager fake(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("cwd")),
-                             nullptr);
-        QByteArray output;
-        connect(&fake, &QtProcessLaunchManager::dataFromProcess, &fake,
-                [&](int, const QByteArray& bytes) { output += bytes; });
-        QSignalSpy fakeFinished(&fake, &QtProcessLaunchManager::finished);
-        fake.launchFfmpeg(1, m_video, false);
-        QVERIFY(fakeFinished.wait());
-        QCOMPARE(output,
+        Merging fake(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("cwd")));
+        fake.manager->launchFfmpeg(1, m_video, false);
+        QTRY_VERIFY(fake.exitCodes.contains(1));
+        QCOMPARE(fake.output[1],
                  s("cwd: %1\narg: -i\narg: %2\n").arg(QFileInfo(m_video).path(), m_video).toUtf8());
     }
 
