@@ -329,6 +329,7 @@ void TernGetJob::startMedia() {
     services.factory = m_factory;
     services.speedMeter = m_speedMeter;
     services.merger = m_merger;
+    m_factory->setMediaServices(m_speedMeter, m_merger, m_options.concurrentSegments);
     m_media = new TernMediaJob(m_options, services, this);
     connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
     m_media->start();

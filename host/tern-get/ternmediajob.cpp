@@ -3,8 +3,8 @@
 #include "formatspec.h"
 #include "formatstable.h"
 #include "hostchilddownloadsmanager.h"
+#include "hostdownloadsfactory.h"
 #include "hostmediadownload.h"
-#include "mediadownloadsfactory.h"
 #include "ratetext.h"
 
 #include <terncl/inet/qt/download/abstractdownloadfileops.h>
@@ -94,22 +94,16 @@ AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
 // The children's records live in a folder of their own beside the job's, their files beside
 // the result.
 void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
-    MediaChildren::Context context;
-    context.factory = m_services.factory;
-    context.speedMeter = m_services.speedMeter;
-    context.merger = m_services.merger;
-    context.network = m_services.network;
-    context.writersThread = m_services.writersThread;
-    context.concurrentSegments = m_options.concurrentSegments;
-    m_factory.reset(new MediaDownloadsFactory(context));
+    const MediaChildren::Context context = m_services.factory->mediaContext();
     const AbstractDownloadPersistentInfo record = saved ? saved->record : newRecord();
     const QString hash = QString::fromLatin1(
         QCryptographicHash::hash(m_services.key.toUtf8(), QCryptographicHash::Sha1).toHex());
     m_manager.reset(new HostChildDownloadsManager(
         context, QDir(m_options.stateDir).filePath(QStringLiteral("media-") + hash),
         record.destinationPath));
-    m_download.reset(new HostMediaDownload(1, m_factory, m_services.merger, m_services.network),
-                     &QObject::deleteLater);
+    m_download.reset(
+        new HostMediaDownload(1, m_services.factory, m_services.merger, m_services.network),
+        &QObject::deleteLater);
     m_download->setInfo(record);
     AbstractDownloadSettings settings;
     settings.existingFileReaction = AbstractDownloadExistingFileReaction::Overwrite;

@@ -10,12 +10,11 @@
 #include <QTextStream>
 #include <QTimer>
 
-class AbstractDownloadsSimpleFactory;
 class CurlMulti;
 class AbstractDownloadsSpeedMeter;
 class HostChildDownloadsManager;
+class HostDownloadsFactory;
 class HostMediaDownload;
-class MediaDownloadsFactory;
 class QtFfmpegAvMerger;
 
 // tern-get's media side: lists the versions of an HLS master, a DASH manifest or a web page
@@ -32,7 +31,8 @@ public:
         QString key; // the state store's key of this command (URL and output)
         CurlMulti* network = nullptr;
         QThread* writersThread = nullptr;
-        QSharedPointer<AbstractDownloadsSimpleFactory> factory; // plain HTTP downloads
+        // Makes the children by module name; its media services are set.
+        QSharedPointer<HostDownloadsFactory> factory;
         QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;
         QSharedPointer<QtFfmpegAvMerger> merger;
     };
@@ -64,7 +64,6 @@ private:
     TernGetJob::Options m_options;
     Services m_services;
     RecordStore m_store;
-    QSharedPointer<MediaDownloadsFactory> m_factory;
     QSharedPointer<HostChildDownloadsManager> m_manager;
     QSharedPointer<HostMediaDownload> m_download;
     QTimer m_saveTimer;
