@@ -15,6 +15,7 @@ class AbstractDownloadsSpeedMeter;
 class HostChildDownloadsManager;
 class HostDownloadsFactory;
 class HostMediaDownload;
+class ProgressPrinter;
 class QtFfmpegAvMerger;
 
 // tern-get's media side: lists the versions of an HLS master, a DASH manifest or a web page
@@ -35,6 +36,7 @@ public:
         QSharedPointer<HostDownloadsFactory> factory;
         QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;
         QSharedPointer<QtFfmpegAvMerger> merger;
+        ProgressPrinter* printer = nullptr; // progress, notes and errors
     };
 
     TernMediaJob(const TernGetJob::Options& options, const Services& services,
@@ -44,6 +46,10 @@ public:
     void start();
     // Stops, saves the state and finishes with exit code 130.
     void interrupt();
+
+    // Once finished: the file saved (exit code 0) or why it failed.
+    QString outputPath() const { return m_outputPath; }
+    QString failure() const { return m_errorText; }
 
 Q_SIGNALS:
     void finished(int exitCode);
@@ -56,6 +62,7 @@ private:
     void onEnded();
     void list();
     void save();
+    void moveIntoPlace(const QString& path);
     void removeState();
     void showProgress();
     void fail(const QString& text, int exitCode = 1);
@@ -69,7 +76,8 @@ private:
     QTimer m_saveTimer;
     QTimer m_progressTimer;
     QTextStream m_out;
-    QTextStream m_err;
+    QString m_outputPath;
+    QString m_errorText;
     bool m_interrupted = false;
     bool m_finished = false;
 };
