@@ -3,13 +3,13 @@
 #include "curlmulti.h"
 #include "httpdownload.h"
 #include "httpfilemodule.h"
+#include "mediachildmodule.h"
 
 #include <terncl/core/sourceplace.h>
 
 #include <QUrl>
 
 const QString HostDownloadsFactory::HttpModule = QStringLiteral("http");
-const QString HostDownloadsFactory::PlainFileModule = QStringLiteral("downloadswww");
 
 HostDownloadsFactory::HostDownloadsFactory(QThread* writersThread, QObject* parent)
     : AbstractDownloadsSimpleFactory(parent)
@@ -19,14 +19,40 @@ HostDownloadsFactory::HostDownloadsFactory(QThread* writersThread, QObject* pare
                                 AbstractError& error) {
         return createHttpDownload(id, info, error);
     };
-    // A record without a module name is the host's own file: "http" is tried first.
+    // A record without a module name is the host's own file.
     m_keeper.addModule(QSharedPointer<HttpFileModule>::create(HttpModule, 1, creator));
-    m_keeper.addModule(QSharedPointer<HttpFileModule>::create(PlainFileModule, 0, creator));
+    // The context is read when a child is made, so that services set later reach it.
+    for (const QString& name : MediaChildren::moduleNames()) {
+        m_keeper.addModule(QSharedPointer<MediaChildModule>::create(
+            name, [this, name](const AbstractDownloadPersistentInfo& info, const QVariant& initData,
+                               AbstractError& error) {
+                return MediaChildren::creator(name, mediaContext())(info, initData, error);
+            }));
+    }
     m_keeper.onFinishedAddingModules();
     m_keeper.initializeModules(true);
 }
 
 HostDownloadsFactory::~HostDownloadsFactory() = default;
+
+void HostDownloadsFactory::setMediaServices(
+    const QSharedPointer<AbstractDownloadsSpeedMeter>& speedMeter,
+    const QSharedPointer<QtFfmpegAvMerger>& merger, int concurrentSegments) {
+    m_speedMeter = speedMeter;
+    m_merger = merger;
+    m_concurrentSegments = concurrentSegments;
+}
+
+MediaChildren::Context HostDownloadsFactory::mediaContext() {
+    MediaChildren::Context context;
+    context.factory = sharedFromThis();
+    context.speedMeter = m_speedMeter;
+    context.merger = m_merger;
+    context.network = m_network;
+    context.writersThread = m_writersThread;
+    context.concurrentSegments = m_concurrentSegments;
+    return context;
+}
 
 QSharedPointer<AbstractDownload>
 HostDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,

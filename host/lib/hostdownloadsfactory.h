@@ -1,6 +1,7 @@
 #pragma once
 
 #include "httpdownload.h"
+#include "mediachildren.h"
 #include "tokenbucket.h"
 
 #include <terncl/core/abstractdownloadsmoduleskeeper.h>
@@ -8,25 +9,28 @@
 
 #include <QPointer>
 
+class AbstractDownloadsSpeedMeter;
 class CurlMulti;
 class QNetworkProxyFactory;
+class QtFfmpegAvMerger;
 class QThread;
 
-// Makes the host's downloads. Every record becomes an HttpDownload (the only protocol the host
-// speaks), with a new id and the writers thread. All of them run on the factory's one HTTP
-// engine, so that they reuse its connections, and share one speed-limit bucket: the segments of
-// a stream run one after another or several at once, and the limit must hold across all of them.
-// Main thread.
+// Makes the host's downloads: plain files as HttpDownloads with a new id and the writers thread,
+// and the children of media downloads (MediaChildren's modules). All of them run on the factory's
+// one HTTP engine, so that they reuse its connections, and share one speed-limit bucket: the
+// segments of a stream run one after another or several at once, and the limit must hold across all
+// of them. Main thread.
 //
 // Downloads are made through the keeper of the host's download modules, by the record's module
 // name or, for a record without one, by the first module that takes its address. A module whose
-// initialization failed is refused there while the others go on working.
-class HostDownloadsFactory final : public AbstractDownloadsSimpleFactory {
+// initialization failed is refused there while the others go on working. The media children
+// need the factory itself as a shared pointer: make it with QSharedPointer.
+class HostDownloadsFactory final : public AbstractDownloadsSimpleFactory,
+                                   public QEnableSharedFromThis<HostDownloadsFactory> {
     Q_OBJECT
 
 public:
-    static const QString HttpModule;      // "http"
-    static const QString PlainFileModule; // "downloadswww"
+    static const QString HttpModule; // "http"
 
     explicit HostDownloadsFactory(QThread* writersThread, QObject* parent = nullptr);
     ~HostDownloadsFactory() override;
@@ -54,6 +58,14 @@ public:
         m_authRequestor = requestor;
     }
 
+    // What the media children share with the rest of the program; set before a media download
+    // starts.
+    void setMediaServices(const QSharedPointer<AbstractDownloadsSpeedMeter>& speedMeter,
+                          const QSharedPointer<QtFfmpegAvMerger>& merger, int concurrentSegments);
+    // What the media children are made with, for those who make or restore them outside the
+    // keeper.
+    MediaChildren::Context mediaContext();
+
     // The keeper of the modules above, initialized by the constructor; more can be added.
     AbstractDownloadsModulesKeeper* modulesKeeper() { return &m_keeper; }
 
@@ -69,6 +81,9 @@ private:
     qint64 m_nextId = 1;
     HttpDownload::Options m_options;
     HttpDownload::ExpectedContent m_segmentContent = HttpDownload::ExpectedContent::Any;
+    QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter;
+    QSharedPointer<QtFfmpegAvMerger> m_merger;
+    int m_concurrentSegments = 1;
     QSharedPointer<TokenBucket> m_bucket = QSharedPointer<TokenBucket>::create();
     AbstractDownloadsModulesKeeper m_keeper;
 };

@@ -4,9 +4,8 @@
 
 #include <functional>
 
-// The download module of a plain file fetched over HTTP(S) as one download. The host registers
-// it under two uids: "http", the module of its own file records, and "downloadswww", the name
-// media downloads ask for when one of their parts is a plain file. The downloads come from a
+// The download module of a plain file fetched over HTTP(S) as one download, registered by the
+// host as "http", the module of its own file records. The downloads come from a
 // creator that the downloads factory hands in, so the module decides which addresses it takes
 // and the factory alone knows how a download is built. Main thread.
 class HttpFileModule final : public AbstractDownloadModule {

@@ -329,8 +329,15 @@ void TernGetJob::startMedia() {
     services.factory = m_factory;
     services.speedMeter = m_speedMeter;
     services.merger = m_merger;
+    services.printer = &m_printer;
+    m_factory->setMediaServices(m_speedMeter, m_merger, m_options.concurrentSegments);
     m_media = new TernMediaJob(m_options, services, this);
-    connect(m_media, &TernMediaJob::finished, this, &TernGetJob::finished);
+    connect(m_media, &TernMediaJob::finished, this, [this](int exitCode) {
+        if (!m_media->outputPath().isEmpty())
+            m_output = m_media->outputPath();
+        m_errorText = m_media->failure();
+        finish(exitCode);
+    });
     m_media->start();
 }
 
@@ -555,11 +562,14 @@ void TernGetJob::fail(const QString& text) {
 void TernGetJob::finish(int exitCode) {
     if (m_finished)
         return;
-    if (exitCode == 0) {
+    // The media job keeps and removes its own state.
+    if (exitCode == 0 && !m_media) {
         showProgress(true);
         m_store.remove(m_key);
     }
-    m_printer.result(exitCode, m_output, m_errorText);
+    // A format list is the whole answer of -F.
+    if (!m_options.listFormats)
+        m_printer.result(exitCode, m_output, m_errorText);
     m_finished = true;
     m_progressTimer.stop();
     m_saveTimer.stop();

@@ -3,9 +3,10 @@
 #include "formatspec.h"
 #include "formatstable.h"
 #include "hostchilddownloadsmanager.h"
+#include "hostdownloadsfactory.h"
 #include "hostmediadownload.h"
-#include "mediadownloadsfactory.h"
-#include "ratetext.h"
+#include "outputguard.h"
+#include "progressprinter.h"
 
 #include <terncl/inet/qt/download/abstractdownloadfileops.h>
 #include <terncl/inet/qt/download/abstractdownloadsspeedmeter.h>
@@ -20,6 +21,8 @@
 namespace {
 const QString kKind = QStringLiteral("kind");
 const QString kMediaKind = QStringLiteral("media");
+// The result is made under a hidden name beside the output and renamed over it once complete.
+const QString kStagedPrefix = QStringLiteral(".tern-get-");
 
 QString errorText(const AbstractError& error) {
     const QString description = QString::fromStdString(error.description);
@@ -42,12 +45,11 @@ TernMediaJob::TernMediaJob(const TernGetJob::Options& options, const Services& s
     , m_options(options)
     , m_services(services)
     , m_store(options.stateDir)
-    , m_out(stdout)
-    , m_err(stderr) {
+    , m_out(stdout) {
     m_saveTimer.setSingleShot(true);
     m_saveTimer.setInterval(500);
     connect(&m_saveTimer, &QTimer::timeout, this, &TernMediaJob::save);
-    m_progressTimer.setInterval(m_options.progressBar ? 250 : 2000);
+    m_progressTimer.setInterval(m_services.printer->intervalMs());
     connect(&m_progressTimer, &QTimer::timeout, this, &TernMediaJob::showProgress);
 }
 
@@ -70,7 +72,7 @@ void TernMediaJob::start() {
     }
     setUp(saved);
     if (saved)
-        m_err << "tern-get: resuming from saved state" << Qt::endl;
+        m_services.printer->note(QStringLiteral("resuming from saved state"));
     m_progressTimer.start();
     m_download->doCommand(m_options.listFormats ? AbstractDownloadCommand::QueryInfo
                                                 : AbstractDownloadCommand::Start);
@@ -86,7 +88,7 @@ AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
     } else {
         const QFileInfo output(m_options.output);
         record.destinationPath = output.absolutePath();
-        record.name = output.fileName();
+        record.name = kStagedPrefix + output.fileName();
     }
     return record;
 }
@@ -94,22 +96,16 @@ AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
 // The children's records live in a folder of their own beside the job's, their files beside
 // the result.
 void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
-    MediaChildren::Context context;
-    context.factory = m_services.factory;
-    context.speedMeter = m_services.speedMeter;
-    context.merger = m_services.merger;
-    context.network = m_services.network;
-    context.writersThread = m_services.writersThread;
-    context.concurrentSegments = m_options.concurrentSegments;
-    m_factory.reset(new MediaDownloadsFactory(context));
+    const MediaChildren::Context context = m_services.factory->mediaContext();
     const AbstractDownloadPersistentInfo record = saved ? saved->record : newRecord();
     const QString hash = QString::fromLatin1(
         QCryptographicHash::hash(m_services.key.toUtf8(), QCryptographicHash::Sha1).toHex());
     m_manager.reset(new HostChildDownloadsManager(
         context, QDir(m_options.stateDir).filePath(QStringLiteral("media-") + hash),
         record.destinationPath));
-    m_download.reset(new HostMediaDownload(1, m_factory, m_services.merger, m_services.network),
-                     &QObject::deleteLater);
+    m_download.reset(
+        new HostMediaDownload(1, m_services.factory, m_services.merger, m_services.network),
+        &QObject::deleteLater);
     m_download->setInfo(record);
     AbstractDownloadSettings settings;
     settings.existingFileReaction = AbstractDownloadExistingFileReaction::Overwrite;
@@ -165,16 +161,14 @@ void TernMediaJob::onEnded() {
     if (!m_options.listFormats)
         save();
     if (m_interrupted) {
-        m_err << "tern-get: interrupted; run the same command again to resume" << Qt::endl;
+        m_services.printer->note(
+            QStringLiteral("interrupted; run the same command again to resume"));
         finish(130);
         return;
     }
     const auto& info = m_download->info();
     if (info.isFinished()) {
-        const QString path = AbstractDownloadFileOps::currentFilePath(info, 0);
-        removeState();
-        m_out << "Saved to " << path << Qt::endl;
-        finish(0);
+        moveIntoPlace(AbstractDownloadFileOps::currentFilePath(info, 0));
         return;
     }
     const AbstractError error = m_download->lastError();
@@ -212,9 +206,26 @@ void TernMediaJob::save() {
     AbstractError error;
     // Children first: a record that names children whose records are missing cannot resume.
     if (!m_manager->saveDownloads(error))
-        m_err << "tern-get: " << errorText(error) << Qt::endl;
+        m_services.printer->error(errorText(error));
     else if (!m_store.save(m_services.key, entry, &text))
-        m_err << "tern-get: " << text << Qt::endl;
+        m_services.printer->error(text);
+}
+
+// A staged result replaces the output by one rename, so what was there stays whole until then.
+void TernMediaJob::moveIntoPlace(const QString& path) {
+    const QFileInfo result(path);
+    QString target = path;
+    if (result.fileName().startsWith(kStagedPrefix)) {
+        target = result.dir().filePath(result.fileName().mid(kStagedPrefix.size()));
+        QString error;
+        if (!OutputGuard::replace(path, target, &error)) {
+            fail(error);
+            return;
+        }
+    }
+    removeState();
+    m_outputPath = target;
+    finish(0);
 }
 
 void TernMediaJob::removeState() {
@@ -226,29 +237,24 @@ void TernMediaJob::removeState() {
 void TernMediaJob::showProgress() {
     if (!m_download || !m_download->isRunning())
         return;
+    ProgressPrinter::Snapshot snapshot;
+    snapshot.state = ProgressPrinter::stateOf(m_download->currentTasks(), m_interrupted, false);
     const auto progress = m_download->tasksProgress();
-    QString line;
-    if (progress.contains(AbstractDownloadTask::Merging)) {
-        line = QStringLiteral("merging");
-    } else if (progress.contains(AbstractDownloadTask::Downloading)) {
+    if (progress.contains(AbstractDownloadTask::Downloading)) {
         const auto [done, total] = progress.value(AbstractDownloadTask::Downloading);
-        line = RateText::bytes(done);
-        if (total > 0)
-            line += QStringLiteral(" of ") + RateText::bytes(total);
-        line += QStringLiteral("  %1/s").arg(RateText::bytes(m_services.speedMeter->speed()));
-    } else {
-        line = QStringLiteral("reading the versions");
+        snapshot.done = done;
+        snapshot.total = total > 0 ? total : -1;
+        snapshot.fraction = total > 0 ? double(done) / double(total) : -1;
     }
-    if (m_options.progressBar)
-        m_err << "\r\033[K" << line << Qt::flush;
-    else
-        m_err << "progress: " << line << Qt::endl;
+    snapshot.speed = m_services.speedMeter->speed();
+    if (snapshot.total > 0 && snapshot.speed > 0)
+        snapshot.secondsLeft = qMax<qint64>(snapshot.total - snapshot.done, 0) / snapshot.speed;
+    m_services.printer->progress(snapshot, false);
 }
 
 void TernMediaJob::fail(const QString& text, int exitCode) {
-    if (m_options.progressBar)
-        m_err << Qt::endl;
-    m_err << "tern-get: " << text << Qt::endl;
+    m_errorText = text;
+    m_services.printer->error(text);
     finish(exitCode);
 }
 

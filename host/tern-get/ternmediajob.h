@@ -10,12 +10,12 @@
 #include <QTextStream>
 #include <QTimer>
 
-class AbstractDownloadsSimpleFactory;
 class CurlMulti;
 class AbstractDownloadsSpeedMeter;
 class HostChildDownloadsManager;
+class HostDownloadsFactory;
 class HostMediaDownload;
-class MediaDownloadsFactory;
+class ProgressPrinter;
 class QtFfmpegAvMerger;
 
 // tern-get's media side: lists the versions of an HLS master, a DASH manifest or a web page
@@ -32,9 +32,11 @@ public:
         QString key; // the state store's key of this command (URL and output)
         CurlMulti* network = nullptr;
         QThread* writersThread = nullptr;
-        QSharedPointer<AbstractDownloadsSimpleFactory> factory; // plain HTTP downloads
+        // Makes the children by module name; its media services are set.
+        QSharedPointer<HostDownloadsFactory> factory;
         QSharedPointer<AbstractDownloadsSpeedMeter> speedMeter;
         QSharedPointer<QtFfmpegAvMerger> merger;
+        ProgressPrinter* printer = nullptr; // progress, notes and errors
     };
 
     TernMediaJob(const TernGetJob::Options& options, const Services& services,
@@ -44,6 +46,10 @@ public:
     void start();
     // Stops, saves the state and finishes with exit code 130.
     void interrupt();
+
+    // Once finished: the file saved (exit code 0) or why it failed.
+    QString outputPath() const { return m_outputPath; }
+    QString failure() const { return m_errorText; }
 
 Q_SIGNALS:
     void finished(int exitCode);
@@ -56,6 +62,7 @@ private:
     void onEnded();
     void list();
     void save();
+    void moveIntoPlace(const QString& path);
     void removeState();
     void showProgress();
     void fail(const QString& text, int exitCode = 1);
@@ -64,13 +71,13 @@ private:
     TernGetJob::Options m_options;
     Services m_services;
     RecordStore m_store;
-    QSharedPointer<MediaDownloadsFactory> m_factory;
     QSharedPointer<HostChildDownloadsManager> m_manager;
     QSharedPointer<HostMediaDownload> m_download;
     QTimer m_saveTimer;
     QTimer m_progressTimer;
     QTextStream m_out;
-    QTextStream m_err;
+    QString m_outputPath;
+    QString m_errorText;
     bool m_interrupted = false;
     bool m_finished = false;
 };

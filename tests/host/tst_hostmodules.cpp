@@ -1,5 +1,7 @@
 #include "hostdownloadsfactory.h"
 #include "httpdownload.h"
+#include "sizeprobedownload.h"
+#include "streamsegmentsdownload.h"
 
 #include <terncl/core/abstractdownloadsmoduleskeeper.h>
 #include <terncl/core/sourceplace.h>
@@ -51,13 +53,16 @@ class TestHostModules : public QObject {
 private Q_SLOTS:
     void aFailedModuleIsRefusedAndTheOthersWork() {
         QThread writers;
-        HostDownloadsFactory factory(&writers);
+        const auto shared = QSharedPointer<HostDownloadsFactory>::create(&writers);
+        HostDownloadsFactory& factory = *shared;
         AbstractDownloadsModulesKeeper* keeper = factory.modulesKeeper();
         keeper->addModule(QSharedPointer<BrokenModule>::create());
         keeper->onFinishedAddingModules();
-        QCOMPARE(keeper->modulesUids(),
-                 (QList<QString>{QStringLiteral("broken"), QStringLiteral("http"),
-                                 QStringLiteral("downloadswww")}));
+        QCOMPARE(
+            keeper->modulesUids(),
+            (QList<QString>{QStringLiteral("broken"), QStringLiteral("http"),
+                            QStringLiteral("downloadsfragments"), QStringLiteral("downloadsm3ustm"),
+                            QStringLiteral("downloadswww")}));
         QSignalSpy failed(keeper, &AbstractDownloadsModulesKeeper::moduleInitializeFailed);
         QSignalSpy finished(keeper, &AbstractDownloadsModulesKeeper::modulesInitializeFinished);
         QTest::ignoreMessage(QtWarningMsg,
@@ -82,6 +87,16 @@ private Q_SLOTS:
             QVERIFY(download->id() > lastId);
             lastId = download->id();
         }
+        // The media children by their module names: a size query's child only probes.
+        auto sizeOnly = record(QStringLiteral("downloadswww"), url);
+        sizeOnly.setFlag(AbstractDownloadPersistentInfo::SizeQueryOnly);
+        QVERIFY(qobject_cast<SizeProbeDownload*>(factory.createDownload(sizeOnly, error).data()));
+        const QVariantHash initData{{QStringLiteral("source"), url}};
+        QVERIFY(qobject_cast<StreamSegmentsDownload*>(
+            factory
+                .createModuleDownload(QStringLiteral("downloadsm3ustm"), record({}, {}), initData,
+                                      error)
+                .data()));
         for (const auto& [module, address] :
              {std::pair{QStringLiteral("unknown"), url},
               std::pair{QString(), QStringLiteral("ftp://127.0.0.1/file.bin")},

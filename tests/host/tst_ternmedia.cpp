@@ -306,7 +306,7 @@ private Q_SLOTS:
         QVERIFY(!audio.isEmpty() && audioSent.size() - audio.size() <= 1);
         QCOMPARE(audio, audioSent.mid(0, audio.size()));
         QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out")))
-                     .entryList(QDir::Files)
+                     .entryList(QDir::Files | QDir::Hidden)
                      .filter(QStringLiteral(".video.")),
                  QStringList());
     }
@@ -345,6 +345,40 @@ private Q_SLOTS:
                  frames(www(QStringLiteral("hls/v360.m3u8")), QStringLiteral("v")));
         QCOMPARE(frames(output, QStringLiteral("a")),
                  frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
+    }
+
+    // While one run downloads to an output, another is refused and what was there stays; with
+    // --progress=json stdout holds JSON lines only, the last one the result.
+    void guardsTheOutputAndReportsInJson() {
+        NginxServer slow(www());
+        QString error;
+        QVERIFY2(slow.start(&error, 20 * 1024), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/guarded.mp4"));
+        QVERIFY(writeFile(output, "old"));
+        const QStringList arguments{
+            slow.url(QStringLiteral("/hls/master.m3u8")).toString(), QStringLiteral("-f"),
+            QStringLiteral("bestvideo+bestaudio+height<=90"), QStringLiteral("-o"), output};
+        QProcess first;
+        first.start(QStringLiteral(TERN_GET_PATH),
+                    arguments + QStringList{QStringLiteral("--progress=json"),
+                                            QStringLiteral("--state-dir"),
+                                            m_dir.filePath(QStringLiteral("guard-state"))});
+        QVERIFY(QTest::qWaitFor([&] { return first.bytesAvailable() > 0; }, 30000));
+        const Run second = tern(arguments, QStringLiteral("guard-state"));
+        QCOMPARE(second.exitCode, 1);
+        QVERIFY2(second.err.contains(QStringLiteral("another tern-get")), qPrintable(second.err));
+        QCOMPARE(readFile(output), QByteArray("old"));
+        QVERIFY(first.waitForFinished(60000));
+        QVERIFY2(first.exitCode() == 0, first.readAllStandardError().constData());
+        QJsonObject last;
+        for (const QByteArray& line : first.readAllStandardOutput().trimmed().split('\n')) {
+            const QJsonDocument document = QJsonDocument::fromJson(line);
+            QVERIFY2(document.isObject(), line.constData());
+            last = document.object();
+        }
+        QCOMPARE(last.value(QStringLiteral("type")).toString(), QStringLiteral("result"));
+        QCOMPARE(last.value(QStringLiteral("output")).toString(), output);
+        QCOMPARE(videoSize(output), QStringLiteral("160,90"));
     }
 };
 
