@@ -164,17 +164,17 @@ int chooseByTerms(const FormatSpec::Versions& versions, const Terms& terms) {
     return chosen;
 }
 
-QStringList alternatives(const QString& spec) {
+QStringList alternatives(const QString& wanted) {
     QStringList result;
-    for (const QString& alternative : spec.split(u','))
+    for (const QString& alternative : wanted.split(u','))
         result.append(alternative.trimmed());
     return result;
 }
 
 } // namespace
 
-bool FormatSpec::isValid(const QString& spec, QString* error) {
-    for (const QString& alternative : alternatives(spec)) {
+bool FormatSpec::isValid(const QString& wanted, QString* error) {
+    for (const QString& alternative : alternatives(wanted)) {
         if (alternative.isEmpty() || (!parseTerms(alternative) && !couldBeId(alternative))) {
             if (error)
                 *error = alternative.isEmpty()
@@ -187,8 +187,8 @@ bool FormatSpec::isValid(const QString& spec, QString* error) {
     return true;
 }
 
-int FormatSpec::choose(const Versions& versions, const QString& spec) {
-    for (const QString& alternative : alternatives(spec)) {
+int FormatSpec::choose(const Versions& versions, const QString& wanted) {
+    for (const QString& alternative : alternatives(wanted)) {
         const int byId = MediaVersions::indexOf(versions, alternative);
         if (byId >= 0)
             return byId;

@@ -5,9 +5,9 @@
 #include <QList>
 #include <QString>
 
-// The versions a user asks for with tern-get's -f SPEC, chosen from a listing (MediaVersions).
+// The versions a user asks for with tern-get's -f FORMAT, chosen from a listing (MediaVersions).
 //
-//   spec        = alternative *( "," alternative )   the first alternative that matches wins
+//   format      = alternative *( "," alternative )   the first alternative that matches wins
 //   alternative = ID                                 a version's id as -F lists it (ids may
 //                                                    hold "+"), compared without regard to case
 //               | term *( "+" term )                 every term applies
@@ -28,9 +28,9 @@ class FormatSpec {
 public:
     using Versions = QList<AbstractDownloadResourceVersionSelector::CompositeVersion>;
 
-    // A spec whose alternatives are not all either terms or possible ids is refused with a
+    // A format whose alternatives are not all either terms or possible ids is refused with a
     // text saying which part is wrong.
-    static bool isValid(const QString& spec, QString* error);
+    static bool isValid(const QString& wanted, QString* error);
     // The index of the chosen version, or -1 when no alternative matches.
-    static int choose(const Versions& versions, const QString& spec);
+    static int choose(const Versions& versions, const QString& wanted);
 };

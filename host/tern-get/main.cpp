@@ -163,9 +163,9 @@ int main(int argc, char** argv) {
         QStringLiteral("List the versions of a media URL (HLS master, DASH manifest, web page)."));
     const QCommandLineOption format(
         {QStringLiteral("f"), QStringLiteral("format")},
-        QStringLiteral("Download the version SPEC names: an id, best, worst, "
+        QStringLiteral("Download the version FORMAT names: an id, best, worst, "
                        "bestvideo+bestaudio, height<=N, lang=L, joined with + and , (see README)."),
-        QStringLiteral("SPEC"));
+        QStringLiteral("FORMAT"));
     const QCommandLineOption mergeFormat(
         QStringLiteral("merge-format"),
         QStringLiteral("Merge separate video and audio into FORMAT (mp4 or mkv)."),

@@ -118,9 +118,9 @@ void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
     usage.downloadSpeedLimit = m_options.limitRate;
     m_download->setNetworkUsageSettings(usage);
     if (!m_options.format.isEmpty()) {
-        const QString spec = m_options.format;
-        m_download->setVersionChooser([spec](const FormatSpec::Versions& versions) {
-            return FormatSpec::choose(versions, spec);
+        const QString wanted = m_options.format;
+        m_download->setVersionChooser([wanted](const FormatSpec::Versions& versions) {
+            return FormatSpec::choose(versions, wanted);
         });
     }
     connect(m_download.data(), &AbstractNetworkConsumerWithExtraTasks::running, this,

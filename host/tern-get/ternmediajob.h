@@ -19,7 +19,7 @@ class ProgressPrinter;
 class QtFfmpegAvMerger;
 
 // tern-get's media side: lists the versions of an HLS master, a DASH manifest or a web page
-// (-F), or downloads the one that -f SPEC or the library's default choice names, through a
+// (-F), or downloads the one that -f FORMAT or the library's default choice names, through a
 // HostMediaDownload whose separate video and audio are merged. Its record and its children's
 // records are saved as it goes, so the same command resumes after a kill at any stage: finished
 // children are not fetched again, and a finished merge is not redone. Main thread.

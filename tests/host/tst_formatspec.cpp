@@ -33,7 +33,7 @@ class TestFormatSpec : public QObject {
 
 private Q_SLOTS:
     void choosesByTheGrammar_data() {
-        QTest::addColumn<QString>("spec");
+        QTest::addColumn<QString>("wanted");
         QTest::addColumn<QString>("chosen"); // empty: nothing matches
         QTest::newRow("best") << "best"
                               << "hls-1080p-2800k+audio-en";
@@ -67,19 +67,19 @@ private Q_SLOTS:
                                     << "";
     }
     void choosesByTheGrammar() {
-        QFETCH(QString, spec);
+        QFETCH(QString, wanted);
         QFETCH(QString, chosen);
         const auto list = versions();
         QString error;
-        QVERIFY2(FormatSpec::isValid(spec, &error), qPrintable(error));
-        const int index = FormatSpec::choose(list, spec);
+        QVERIFY2(FormatSpec::isValid(wanted, &error), qPrintable(error));
+        const int index = FormatSpec::choose(list, wanted);
         QCOMPARE(index < 0 ? QString() : MediaVersions::id(list.at(index)), chosen);
     }
 
     void refusesWhatIsNeitherTermsNorAnId() {
-        for (const char* spec : {"best,", "best+worst", "bestvideo+best", "height<=x", "a b"}) {
+        for (const char* wanted : {"best,", "best+worst", "bestvideo+best", "height<=x", "a b"}) {
             QString error;
-            QVERIFY2(!FormatSpec::isValid(QString::fromLatin1(spec), &error), spec);
+            QVERIFY2(!FormatSpec::isValid(QString::fromLatin1(wanted), &error), wanted);
             QVERIFY(!error.isEmpty());
         }
     }

@@ -234,9 +234,10 @@ private Q_SLOTS:
         QTest::newRow("no match") << QStringList{QStringLiteral("-f"), QStringLiteral("lang=fr"),
                                                  QStringLiteral("/hls/master.m3u8")}
                                   << 2 << "matches none of: hls-360p-1440k+audio-en,";
-        QTest::newRow("bad spec") << QStringList{QStringLiteral("-f"), QStringLiteral("best+worst"),
-                                                 QStringLiteral("/hls/master.m3u8")}
-                                  << 2 << "neither terms that fit together nor an id";
+        QTest::newRow("bad format")
+            << QStringList{QStringLiteral("-f"), QStringLiteral("best+worst"),
+                           QStringLiteral("/hls/master.m3u8")}
+            << 2 << "neither terms that fit together nor an id";
         QTest::newRow("page without media")
             << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.html")} << 1
             << "no media found on the page";
@@ -262,7 +263,7 @@ private Q_SLOTS:
     // The chosen video and audio end up merged with every frame as the sources have it.
     void downloadsTheChosenVersion_data() {
         QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("spec");
+        QTest::addColumn<QString>("wanted");
         QTest::addColumn<QString>("size");
         QTest::addColumn<QString>("videoSource");
         QTest::addColumn<QString>("audioSource");
@@ -284,15 +285,15 @@ private Q_SLOTS:
     }
     void downloadsTheChosenVersion() {
         QFETCH(QString, path);
-        QFETCH(QString, spec);
+        QFETCH(QString, wanted);
         QFETCH(QString, size);
         QFETCH(QString, videoSource);
         QFETCH(QString, audioSource);
         const QString output = m_dir.filePath(
             QStringLiteral("out/%1.mp4").arg(QString::fromUtf8(QTest::currentDataTag())));
         QStringList arguments{url(path), QStringLiteral("-o"), output};
-        if (!spec.isEmpty())
-            arguments << QStringLiteral("-f") << spec;
+        if (!wanted.isEmpty())
+            arguments << QStringLiteral("-f") << wanted;
         const Run run = tern(arguments);
         QVERIFY2(run.exitCode == 0, qPrintable(run.err));
         QCOMPARE(videoSize(output), size);
