@@ -99,6 +99,17 @@ private:
             .toInt();
     }
 
+    // Serves the test stream under /s/ and returns its segment files in order.
+    QStringList serveStream(FaultyHttpServer& server) const {
+        const QString playlist = m_stream + QStringLiteral("/index.m3u8");
+        const QStringList segments = FfmpegTestMedia::segmentFiles(playlist);
+        server.setResource(QStringLiteral("/s/index.m3u8"), readFile(playlist));
+        for (const auto& segment : segments)
+            server.setResource(QStringLiteral("/s/") + QFileInfo(segment).fileName(),
+                               readFile(segment));
+        return segments;
+    }
+
 private Q_SLOTS:
     void initTestCase() {
         if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
@@ -185,13 +196,7 @@ private Q_SLOTS:
     void failuresOfTheServer() {
         FaultyHttpServer server;
         QVERIFY(server.listen());
-        const QStringList segments =
-            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
-        server.setResource(QStringLiteral("/s/index.m3u8"),
-                           readFile(m_stream + QStringLiteral("/index.m3u8")));
-        for (const auto& segment : segments)
-            server.setResource(QStringLiteral("/s/") + QFileInfo(segment).fileName(),
-                               readFile(segment));
+        const QStringList segments = serveStream(server);
         const QString third = QStringLiteral("/s/") + QFileInfo(segments.at(2)).fileName();
 
         // A dropped connection is retried and the result is still exact.
@@ -466,13 +471,7 @@ private Q_SLOTS:
     void hostileServersEndClearly() {
         FaultyHttpServer server;
         QVERIFY(server.listen());
-        const QStringList segments =
-            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
-        server.setResource(QStringLiteral("/s/index.m3u8"),
-                           readFile(m_stream + QStringLiteral("/index.m3u8")));
-        for (const auto& segment : segments)
-            server.setResource(QStringLiteral("/s/") + QFileInfo(segment).fileName(),
-                               readFile(segment));
+        const QStringList segments = serveStream(server);
         const QString second = QStringLiteral("/s/") + QFileInfo(segments.at(1)).fileName();
         server.setFault(second, {FaultyHttpServer::FaultKind::HtmlPage, 0, -1});
         const QStringList quick{QStringLiteral("--retries"), QStringLiteral("1"),
