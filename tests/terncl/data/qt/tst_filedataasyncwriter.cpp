@@ -274,49 +274,35 @@ private Q_SLOTS:
         QVERIFY2(qint64(info.st_blocks) * 512 >= target, "the preallocated file is sparse");
     }
 
+    // Pending data goes in at the open offset (a gap before it filled with zeros); later data
+    // overwrites in place after a seek, and the target never shrinks. A seek or a wipe drops
+    // pending data.
     void memoryWritesAtOffsetsAndFillsGaps() {
+        m_processor->processData(QByteArrayLiteral("one"));
+        m_processor->seek(4);
+        expectEvents("");
         m_processor->processData(QByteArrayLiteral("early"));
-        QCOMPARE(m_processor->processedData(), QByteArrayLiteral("early"));
         m_processor->open(QStringLiteral("ignored"), 10, true);
         expectEvents("opened() data(5)");
-        QVERIFY(m_processor->isOpen());
         QCOMPARE(m_target, QByteArray(10, '\0') + QByteArrayLiteral("early"));
 
         // processData runs on the calling thread: the target has changed on return.
         m_processor->processData(QByteArrayLiteral("12"));
         QCOMPARE(m_target.mid(10), QByteArrayLiteral("early12"));
-        m_processor->processData(QByteArray());
-        expectEvents("data(2) data(0)");
-
-        // Inside the existing length, bytes are overwritten and the target never shrinks.
         m_processor->seek(11);
-        expectEvents("");
+        expectEvents("data(2)");
         m_processor->processData(QByteArrayLiteral("AR"));
         m_processor->processData(QByteArrayLiteral("LY"));
-        QCOMPARE(m_target.size(), 17);
+        expectEvents("data(2) data(2)");
         QCOMPARE(m_target.mid(10), QByteArrayLiteral("eARLY12"));
-    }
 
-    void memorySeekAndCloseDropPendingData() {
-        m_processor->processData(QByteArrayLiteral("one"));
-        m_processor->seek(4);
-        expectEvents("");
-        QVERIFY(m_processor->processedData().isEmpty());
-
-        m_processor->processData(QByteArrayLiteral("two"));
-        m_processor->open(QString(), 0);
-        m_processor->open(QString(), 8); // already open: nothing
         m_processor->close();
-        m_processor->close();
-        expectEvents("opened() data(3) closed()");
-        QCOMPARE(m_target, QByteArrayLiteral("two"));
-        QVERIFY(m_processor->processedData().isEmpty());
-
+        expectEvents("closed()");
         m_processor->processData(QByteArrayLiteral("three"));
         m_processor->wipePendingDataOut();
         m_processor->open(QString(), 1);
         expectEvents("opened()");
-        QCOMPARE(m_target, QByteArrayLiteral("two"));
+        QCOMPARE(m_target.size(), 17);
     }
 };
 
