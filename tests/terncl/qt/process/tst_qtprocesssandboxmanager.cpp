@@ -1,9 +1,7 @@
 // Real children confined by the system's sandbox: what a sandboxed Python may read, write and
-// reach, its environment, a sandboxed ffmpeg merge, and a child the sandbox refuses to run.
-#include <terncl/qt/media/ffmpeg/qtffmpegavmerger.h>
+// reach, its environment, and a child the sandbox refuses to run.
 #include <terncl/qt/process/qtprocesslaunchmanager.h>
 
-#include "support/ffmpegtestmedia.h"
 #include "support/recordinglogger.h"
 #include "support/testchild.h"
 #include "support/testfiles.h"
@@ -184,33 +182,6 @@ private Q_SLOTS:
         const Run ran = runSandboxed(manager, program, {s("confined")}, sandbox);
         QVERIFY2(!ran.error.isSet(), ran.error.description.c_str());
         QCOMPARE(ran.output, QByteArray("confined\n"));
-    }
-
-    void ffmpegMergesInsideTheSandbox() {
-        if (FfmpegTestMedia::ffmpeg().isEmpty() || FfmpegTestMedia::ffprobe().isEmpty())
-            QSKIP("ffmpeg and ffprobe are not installed");
-        QTemporaryDir dir;
-        const QString video = dir.filePath(s("in/v.mp4")), audio = dir.filePath(s("in/a.m4a"));
-        const QString result = dir.filePath(s("out/merged.mp4"));
-        QString error;
-        QVERIFY(QDir().mkpath(dir.filePath(s("in"))) && QDir().mkpath(dir.filePath(s("out"))));
-        QVERIFY2(FfmpegTestMedia::makeVideoOnly(video, 2, &error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeAudioOnly(audio, 2, &error), qPrintable(error));
-
-        RecordingLogger log;
-        auto ffmpeg = QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), s("ffmpeg"), m_sandbox);
-        QtFfmpegAvMerger merger(ffmpeg);
-        QSignalSpy finished(&merger, &QtFfmpegAvMerger::finished);
-        merger.merge(1, video, audio, result, QString());
-        QVERIFY(finished.wait(60000));
-        const auto mergeError = finished.at(0).at(1).value<AbstractError>();
-        QVERIFY2(!mergeError.isSet(), mergeError.description.c_str());
-        // What the merge gives is checked in the merger's own test; here it only has to run.
-        QVERIFY(finished.at(0).at(2).toLongLong() > 0);
-        QCOMPARE(finished.at(0).at(2).toLongLong(), QFileInfo(result).size());
-        QVERIFY(
-            !log.lines().filter(s("[QtProcessSandboxManager]: using Landlock sandbox")).isEmpty());
     }
 };
 
