@@ -8,7 +8,6 @@
 
 #include <QSignalSpy>
 #include <QTest>
-#include <QThread>
 
 #include <memory>
 
@@ -91,24 +90,6 @@ private Q_SLOTS:
         QCOMPARE(logger.lines(),
                  QStringList{QStringLiteral(
                      "[QtQObjectsTracker]: WARNING: a monitored object outlived the tracker")});
-    }
-
-    void objectDestroyedOnAnotherThreadLeavesTheMap() {
-        RecordingLogger logger;
-        auto tracker = QSharedPointer<QtQObjectsTracker>::create();
-        QtQObjectsTracker::setInstance(tracker);
-        QThread thread;
-        thread.start();
-        auto* object = new QObject;
-        object->moveToThread(&thread);
-        tracker->registerObject(object, "Worker");
-        QCOMPARE(tracker->monitoredObjectsCount(), 1);
-        QMetaObject::invokeMethod(object, [object] { delete object; });
-        QTRY_COMPARE(tracker->monitoredObjectsCount(), 0);
-        thread.quit();
-        QVERIFY(thread.wait());
-        tracker->verifyNoObjectsLeft();
-        QVERIFY(logger.lines().isEmpty());
     }
 
     void setRunningEmitsOnlyOnChange() {
