@@ -107,12 +107,9 @@ private Q_SLOTS:
         QVERIFY(python.isPythonInstalled(false));
         QCOMPARE(python.pythonPath(), m_dir.filePath(s("major")));
         QCOMPARE(python.pythonVersion(), s("3"));
-        QVERIFY(log.contains(s("[QtPythonManager]: Checking Python version (%1)")
-                                 .arg(m_dir.filePath(s("foreign")))));
-        QVERIFY(log.contains(s("[QtPythonManager]: Got response from Python: xPython 3")));
         log.clear();
         QVERIFY(python.isPythonInstalled(false));
-        QVERIFY(log.lines().isEmpty());
+        QVERIFY(log.lines().isEmpty()); // the answer is cached
         // Older than 3.12.3: low integrity only; a disabled request keeps the default kind.
         QCOMPARE(python.buildSandboxSettings(true).settings.kind, 1);
         QCOMPARE(python.buildSandboxSettings(false).settings.kind, 2);
@@ -228,9 +225,6 @@ private Q_SLOTS:
 
         const DependencyInfo unknown{QStringLiteral("x"), QString(), {}};
         QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
-        QVERIFY(complex.installer(unknown).isNull());
-        QVERIFY(complex.dependencyIconUrl(unknown).isEmpty() &&
-                complex.dependencyWebPageUrl(unknown).isEmpty());
         QVERIFY(complex.dependencyDescription(unknown).isEmpty());
 
         second->announceInstall();
