@@ -93,6 +93,13 @@ private Q_SLOTS:
             QTRY_COMPARE(TestChild::runningChildCount(), 0);
     }
 
+    void pathsAndTimeStrings() {
+        QCOMPARE(QtFfmpegManager(s("/usr/bin/"), s("ffmpeg"), nullptr).ffmpegPath(),
+                 s("/usr/bin/ffmpeg"));
+        QCOMPARE(QtFfmpegManager(QString(), s("ffmpeg"), nullptr).ffmpegPath(), s("ffmpeg"));
+        QCOMPARE(QtFfmpegManager::secondsToFfmpegString(3725), s("01:02:05.00"));
+    }
+
     void versionCheck() {
         QtFfmpegManager real(ffmpegFolder(), s("ffmpeg"), nullptr);
         QVERIFY(real.isFfmpegInstalled(false));
