@@ -380,7 +380,6 @@ private Q_SLOTS:
         const char* generic = AbstractError::GenericError;
         QTest::newRow("stored source differs") << "stored" << errorOf(2, generic) << 0;
         QTest::newRow("zero-byte segment") << "zero" << errorOf(2, generic) << 2;
-        QTest::newRow("child fails") << "fail" << httpError << 2;
         QTest::newRow("child stops unfinished") << "unfinished" << errorOf(1, generic) << 2;
         QTest::newRow("factory fails") << "factory" << errorOf(7, generic) << 1;
         QTest::newRow("factory gone") << "gone" << errorOf(1, generic) << 0;
@@ -395,10 +394,8 @@ private Q_SLOTS:
         };
         auto sources = addSegments({100, is("zero") ? 0 : 100, 100});
         auto info = record();
-        if (is("fail") || is("unfinished"))
-            planNextChild(sources[1], 50,
-                          is("fail") ? FakeDownload::Outcome::Fail
-                                     : FakeDownload::Outcome::StopUnfinished);
+        if (is("unfinished"))
+            planNextChild(sources[1], 50, FakeDownload::Outcome::StopUnfinished);
         if (is("stored")) {
             info.customData.insert(Downloader::CurrentSegmentSourceKey, sources[1].toVariantHash());
             info.customData.insert(Downloader::CurrentSegmentFileKey,
@@ -422,8 +419,8 @@ private Q_SLOTS:
             QCOMPARE(m_factory->requests().size(), requests);
         if (is("zero"))
             QCOMPARE(downloader->currentSegmentIndex(), 2);
-        // A failed segment is kept for the next start.
-        if (is("fail") || is("stored"))
+        // The stored segment is kept for a start with the right sources.
+        if (is("stored"))
             QCOMPARE(
                 downloader->info().customData.value(Downloader::CurrentSegmentSourceKey).toHash(),
                 sources[1].toVariantHash());
