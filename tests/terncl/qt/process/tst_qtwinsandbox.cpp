@@ -25,12 +25,7 @@ QString logLine(const char* text) {
 
 QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
                                              bool write) {
-    QtProcessSandboxManager::AllowedPath entry;
-    entry.path = path;
-    entry.execute = execute;
-    entry.read = read;
-    entry.write = write;
-    return entry;
+    return {path, execute, read, false, write};
 }
 
 struct Rig {
