@@ -22,12 +22,7 @@ QString s(const char* text) {
 
 QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
                                              bool write) {
-    QtProcessSandboxManager::AllowedPath entry;
-    entry.path = path;
-    entry.execute = execute;
-    entry.read = read;
-    entry.write = write;
-    return entry;
+    return {path, execute, read, false, write};
 }
 
 // Tries each access and prints "name:ok" or "name:denied", then its no-new-privileges flag and
