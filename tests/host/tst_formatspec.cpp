@@ -35,36 +35,25 @@ private Q_SLOTS:
     void choosesByTheGrammar_data() {
         QTest::addColumn<QString>("wanted");
         QTest::addColumn<QString>("chosen"); // empty: nothing matches
-        QTest::newRow("best") << "best"
-                              << "hls-1080p-2800k+audio-en";
-        QTest::newRow("worst") << "worst"
-                               << "hls-180p-300k";
-        QTest::newRow("apart") << "bestvideo+bestaudio"
-                               << "hls-1080p-2800k+audio-en";
-        QTest::newRow("worst apart") << "worstvideo+bestaudio"
-                                     << "hls-360p-800k+audio-en";
-        QTest::newRow("height") << "height<=720"
-                                << "hls-720p-1400k+audio-en";
-        QTest::newRow("height strict") << "height<720"
-                                       << "hls-360p-800k+audio-en";
-        QTest::newRow("height and language") << "bestvideo+bestaudio+height<=720+lang=de"
-                                             << "hls-720p-1400k+audio-de-at";
-        QTest::newRow("language with region") << "lang=de-at"
-                                              << "hls-1080p-2800k+audio-de-at";
-        QTest::newRow("audio only") << "bestaudio+lang=de"
-                                    << "hls-audio-de-at";
-        QTest::newRow("id") << "HLS-360P-800K+AUDIO-DE-AT"
-                            << "hls-360p-800k+audio-de-at";
-        QTest::newRow("fallback") << "bestvideo,height>=700+worst"
-                                  << "hls-720p-1400k+audio-en";
-        QTest::newRow("first fallback wins") << "lang=fr, lang=de ,best"
-                                             << "hls-1080p-2800k+audio-de-at";
-        QTest::newRow("unknown language") << "lang=fr"
-                                          << "";
-        QTest::newRow("too low") << "height<100"
-                                 << "";
-        QTest::newRow("unknown id") << "hls-999p"
-                                    << "";
+        const char* const rows[][3] = {
+            {"best", "best", "hls-1080p-2800k+audio-en"},
+            {"worst", "worst", "hls-180p-300k"},
+            {"apart", "bestvideo+bestaudio", "hls-1080p-2800k+audio-en"},
+            {"worst apart", "worstvideo+bestaudio", "hls-360p-800k+audio-en"},
+            {"height", "height<=720", "hls-720p-1400k+audio-en"},
+            {"height strict", "height<720", "hls-360p-800k+audio-en"},
+            {"height and language", "bestvideo+bestaudio+height<=720+lang=de",
+             "hls-720p-1400k+audio-de-at"},
+            {"language with region", "lang=de-at", "hls-1080p-2800k+audio-de-at"},
+            {"audio only", "bestaudio+lang=de", "hls-audio-de-at"},
+            {"id", "HLS-360P-800K+AUDIO-DE-AT", "hls-360p-800k+audio-de-at"},
+            {"fallback", "bestvideo,height>=700+worst", "hls-720p-1400k+audio-en"},
+            {"first fallback wins", "lang=fr, lang=de ,best", "hls-1080p-2800k+audio-de-at"},
+            {"unknown language", "lang=fr", ""},
+            {"too low", "height<100", ""},
+            {"unknown id", "hls-999p", ""}};
+        for (const auto& row : rows)
+            QTest::newRow(row[0]) << QString::fromLatin1(row[1]) << QString::fromLatin1(row[2]);
     }
     void choosesByTheGrammar() {
         QFETCH(QString, wanted);

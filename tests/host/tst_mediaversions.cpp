@@ -149,19 +149,10 @@ private Q_SLOTS:
         QCOMPARE(listing.subtitles.size(), 2);
         QCOMPARE(MediaVersions::id(listing.subtitles.at(1)), QStringLiteral("dash-subs-en-2"));
 
-        HtmlMediaPageReader::Page page;
-        page.links = {{QUrl(QStringLiteral("https://site/x.mp4")),
-                       HtmlMediaPageReader::LinkKind::MediaFile,
-                       {},
-                       QStringLiteral("mp4")},
-                      {QUrl(QStringLiteral("https://site/x.m3u8")),
-                       HtmlMediaPageReader::LinkKind::HlsPlaylist,
-                       {},
-                       {}},
-                      {QUrl(QStringLiteral("https://site/a.m4a")),
-                       HtmlMediaPageReader::LinkKind::MediaFile,
-                       {},
-                       QStringLiteral("m4a")}};
+        AbstractError error;
+        const auto page =
+            HtmlMediaPageReader::parse("<a href=x.mp4>v</a><a href=x.m3u8>s</a><a href=a.m4a>a</a>",
+                                       QUrl(QStringLiteral("https://site/p")), &error);
         const auto files = MediaVersions::fromPage(page, QUrl(QStringLiteral("https://site/p")));
         QCOMPARE(ids(files), QStringLiteral("file-1 file-2"));
         QCOMPARE(files.versions.at(1).media.type, int(Selector::AudioOnly));

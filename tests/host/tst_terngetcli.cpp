@@ -54,6 +54,20 @@ QByteArray randomBytes(int size) {
         byte = char(QRandomGenerator::global()->bounded(256));
     return data;
 }
+// The sections of the one request log in folder, as "TITLE: its first line" in file order.
+QStringList onlyLog(const QString& folder) {
+    const QStringList names = QDir(folder).entryList({QStringLiteral("R_*.log")}, QDir::Files);
+    if (names.size() != 1)
+        return {QStringLiteral("logs: ") + names.join(u' ')};
+    QStringList result;
+    const QStringList lines =
+        QString::fromUtf8(readFile(QDir(folder).filePath(names[0]))).split(QStringLiteral("\r\n"));
+    for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
+        if (lines.at(i).startsWith(QStringLiteral("======= ")))
+            result << lines.at(i).mid(8).chopped(8) + QStringLiteral(": ") + lines.at(i + 1);
+    }
+    return result;
+}
 } // namespace
 
 class TestTernGetCli : public QObject {
@@ -123,51 +137,6 @@ private Q_SLOTS:
 
     void cleanup() { QDir(state()).removeRecursively(); }
 
-    void downloadsAStreamByteForByte() {
-        NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
-        QString error;
-        QVERIFY2(nginx.start(&error), qPrintable(error));
-        const QString output = m_dir.filePath(QStringLiteral("out/stream.ts"));
-        const Run result = run(args(nginx.url(QStringLiteral("/ts/index.m3u8")), output));
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        QVERIFY(result.out.contains("Saved to"));
-        const QStringList segments =
-            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
-        QVERIFY(segments.size() >= 20);
-        QCOMPARE(readFile(output), concatenation(segments));
-        QVERIFY(!QFile::exists(output + QStringLiteral(".part")));
-        QCOMPARE(savedSegmentsDone(), -1); // a finished download leaves no state behind
-    }
-
-    void killedRunResumesWithoutRefetching() {
-        NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
-        QString error;
-        QVERIFY2(nginx.start(&error), qPrintable(error));
-        const QString output = m_dir.filePath(QStringLiteral("out/killed.ts"));
-        QProcess first;
-        first.start(QStringLiteral(TERN_GET_PATH),
-                    args(nginx.url(QStringLiteral("/ts/index.m3u8")), output) +
-                        QStringList{QStringLiteral("--limit-rate"), QStringLiteral("150k")});
-        QTRY_VERIFY_WITH_TIMEOUT(savedSegmentsDone() >= 4, 60000);
-        ::kill(pid_t(first.processId()), SIGKILL);
-        QVERIFY(first.waitForFinished());
-        const int doneAtKill = savedSegmentsDone();
-        QVERIFY(doneAtKill >= 4);
-
-        const Run second = run(args(nginx.url(QStringLiteral("/ts/index.m3u8")), output));
-        QVERIFY2(second.exitCode == 0, second.err.constData());
-        const QStringList segments =
-            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
-        QCOMPARE(readFile(output), concatenation(segments));
-        for (int i = 0; i < doneAtKill; ++i) {
-            const QString path = QStringLiteral("/ts/") + QFileInfo(segments.at(i)).fileName();
-            int fetched = 0;
-            for (const auto& access : nginx.accessLog())
-                fetched += access.path == path ? 1 : 0;
-            QVERIFY2(fetched == 1, qPrintable(path));
-        }
-    }
-
     // The .part of an interrupted stream is cut short before the rerun: the record then claims
     // more than the file holds, and the rerun must go back to a whole segment.
     void interruptedRunSavesAndResumes() {
@@ -189,38 +158,13 @@ private Q_SLOTS:
         const Run second = run(args(nginx.url(QStringLiteral("/ts/index.m3u8")), output));
         QVERIFY2(second.exitCode == 0, second.err.constData());
         QVERIFY2(second.err.contains("fewer than"), second.err.constData());
-        QCOMPARE(readFile(output), concatenation(FfmpegTestMedia::segmentFiles(
-                                       m_stream + QStringLiteral("/index.m3u8"))));
-    }
-
-    void failuresOfTheServer() {
-        FaultyHttpServer server;
-        QVERIFY(server.listen());
-        const QStringList segments = serveStream(server);
-        const QString third = QStringLiteral("/s/") + QFileInfo(segments.at(2)).fileName();
-
-        // A dropped connection is retried and the result is still exact.
-        server.setFault(third, {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, 1});
-        const QString output = m_dir.filePath(QStringLiteral("out/faulty.ts"));
-        Run result = run(args(server.url(QStringLiteral("/s/index.m3u8")), output));
-        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QVERIFY(second.out.contains("Saved to"));
+        const QStringList segments =
+            FfmpegTestMedia::segmentFiles(m_stream + QStringLiteral("/index.m3u8"));
+        QVERIFY(segments.size() >= 20);
         QCOMPARE(readFile(output), concatenation(segments));
-        QCOMPARE(server.requestCount(third), 2);
-
-        // A forbidden segment stops the download with the server's status.
-        server.setFault(third, {FaultyHttpServer::FaultKind::Status, 403, -1});
-        result = run(args(server.url(QStringLiteral("/s/index.m3u8")),
-                          m_dir.filePath(QStringLiteral("out/forbidden.ts"))));
-        QCOMPARE(result.exitCode, 1);
-        QVERIFY2(result.err.contains("HttpError") && result.err.contains("403"),
-                 result.err.constData());
-
-        server.setFault(QStringLiteral("/s/index.m3u8"),
-                        {FaultyHttpServer::FaultKind::Status, 404, -1});
-        result = run(args(server.url(QStringLiteral("/s/index.m3u8")),
-                          m_dir.filePath(QStringLiteral("out/missing.ts"))));
-        QCOMPARE(result.exitCode, 1);
-        QVERIFY(result.err.contains("404"));
+        QVERIFY(!QFile::exists(part));
+        QCOMPARE(savedSegmentsDone(), -1); // a finished download leaves no state behind
     }
 
     void refusedBeforeFetching_data() {
@@ -496,13 +440,94 @@ private Q_SLOTS:
         QVERIFY2(result.err.contains("no answer within 0.5 s") && !result.err.contains("canceled"),
                  result.err.constData());
         QCOMPARE(server.requestCount(QStringLiteral("/quiet")), 2);
+    }
 
-        server.setFault(QStringLiteral("/quiet"),
-                        {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
-        result = run(args(server.url(QStringLiteral("/quiet")),
-                          m_dir.filePath(QStringLiteral("out/heads.bin"))));
+    // The request logs of a run that succeeds and of one that fails; a log folder that cannot
+    // be made costs one warning, not the download.
+    void requestLogs() {
+        const QByteArray body = randomBytes(300000);
+        QVERIFY(writeFile(m_dir.filePath(QStringLiteral("www/file.bin")), body));
+        NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
+        QString error;
+        QVERIFY2(nginx.start(&error), qPrintable(error));
+        const QString logs = m_dir.filePath(QStringLiteral("logs"));
+        const QString output = m_dir.filePath(QStringLiteral("out/logged.bin"));
+        const QUrl url = nginx.url(QStringLiteral("/file.bin"));
+        Run result = run(args(url, output) + QStringList{QStringLiteral("--log-requests"), logs});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        const auto head = [](const QUrl& url) {
+            return QStringList{QStringLiteral("RESOURCE URL: ") + url.toString(),
+                               QStringLiteral("REQUEST HEADERS: GET ") + url.toString(),
+                               QStringLiteral("RESPONSE HEADERS: HTTP/1.1 200 OK")};
+        };
+        QCOMPARE(onlyLog(logs), head(url) << QStringLiteral("BODY: Saved in the file: ") + output);
+
+        // The probe reads no body, so only the download itself loses its connection.
+        FaultyHttpServer faulty;
+        QVERIFY(faulty.listen());
+        faulty.setResource(QStringLiteral("/file.bin"), body);
+        faulty.setFault(QStringLiteral("/file.bin"),
+                        {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, -1});
+        const QUrl failing = faulty.url(QStringLiteral("/file.bin"));
+        result = run(args(failing, m_dir.filePath(QStringLiteral("out/dropped.bin"))) +
+                     QStringList{QStringLiteral("--log-requests"), logs + QStringLiteral("2"),
+                                 QStringLiteral("--retries"), QStringLiteral("0")});
         QCOMPARE(result.exitCode, 1);
-        QVERIFY2(result.err.contains("larger than 64 KiB"), result.err.constData());
+        QStringList failed = onlyLog(logs + QStringLiteral("2"));
+        QVERIFY2(failed.size() == 4 &&
+                     failed.takeLast().startsWith(QLatin1String("ERROR: {ERROR: |CODE|: ")),
+                 qPrintable(failed.join(u'|')));
+        QCOMPARE(failed, head(failing));
+
+        const QString unlogged = m_dir.filePath(QStringLiteral("out/unlogged.bin"));
+        result = run(args(url, unlogged) + QStringList{QStringLiteral("--log-requests"),
+                                                       output + QStringLiteral("/logs"),
+                                                       QStringLiteral("--quiet")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QCOMPARE(readFile(unlogged), body);
+        QCOMPARE(result.err.count("no request log is written"), 1);
+        QVERIFY2(result.err.count('\n') == 1, result.err.constData()); // --quiet: nothing else
+        QVERIFY(result.out.isEmpty());
+    }
+
+    void jsonProgressOnStdout() {
+        FaultyHttpServer server;
+        QVERIFY(server.listen());
+        const QByteArray body = randomBytes(300000);
+        server.setResource(QStringLiteral("/file.bin"), body);
+        const QString output = m_dir.filePath(QStringLiteral("out/json.bin"));
+        const QStringList json{QStringLiteral("--progress=json")};
+        Run result = run(args(server.url(QStringLiteral("/file.bin")), output) + json +
+                         QStringList{QStringLiteral("--limit-rate"), QStringLiteral("100k")});
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QCOMPARE(readFile(output), body); // the limit holds bytes back, never drops them
+        const QList<QByteArray> lines = result.out.trimmed().split('\n');
+        QVERIFY2(lines.size() >= 3, result.out.constData()); // at least 2 s at 100 KiB/s
+        qint64 done = 0;
+        for (qsizetype i = 0; i < lines.size() - 1; ++i) {
+            const QJsonObject progress = QJsonDocument::fromJson(lines[i]).object();
+            QCOMPARE(progress.value(QLatin1String("type")).toString(), QStringLiteral("progress"));
+            const bool last = i == lines.size() - 2;
+            QCOMPARE(progress.value(QLatin1String("state")).toString(),
+                     last ? QStringLiteral("finished") : QStringLiteral("downloading"));
+            QVERIFY(progress.value(QLatin1String("bytesDone")).toInteger() >= done);
+            done = progress.value(QLatin1String("bytesDone")).toInteger();
+            QCOMPARE(progress.value(QLatin1String("bytesTotal")).toInteger(), body.size());
+        }
+        QCOMPARE(done, body.size());
+        const QJsonObject end = QJsonDocument::fromJson(lines.constLast()).object();
+        QCOMPARE(end.value(QLatin1String("outcome")).toString(), QStringLiteral("done"));
+        QCOMPARE(end.value(QLatin1String("output")).toString(), output);
+
+        server.setFault(QStringLiteral("/file.bin"), {FaultyHttpServer::FaultKind::Status, 404});
+        result = run(args(server.url(QStringLiteral("/file.bin")),
+                          m_dir.filePath(QStringLiteral("out/json404.bin"))) +
+                     json + QStringList{QStringLiteral("--quiet")});
+        QCOMPARE(result.exitCode, 1);
+        const QJsonObject failed = QJsonDocument::fromJson(result.out).object();
+        QCOMPARE(failed.value(QLatin1String("outcome")).toString(), QStringLiteral("failed"));
+        QVERIFY(failed.value(QLatin1String("error")).toString().contains(QStringLiteral("404")));
+        QVERIFY(result.err.startsWith("tern-get: HTTP error 404"));
     }
 };
 

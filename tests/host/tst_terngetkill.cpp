@@ -6,6 +6,7 @@
 #include <terncl/inet/qt/download/independentsegmentsdownloader.h>
 
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -16,8 +17,8 @@
 #include <csignal>
 
 // tern-get fetching four segments at once, killed outright at random moments and run again each
-// time, must end with the stream byte for byte, and every record it saved on the way must claim
-// only bytes that are in the file.
+// time, must end with the stream byte for byte, every record it saved on the way must claim
+// only bytes that are in the file, and no segment such a record counts as done is fetched again.
 class TestTernGetKill : public QObject {
     Q_OBJECT
 
@@ -25,11 +26,13 @@ private:
     QTemporaryDir m_dir;
     QByteArray m_all;           // the segments back to back
     QList<qint64> m_prefixSize; // [i]: bytes of the first i segments
+    QStringList m_names;        // the segments' file names in order
 
     QString state() const { return m_dir.filePath(QStringLiteral("state")); }
 
-    // The saved record agrees with the host's count of finished segments and with the file.
-    void checkSavedState() {
+    // The saved record agrees with the host's count of finished segments, put in done, and
+    // with the file.
+    void checkSavedState(int* done) {
         const QStringList saved = QDir(state()).entryList({QStringLiteral("*.json")}, QDir::Files);
         if (saved.isEmpty())
             return; // killed before the first save
@@ -37,14 +40,14 @@ private:
             QJsonDocument::fromJson(readFile(QDir(state()).filePath(saved.constFirst()))).object();
         const auto record = AbstractDownloadPersistentInfo::fromJson(
             QJsonDocument(root.value(QStringLiteral("record")).toObject()).toJson());
-        const int done = root.value(QStringLiteral("host"))
-                             .toObject()
-                             .value(QStringLiteral("segmentsDone"))
-                             .toInt();
+        *done = root.value(QStringLiteral("host"))
+                    .toObject()
+                    .value(QStringLiteral("segmentsDone"))
+                    .toInt();
         const qint64 total =
             record.customData.value(IndependentSegmentsDownloader::DownloadedSegmentsTotalKey)
                 .toLongLong();
-        QCOMPARE(total, m_prefixSize.value(done, -1));
+        QCOMPARE(total, m_prefixSize.value(*done, -1));
         QVERIFY(record.hasFiles());
         const qint64 claimed = record.files[0].downloadedBytes();
         QCOMPARE(readFile(record.files[0].tmpPath).left(claimed), m_all.left(claimed));
@@ -62,6 +65,7 @@ private Q_SLOTS:
         m_prefixSize = {0};
         for (const auto& segment : segments) {
             m_all += readFile(segment);
+            m_names.append(QFileInfo(segment).fileName());
             m_prefixSize.append(m_all.size());
         }
         NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
@@ -78,6 +82,8 @@ private Q_SLOTS:
         QRandomGenerator random(seed);
         constexpr int kills = 20;
         int resumed = 0; // kills after which the saved state held only bytes that are in the file
+        int done = 0;
+        QList<std::pair<qsizetype, int>> doneAt; // the access log's length at a kill, and done
         for (int i = 0; i < kills; ++i) {
             QProcess run;
             // Slow enough for every run to end with segments in flight.
@@ -88,7 +94,8 @@ private Q_SLOTS:
             QVERIFY2(run.state() == QProcess::Running, qPrintable(QString::number(seed)));
             ::kill(pid_t(run.processId()), SIGKILL);
             QVERIFY(run.waitForFinished());
-            checkSavedState();
+            checkSavedState(&done);
+            doneAt.append({nginx.accessLog().size(), done});
             if (QTest::currentTestFailed())
                 QFAIL(qPrintable(QStringLiteral("seed %1, kill %2").arg(seed).arg(i)));
             ++resumed;
@@ -104,10 +111,17 @@ private Q_SLOTS:
         QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out"))).entryList(QDir::Files),
                  QStringList{QStringLiteral("s.ts")}); // no spill file left behind
         // A kill costs the segments in flight, and at most one finished in the moment before
-        // its record was saved.
+        // its record was saved; a segment saved as done is never fetched again.
         int fetches = 0;
-        for (const auto& access : nginx.accessLog())
-            fetches += access.path.endsWith(QStringLiteral(".ts")) ? 1 : 0;
+        const auto log = nginx.accessLog();
+        done = 0;
+        for (qsizetype i = 0, kill = 0; i < log.size(); ++i) {
+            while (kill < doneAt.size() && doneAt.at(kill).first <= i)
+                done = doneAt.at(kill++).second;
+            const QString name = log.at(i).path.section(u'/', -1);
+            fetches += name.endsWith(QStringLiteral(".ts")) ? 1 : 0;
+            QVERIFY2(m_names.indexOf(name) < 0 || m_names.indexOf(name) >= done, qPrintable(name));
+        }
         QVERIFY2(fetches <= segments.size() + kills * (4 + 1),
                  qPrintable(QString::number(fetches)));
     }

@@ -54,7 +54,6 @@ public:
     void setFault(const QString& path, const Fault& fault);
     // Answers 401 (Basic, realm "tern") unless the request carries these "user:password".
     void setCredentials(const QString& path, const QByteArray& userAndPassword);
-    void clearFaults();
 
     QList<LogEntry> accessLog() const { return m_log; }
     int requestCount(const QString& path) const;

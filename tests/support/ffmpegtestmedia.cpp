@@ -24,13 +24,16 @@ bool run(const QString& program, const QStringList& args, QByteArray* output, QS
     return ok;
 }
 
-QStringList lavfiInput(const QString& source, int seconds) {
-    return {QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"),
-            QStringLiteral("error"),        QStringLiteral("-y"),
-            QStringLiteral("-f"),           QStringLiteral("lavfi"),
-            QStringLiteral("-i"),           source,
-            QStringLiteral("-t"),           QString::number(seconds)};
+// ffmpeg's arguments from one line, its parts separated by single blanks.
+QStringList words(const QString& line) {
+    return line.split(u' ');
 }
+
+const QString quiet = QStringLiteral("-hide_banner -loglevel error -y ");
+const QString videoAndAudio =
+    QStringLiteral("-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
+                   "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
+                   "expr:gte(t,n_forced*%2) -c:a aac ");
 } // namespace
 
 QString FfmpegTestMedia::ffmpeg() {
@@ -42,74 +45,39 @@ QString FfmpegTestMedia::ffprobe() {
 }
 
 bool FfmpegTestMedia::makeVideoOnly(const QString& path, int seconds, QString* error) {
-    const QStringList args = lavfiInput(QStringLiteral("testsrc2=size=160x120:rate=25"), seconds)
-                             << QStringLiteral("-c:v") << QStringLiteral("mpeg4") << path;
-    return run(ffmpeg(), args, nullptr, error);
+    const QString line = quiet + QStringLiteral("-f lavfi -i testsrc2=size=160x120:rate=25 -t %1 "
+                                                "-c:v mpeg4");
+    return run(ffmpeg(), words(line.arg(seconds)) << path, nullptr, error);
 }
 
 bool FfmpegTestMedia::makeAudioOnly(const QString& path, int seconds, QString* error) {
-    const QStringList args = lavfiInput(QStringLiteral("sine=frequency=1000"), seconds)
-                             << QStringLiteral("-c:a") << QStringLiteral("aac") << path;
-    return run(ffmpeg(), args, nullptr, error);
+    const QString line = quiet + QStringLiteral("-f lavfi -i sine=frequency=1000 -t %1 -c:a aac");
+    return run(ffmpeg(), words(line.arg(seconds)) << path, nullptr, error);
 }
 
 bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segmentSeconds, bool fmp4,
                               QString* error) {
     QDir().mkpath(dir);
-    const QString keyframes = QStringLiteral("expr:gte(t,n_forced*%1)").arg(segmentSeconds);
-    QStringList args{QStringLiteral("-hide_banner"),
-                     QStringLiteral("-loglevel"),
-                     QStringLiteral("error"),
-                     QStringLiteral("-y"),
-                     QStringLiteral("-f"),
-                     QStringLiteral("lavfi"),
-                     QStringLiteral("-i"),
-                     QStringLiteral("testsrc2=size=160x120:rate=25"),
-                     QStringLiteral("-f"),
-                     QStringLiteral("lavfi"),
-                     QStringLiteral("-i"),
-                     QStringLiteral("sine=frequency=1000"),
-                     QStringLiteral("-t"),
-                     QString::number(seconds),
-                     QStringLiteral("-c:v"),
-                     QStringLiteral("libx264"),
-                     QStringLiteral("-preset"),
-                     QStringLiteral("ultrafast"),
-                     QStringLiteral("-force_key_frames"),
-                     keyframes,
-                     QStringLiteral("-c:a"),
-                     QStringLiteral("aac"),
-                     QStringLiteral("-f"),
-                     QStringLiteral("hls"),
-                     QStringLiteral("-hls_time"),
-                     QString::number(segmentSeconds),
-                     QStringLiteral("-hls_playlist_type"),
-                     QStringLiteral("vod"),
-                     QStringLiteral("-hls_list_size"),
-                     QStringLiteral("0")};
+    QStringList args = words(quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
+                             QStringLiteral("-f hls -hls_time %1 -hls_playlist_type vod "
+                                            "-hls_list_size 0 -hls_segment_filename")
+                                 .arg(segmentSeconds));
+    args << QDir(dir).filePath(fmp4 ? QStringLiteral("seg_%04d.m4s")
+                                    : QStringLiteral("seg_%04d.ts"));
     if (fmp4)
-        args << QStringLiteral("-hls_segment_type") << QStringLiteral("fmp4")
-             << QStringLiteral("-hls_fmp4_init_filename") << QStringLiteral("init.mp4");
-    args << QStringLiteral("-hls_segment_filename")
-         << QDir(dir).filePath(fmp4 ? QStringLiteral("seg_%04d.m4s")
-                                    : QStringLiteral("seg_%04d.ts"))
-         << QDir(dir).filePath(QStringLiteral("index.m3u8"));
-    return run(ffmpeg(), args, nullptr, error);
+        args << words(QStringLiteral("-hls_segment_type fmp4 -hls_fmp4_init_filename init.mp4"));
+    return run(ffmpeg(), args << QDir(dir).filePath(QStringLiteral("index.m3u8")), nullptr, error);
 }
 
 bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
                                bool timeline, QString* error) {
     QDir().mkpath(dir);
-    const QString command =
-        QStringLiteral("-hide_banner -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=25 "
-                       "-f lavfi -i sine=frequency=1000 -t %1 -c:v libx264 -preset ultrafast "
-                       "-force_key_frames expr:gte(t,n_forced*%2) -c:a aac -f dash "
-                       "-seg_duration %2 -use_template 1 -use_timeline %3")
-            .arg(seconds)
-            .arg(segmentSeconds)
-            .arg(timeline ? 1 : 0);
-    return run(ffmpeg(), command.split(u' ') << QDir(dir).filePath(QStringLiteral("manifest.mpd")),
-               nullptr, error);
+    const QString line = quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
+                         QStringLiteral("-f dash -seg_duration %1 -use_template 1 -use_timeline %2")
+                             .arg(segmentSeconds)
+                             .arg(timeline ? 1 : 0);
+    return run(ffmpeg(), words(line) << QDir(dir).filePath(QStringLiteral("manifest.mpd")), nullptr,
+               error);
 }
 
 QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
@@ -131,13 +99,8 @@ QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
 
 bool FfmpegTestMedia::probe(const QString& file, QStringList* streams, double* duration) {
     QByteArray output;
-    const QStringList args{QStringLiteral("-v"),
-                           QStringLiteral("error"),
-                           QStringLiteral("-print_format"),
-                           QStringLiteral("json"),
-                           QStringLiteral("-show_format"),
-                           QStringLiteral("-show_streams"),
-                           file};
+    const QStringList args =
+        words(QStringLiteral("-v error -print_format json -show_format -show_streams")) << file;
     if (!run(ffprobe(), args, &output, nullptr))
         return false;
     const QJsonObject root = QJsonDocument::fromJson(output).object();

@@ -125,16 +125,10 @@ QList<NginxServer::Access> NginxServer::accessLog() const {
     if (!file.open(QIODevice::ReadOnly))
         return entries;
     while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
-        const int firstSpace = line.indexOf(u' ');
-        const int secondSpace = line.indexOf(u' ', firstSpace + 1);
-        if (firstSpace < 0 || secondSpace < 0)
-            continue;
-        Access access;
-        access.path = line.left(firstSpace);
-        access.status = line.mid(firstSpace + 1, secondSpace - firstSpace - 1).toInt();
-        access.range = line.mid(secondSpace + 1).remove(u'"');
-        entries.append(access);
+        const QStringList parts =
+            QString::fromUtf8(file.readLine()).trimmed().remove(u'"').split(u' ');
+        if (parts.size() == 3)
+            entries.append({parts.at(0), parts.at(1).toInt(), parts.at(2)});
     }
     return entries;
 }

@@ -26,7 +26,6 @@ public:
     bool start(QString* error, qint64 limitRate = 0);
     void stop();
 
-    int port() const { return m_port; }
     QUrl url(const QString& path) const;
     QList<Access> accessLog() const;
 
