@@ -3,14 +3,17 @@
 #include "support/testfiles.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
+#include <sys/stat.h>
 
 // tern-get's media side against nginx serving streams ffmpeg made: an HLS master of three video
 // variants whose audio comes apart in two languages, a DASH manifest, and a page linking both.
@@ -167,6 +170,18 @@ private:
 
     int requests(const QString& suffix) const { return requests(*m_nginx, suffix); }
 
+    // Whether process has an ffmpeg child writing a merge's result.
+    static bool isMerging(qint64 process) {
+        const QString children = QStringLiteral("/proc/%1/task/%1/children").arg(process);
+        for (const QByteArray& child : readFile(children).split(' ')) {
+            if (!child.trimmed().isEmpty() &&
+                readFile(QStringLiteral("/proc/%1/cmdline").arg(QString::fromLatin1(child)))
+                    .contains(".merging"))
+                return true;
+        }
+        return false;
+    }
+
     static int requests(const NginxServer& server, const QString& suffix) {
         int count = 0;
         for (const auto& access : server.accessLog())
@@ -182,6 +197,9 @@ private Q_SLOTS:
         QVERIFY2(makeHlsMaster(&error), qPrintable(error));
         QVERIFY2(FfmpegTestMedia::makeDash(www(QStringLiteral("dash")), 4, 1, false, &error),
                  qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www(QStringLiteral("dash-time")), 4, 1, true, &error),
+                 qPrintable(error));
+        QVERIFY(readFile(www(QStringLiteral("dash-time/manifest.mpd"))).contains("$Time$"));
         QVERIFY(writeFile(www(QStringLiteral("page.html")),
                           "<html><head><title>Two streams</title></head><body>"
                           "<video src=\"hls/master.m3u8\"></video>"
@@ -189,9 +207,15 @@ private Q_SLOTS:
                           "<video><source src=\"clip.mp4\" type=\"video/mp4\"></video>"
                           "</body></html>"));
         QVERIFY(writeFile(www(QStringLiteral("clip.mp4")), QByteArray(1000, 'x')));
-        QByteArray broken = readFile(www(QStringLiteral("hls/master.m3u8")));
+        const QByteArray master = readFile(www(QStringLiteral("hls/master.m3u8")));
         QVERIFY(writeFile(www(QStringLiteral("hls/broken.m3u8")),
-                          broken.replace("v360.m3u8", "gone.m3u8")));
+                          QByteArray(master).replace("v360.m3u8", "gone.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/encrypted-master.m3u8")),
+                          QByteArray(master).replace("v360.m3u8", "encrypted.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/encrypted.m3u8")),
+                          readFile(www(QStringLiteral("hls/v360.m3u8")))
+                              .replace("#EXT-X-VERSION:3\n",
+                                       "#EXT-X-VERSION:3\n#EXT-X-KEY:METHOD=AES-128,URI=\"k\"\n")));
         QVERIFY(writeFile(www(QStringLiteral("empty.html")), "<html><body>nothing</body></html>"));
         QVERIFY(writeFile(www(QStringLiteral("empty.mpd")),
                           "<?xml version=\"1.0\"?><MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
@@ -246,6 +270,11 @@ private Q_SLOTS:
                            m_dir.filePath(QStringLiteral("out/broken.mp4")),
                            QStringLiteral("/hls/broken.m3u8")}
             << 1 << "gone.m3u8";
+        QTest::newRow("encrypted variant")
+            << QStringList{QStringLiteral("-f"), QStringLiteral("best"), QStringLiteral("-o"),
+                           m_dir.filePath(QStringLiteral("out/encrypted.mp4")),
+                           QStringLiteral("/hls/encrypted-master.m3u8")}
+            << 1 << "Playlist line 3: encrypted stream: AES-128 is not supported";
         QTest::newRow("manifest without versions")
             << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.mpd")} << 1
             << "no resource versions found";
@@ -258,6 +287,8 @@ private Q_SLOTS:
         const Run run = tern(arguments);
         QVERIFY2(run.err.contains(message), qPrintable(run.err));
         QCOMPARE(run.exitCode, exitCode);
+        if (const int output = arguments.indexOf(QStringLiteral("-o")); output >= 0)
+            QVERIFY(!QFileInfo::exists(arguments.at(output + 1)));
     }
 
     // The chosen video and audio end up merged with every frame as the sources have it.
@@ -282,6 +313,13 @@ private Q_SLOTS:
                                                << "160,120"
                                                << "dash/manifest.mpd"
                                                << "dash/manifest.mpd";
+        // ffmpeg's own reader drops the first segment of a $Time$ timeline; the stream is the
+        // same encoding as the one addressed by $Number$.
+        QTest::newRow("timeline manifest") << "/dash-time/manifest.mpd"
+                                           << ""
+                                           << "160,120"
+                                           << "dash/manifest.mpd"
+                                           << "dash/manifest.mpd";
     }
     void downloadsTheChosenVersion() {
         QFETCH(QString, path);
@@ -344,6 +382,74 @@ private Q_SLOTS:
         QCOMPARE(requests(slow, QStringLiteral("a_en_003.ts")), audioRequests);
         QCOMPARE(frames(output, QStringLiteral("v")),
                  frames(www(QStringLiteral("hls/v360.m3u8")), QStringLiteral("v")));
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
+    }
+
+    // An audio child failing half-way leaves nothing at the output; once its segment is back,
+    // the same command fetches only what was missing.
+    void resumesAnAudioChildThatFailed() {
+        NginxServer server(www());
+        QString error;
+        QVERIFY2(server.start(&error), qPrintable(error));
+        const QString segment = www(QStringLiteral("hls/a_de_002.ts"));
+        const QString away = segment + QStringLiteral(".away");
+        QVERIFY(QFile::rename(segment, away));
+        auto restore = qScopeGuard([&] { QFile::rename(away, segment); });
+        const QString output = m_dir.filePath(QStringLiteral("out/audio-failed.mp4"));
+        // One segment at a time: the two before the missing one are surely done when it fails.
+        const QStringList arguments{server.url(QStringLiteral("/hls/master.m3u8")).toString(),
+                                    QStringLiteral("-f"),
+                                    QStringLiteral("bestvideo+bestaudio+height<=90+lang=de"),
+                                    QStringLiteral("-N"),
+                                    QStringLiteral("1"),
+                                    QStringLiteral("--retries"),
+                                    QStringLiteral("0"),
+                                    QStringLiteral("-o"),
+                                    output};
+        const Run first = tern(arguments, QStringLiteral("failed-state"));
+        QCOMPARE(first.exitCode, 1);
+        QVERIFY2(first.err.contains(QStringLiteral("HTTP error 404")), qPrintable(first.err));
+        QVERIFY(!QFileInfo::exists(output));
+        restore.dismiss();
+        QVERIFY(QFile::rename(away, segment));
+        const Run second = tern(arguments, QStringLiteral("failed-state"));
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QCOMPARE(requests(server, QStringLiteral("a_de_000.ts")), 1);
+        QCOMPARE(requests(server, QStringLiteral("a_de_001.ts")), 1);
+        QCOMPARE(frames(output, QStringLiteral("v")),
+                 frames(www(QStringLiteral("hls/v90.m3u8")), QStringLiteral("v")));
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_de.m3u8")), QStringLiteral("a")));
+    }
+
+    // Interrupted while ffmpeg merges (held opening its output, a pipe that nobody reads), the
+    // same command merges the finished children again without fetching them again.
+    void resumesAnInterruptedMerge() {
+        NginxServer server(www());
+        QString error;
+        QVERIFY2(server.start(&error), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/merge.mp4"));
+        // The staged result's name while ffmpeg writes it.
+        const QString merging = m_dir.filePath(QStringLiteral("out/.tern-get-merge.mp4.merging"));
+        QVERIFY(QDir().mkpath(m_dir.filePath(QStringLiteral("out"))));
+        QCOMPARE(::mkfifo(QFile::encodeName(merging).constData(), 0644), 0);
+        const QStringList arguments{
+            server.url(QStringLiteral("/hls/master.m3u8")).toString(), QStringLiteral("-f"),
+            QStringLiteral("bestvideo+bestaudio+height<=90+lang=en"), QStringLiteral("-o"), output};
+        QProcess first;
+        first.start(QStringLiteral(TERN_GET_PATH),
+                    arguments + QStringList{QStringLiteral("--state-dir"),
+                                            m_dir.filePath(QStringLiteral("merge-state"))});
+        QVERIFY(QTest::qWaitFor([&] { return isMerging(first.processId()); }, 30000));
+        ::kill(pid_t(first.processId()), SIGINT);
+        QVERIFY(first.waitForFinished(30000));
+        QCOMPARE(first.exitCode(), 130);
+        const int fetched = requests(server, QStringLiteral(".ts"));
+        QVERIFY(QFile::remove(merging));
+        const Run second = tern(arguments, QStringLiteral("merge-state"));
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QCOMPARE(requests(server, QStringLiteral(".ts")), fetched);
         QCOMPARE(frames(output, QStringLiteral("a")),
                  frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
     }

@@ -108,8 +108,16 @@ bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmen
             .arg(seconds)
             .arg(segmentSeconds)
             .arg(timeline ? 1 : 0);
-    return run(ffmpeg(), command.split(u' ') << QDir(dir).filePath(QStringLiteral("manifest.mpd")),
-               nullptr, error);
+    QStringList arguments = command.split(u' ');
+    // Segments named by $Time$. The first AAC packet starts before zero, and ffmpeg names its
+    // file by that time while the timeline says 0: shifting the timestamps to zero keeps both
+    // the same.
+    if (timeline)
+        arguments << QStringLiteral("-avoid_negative_ts") << QStringLiteral("make_zero")
+                  << QStringLiteral("-media_seg_name")
+                  << QStringLiteral("chunk-$RepresentationID$-$Time$.$ext$");
+    return run(ffmpeg(), arguments << QDir(dir).filePath(QStringLiteral("manifest.mpd")), nullptr,
+               error);
 }
 
 QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
