@@ -15,6 +15,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonDocument>
 
 #include <cstdio>
 
@@ -191,7 +192,14 @@ void TernMediaJob::list() {
         fail(error.isSet() ? errorText(error) : QStringLiteral("no resource versions found"));
         return;
     }
-    m_out << FormatsTable::text(selector->resourceVersions()) << Qt::flush;
+    if (!m_options.jsonProgress) {
+        m_out << FormatsTable::text(selector->resourceVersions()) << Qt::flush;
+    } else {
+        for (const auto& version : selector->resourceVersions())
+            m_out << QJsonDocument(FormatsTable::json(version)).toJson(QJsonDocument::Compact)
+                  << '\n';
+        m_out << Qt::flush;
+    }
     finish(0);
 }
 

@@ -248,6 +248,24 @@ private Q_SLOTS:
         // A plain file's size is measured, not estimated.
         QCOMPARE(line(QStringLiteral("file-1")).section(u' ', -2), QStringLiteral("1000 B"));
         QCOMPARE(lines.size(), 1 + 3 * 2 + 2 + 2 + 1);
+        // For a front end: the same columns as JSON lines, then the result.
+        const Run json = tern({QStringLiteral("-F"), QStringLiteral("--progress=json"),
+                               url(QStringLiteral("/hls/master.m3u8"))});
+        QVERIFY2(json.exitCode == 0, qPrintable(json.err));
+        QJsonObject german;
+        const QStringList objects = json.out.split(u'\n', Qt::SkipEmptyParts);
+        for (const QString& object : objects) {
+            const QJsonObject format = QJsonDocument::fromJson(object.toUtf8()).object();
+            if (format.value(QStringLiteral("id")) == QStringLiteral("hls-360p-1440k+audio-de"))
+                german = format;
+        }
+        QCOMPARE(objects.size(), 3 * 2 + 2 + 1);
+        QVERIFY2(objects.constLast().contains(QStringLiteral("\"type\":\"result\"")),
+                 qPrintable(json.out));
+        QCOMPARE(german.value(QStringLiteral("resolution")), QStringLiteral("640x360"));
+        QCOMPARE(german.value(QStringLiteral("bitrate")), 1440000);
+        QCOMPARE(german.value(QStringLiteral("lang")), QStringLiteral("de"));
+        QCOMPARE(german.value(QStringLiteral("sizeEstimated")), true);
         QCOMPARE(requests(QStringLiteral(".ts")) + requests(QStringLiteral(".m4s")), 0);
     }
 
