@@ -3,6 +3,8 @@
 #include <terncl/core/sourceplace.h>
 #include <terncl/fs/qt/utils/filenamerules.h>
 
+#include <QDir>
+
 const QString HostMediaDownload::ModuleName = QStringLiteral("media");
 
 HostMediaDownload::HostMediaDownload(qint64 id,
@@ -62,6 +64,27 @@ void HostMediaDownload::onProbed(const AbstractError& error) {
     if (info().title.isEmpty())
         rwInfo().title = probe->title();
     onParseFinished(applyChoice(), false);
+}
+
+// The first child made is the whole result or the video to merge into it; either way the result's
+// name is final by then.
+bool HostMediaDownload::makeChildDownloadDescription(const Version& version, ChildKind kind,
+                                                     ChildDownloadDescription& child,
+                                                     AbstractError& error) const {
+    if (!AbstractMediaDownload::makeChildDownloadDescription(version, kind, child, error))
+        return false;
+    if (!m_outputGate || (kind != WholeVersion && kind != VideoPart))
+        return true;
+    const auto& record = kind == WholeVersion ? child.info : info();
+    if (!record.hasFiles())
+        return true;
+    const QString path = QDir(record.destinationPath).filePath(record.files.constFirst().name);
+    QString refusal;
+    if (m_outputGate(path, &refusal))
+        return true;
+    error = AbstractError(OutputRefusedCode, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
+                          refusal.toStdString());
+    return false;
 }
 
 // The chooser's pick, or the default one; then the merge format the pick needs, where none

@@ -22,6 +22,7 @@
 namespace {
 const QString kKind = QStringLiteral("kind");
 const QString kMediaKind = QStringLiteral("media");
+const QString kOutput = QStringLiteral("output"); // the locked result's path, without -o
 // The result is made under a hidden name beside the output and renamed over it once complete.
 const QString kStagedPrefix = QStringLiteral(".tern-get-");
 
@@ -71,6 +72,17 @@ void TernMediaJob::start() {
         if (saved && saved->host.value(kKind).toString() != kMediaKind)
             saved.reset();
     }
+    // With -o the caller holds the output's lock already.
+    m_mayWriteState = !m_options.output.isEmpty() || m_options.listFormats;
+    if (saved && !m_mayWriteState) {
+        const QString output = saved->host.value(kOutput).toString();
+        if (output.isEmpty()) {
+            m_mayWriteState = true; // state of an older run, which kept no output
+        } else if (!takeOutput(output, &error)) {
+            fail(error);
+            return;
+        }
+    }
     setUp(saved);
     if (saved)
         m_services.printer->note(QStringLiteral("resuming from saved state"));
@@ -118,6 +130,10 @@ void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
     NetworkUsageSettings usage;
     usage.downloadSpeedLimit = m_options.limitRate;
     m_download->setNetworkUsageSettings(usage);
+    if (m_options.output.isEmpty() && !m_options.listFormats) {
+        m_download->setOutputGate(
+            [this](const QString& path, QString* error) { return takeOutput(path, error); });
+    }
     if (!m_options.format.isEmpty()) {
         const QString wanted = m_options.format;
         m_download->setVersionChooser([wanted](const FormatSpec::Versions& versions) {
@@ -127,6 +143,17 @@ void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
     connect(m_download.data(), &AbstractNetworkConsumerWithExtraTasks::running, this,
             &TernMediaJob::onRunning);
     connect(m_download.data(), &AbstractDownload::changed, this, &TernMediaJob::onChanged);
+}
+
+bool TernMediaJob::takeOutput(const QString& path, QString* error) {
+    if (m_guard.isLocked() && path == m_lockedOutput)
+        return true;
+    *error = OutputGuard::refusal(path);
+    if (!error->isEmpty() || !m_guard.lock(m_options.stateDir, path, error))
+        return false;
+    m_lockedOutput = path;
+    m_mayWriteState = true;
+    return true;
 }
 
 void TernMediaJob::interrupt() {
@@ -204,12 +231,14 @@ void TernMediaJob::list() {
 }
 
 void TernMediaJob::save() {
-    if (!m_download || m_finished || m_options.listFormats)
+    if (!m_download || m_finished || m_options.listFormats || !m_mayWriteState)
         return;
     m_saveTimer.stop();
     RecordStore::Entry entry;
     entry.record = m_download->info();
     entry.host.insert(kKind, kMediaKind);
+    if (!m_lockedOutput.isEmpty())
+        entry.host.insert(kOutput, m_lockedOutput);
     QString text;
     AbstractError error;
     // Children first: a record that names children whose records are missing cannot resume.
@@ -238,6 +267,8 @@ void TernMediaJob::moveIntoPlace(const QString& path) {
 
 void TernMediaJob::removeState() {
     m_saveTimer.stop();
+    if (!m_mayWriteState)
+        return;
     m_store.remove(m_services.key);
     m_manager->removeRecords();
 }

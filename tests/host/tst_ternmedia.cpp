@@ -98,8 +98,10 @@ private:
         return writeFile(dir + QStringLiteral("/master.m3u8"), master);
     }
 
-    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state")) {
+    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state"),
+             const QString& workingDir = {}) {
         QProcess process;
+        process.setWorkingDirectory(workingDir);
         process.start(QStringLiteral(TERN_GET_PATH),
                       arguments +
                           QStringList{QStringLiteral("--state-dir"), m_dir.filePath(state)});
@@ -473,7 +475,8 @@ private Q_SLOTS:
     }
 
     // While one run downloads to an output, another is refused and what was there stays; with
-    // --progress=json stdout holds JSON lines only, the last one the result.
+    // --progress=json stdout holds JSON lines only, the last one the result. A name that only
+    // the parse gives is checked as -o is.
     void guardsTheOutputAndReportsInJson() {
         NginxServer slow(www());
         QString error;
@@ -504,6 +507,16 @@ private Q_SLOTS:
         QCOMPARE(last.value(QStringLiteral("type")).toString(), QStringLiteral("result"));
         QCOMPARE(last.value(QStringLiteral("output")).toString(), output);
         QCOMPARE(videoSize(output), QStringLiteral("160,90"));
+        // Without -o the name comes from the parse, and is refused before a segment is fetched.
+        const QString folder = m_dir.filePath(QStringLiteral("auto"));
+        QVERIFY(QDir().mkpath(folder + QStringLiteral("/master.mp4")));
+        const int segments = requests(slow, QStringLiteral(".ts"));
+        const Run named =
+            tern({arguments.constFirst(), QStringLiteral("-f"), QStringLiteral("best")},
+                 QStringLiteral("auto-state"), folder);
+        QCOMPARE(named.exitCode, 1);
+        QVERIFY2(named.err.contains(QStringLiteral("is a folder")), qPrintable(named.err));
+        QCOMPARE(requests(slow, QStringLiteral(".ts")), segments);
     }
 };
 
