@@ -89,6 +89,10 @@ void TernMediaJob::start() {
     m_progressTimer.start();
     m_download->doCommand(m_options.listFormats ? AbstractDownloadCommand::QueryInfo
                                                 : AbstractDownloadCommand::Start);
+    // A record finished before it was killed (merged, not yet renamed to the output) does not
+    // start again: it only needs its end.
+    if (!m_download->isRunning() && !m_finished)
+        onEnded();
 }
 
 AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
