@@ -14,6 +14,7 @@
 
 #include <csignal>
 #include <sys/stat.h>
+#include <tuple>
 
 // tern-get's media side against nginx serving streams ffmpeg made: an HLS master of three video
 // variants whose audio comes apart in two languages, a DASH manifest, and a page linking both.
@@ -65,13 +66,16 @@ private:
         const QString dir = www(QStringLiteral("hls"));
         QDir().mkpath(dir);
         QByteArray master = "#EXTM3U\n#EXT-X-VERSION:3\n";
-        for (const auto& [language, frequency] : {std::pair{"en", "440"}, std::pair{"de", "880"}}) {
+        // The segments name their language as streams do, in three letters: neither MPEG-TS
+        // nor MP4 can hold the playlist's two.
+        for (const auto& [language, code, frequency] :
+             {std::tuple{"en", "eng", "440"}, std::tuple{"de", "deu", "880"}}) {
             const QString lang = QString::fromLatin1(language);
             if (!makeRendition(dir, QStringLiteral("a_") + lang,
                                {QStringLiteral("sine=frequency=") + QLatin1String(frequency)},
                                {QStringLiteral("-c:a"), QStringLiteral("aac"),
                                 QStringLiteral("-metadata:s:a:0"),
-                                QStringLiteral("language=") + lang},
+                                QStringLiteral("language=") + QLatin1String(code)},
                                error))
                 return false;
             master += QStringLiteral("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",LANGUAGE=\"%1\","
@@ -135,15 +139,20 @@ private:
         return hashes;
     }
 
-    static QString videoSize(const QString& file) {
+    // ffprobe's entries of the file's first stream of a kind ("v", "a").
+    static QString probe(const QString& file, const QString& kind, const QString& entries) {
         QProcess process;
         process.start(FfmpegTestMedia::ffprobe(),
                       {QStringLiteral("-v"), QStringLiteral("error"),
-                       QStringLiteral("-select_streams"), QStringLiteral("v"),
-                       QStringLiteral("-show_entries"), QStringLiteral("stream=width,height"),
-                       QStringLiteral("-of"), QStringLiteral("csv=p=0"), file});
+                       QStringLiteral("-select_streams"), kind + QStringLiteral(":0"),
+                       QStringLiteral("-show_entries"), entries, QStringLiteral("-of"),
+                       QStringLiteral("csv=p=0"), file});
         process.waitForFinished(60000);
         return QString::fromLatin1(process.readAllStandardOutput().trimmed());
+    }
+
+    static QString videoSize(const QString& file) {
+        return probe(file, QStringLiteral("v"), QStringLiteral("stream=width,height"));
     }
 
     // Whether a child whose file name holds part ("audio", "video") has a finished record.
@@ -318,28 +327,33 @@ private Q_SLOTS:
         QTest::addColumn<QString>("size");
         QTest::addColumn<QString>("videoSource");
         QTest::addColumn<QString>("audioSource");
+        QTest::addColumn<QString>("language");
         QTest::newRow("height and language") << "/hls/master.m3u8"
                                              << "bestvideo+bestaudio+height<=180+lang=de"
                                              << "320,180"
                                              << "hls/v180.m3u8"
-                                             << "hls/a_de.m3u8";
+                                             << "hls/a_de.m3u8"
+                                             << "deu";
         QTest::newRow("by id from the page") << "/page.html"
                                              << "hls-90p-360k+audio-en"
                                              << "160,90"
                                              << "hls/v90.m3u8"
-                                             << "hls/a_en.m3u8";
+                                             << "hls/a_en.m3u8"
+                                             << "eng";
         QTest::newRow("default of a manifest") << "/dash/manifest.mpd"
                                                << ""
                                                << "160,120"
                                                << "dash/manifest.mpd"
-                                               << "dash/manifest.mpd";
+                                               << "dash/manifest.mpd"
+                                               << "und";
         // ffmpeg's own reader drops the first segment of a $Time$ timeline; the stream is the
         // same encoding as the one addressed by $Number$.
         QTest::newRow("timeline manifest") << "/dash-time/manifest.mpd"
                                            << ""
                                            << "160,120"
                                            << "dash/manifest.mpd"
-                                           << "dash/manifest.mpd";
+                                           << "dash/manifest.mpd"
+                                           << "und";
     }
     void downloadsTheChosenVersion() {
         QFETCH(QString, path);
@@ -347,6 +361,7 @@ private Q_SLOTS:
         QFETCH(QString, size);
         QFETCH(QString, videoSource);
         QFETCH(QString, audioSource);
+        QFETCH(QString, language);
         const QString output = m_dir.filePath(
             QStringLiteral("out/%1.mp4").arg(QString::fromUtf8(QTest::currentDataTag())));
         QStringList arguments{url(path), QStringLiteral("-o"), output};
@@ -355,6 +370,8 @@ private Q_SLOTS:
         const Run run = tern(arguments);
         QVERIFY2(run.exitCode == 0, qPrintable(run.err));
         QCOMPARE(videoSize(output), size);
+        QCOMPARE(probe(output, QStringLiteral("a"), QStringLiteral("stream_tags=language")),
+                 language);
         const QStringList video = frames(output, QStringLiteral("v"));
         QVERIFY(video.size() >= 100);
         QCOMPARE(video, frames(www(videoSource), QStringLiteral("v")));
