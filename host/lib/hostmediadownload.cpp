@@ -6,6 +6,7 @@
 #include <QDir>
 
 const QString HostMediaDownload::ModuleName = QStringLiteral("media");
+const QString HostMediaDownload::AudioLanguageKey = QStringLiteral("audioLanguage");
 
 HostMediaDownload::HostMediaDownload(qint64 id,
                                      QWeakPointer<AbstractDownloadsSimpleFactory> factory,
@@ -104,8 +105,22 @@ AbstractError HostMediaDownload::applyChoice() {
         chooseDefaultResourceVersion();
     }
     const int selected = selector->selectedVersion();
+    if (selected >= 0)
+        keepAudioLanguage(versions.at(selected));
     if (selected >= 0 && !allOptions().contains(MergeFormatOption) &&
         mergeFormatFor(versions.at(selected)) == QLatin1String("mkv"))
         setOption(MergeFormatOption, QStringLiteral("mkv"));
     return {};
+}
+
+// Kept with the record, since a resumed run does not parse again.
+void HostMediaDownload::keepAudioLanguage(const CompositeVersion& version) {
+    rwInfo().customData.remove(AudioLanguageKey);
+    if (version.parts.size() != 2)
+        return;
+    for (const Version& part : version.parts) {
+        if (part.media.type == AbstractDownloadResourceVersionSelector::AudioOnly &&
+            !part.media.language.isEmpty())
+            rwInfo().customData.insert(AudioLanguageKey, part.media.language);
+    }
 }

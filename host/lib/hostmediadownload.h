@@ -21,6 +21,9 @@ class HostMediaDownload final : public AbstractMediaDownload {
 
 public:
     static const QString ModuleName; // "media"
+    // Custom data: the language of the chosen version's separate audio, where the playlist or
+    // manifest names one.
+    static const QString AudioLanguageKey; // "audioLanguage"
     // Code of the "GenericError" of a parse whose versions the chooser all refused.
     static constexpr int NoMatchingVersionCode = 14;
     // Code of the "GenericError" of a result path that the output gate refused.
@@ -52,6 +55,7 @@ protected:
 private:
     void onProbed(const AbstractError& error);
     AbstractError applyChoice();
+    void keepAudioLanguage(const CompositeVersion& version);
 
     QPointer<CurlMulti> m_network;
     MediaProbe* m_probe = nullptr;

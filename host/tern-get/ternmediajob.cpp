@@ -5,6 +5,7 @@
 #include "hostchilddownloadsmanager.h"
 #include "hostdownloadsfactory.h"
 #include "hostmediadownload.h"
+#include "mp4language.h"
 #include "outputguard.h"
 #include "progressprinter.h"
 
@@ -200,7 +201,10 @@ void TernMediaJob::onEnded() {
     }
     const auto& info = m_download->info();
     if (info.isFinished()) {
-        moveIntoPlace(AbstractDownloadFileOps::currentFilePath(info, 0));
+        const QString path = AbstractDownloadFileOps::currentFilePath(info, 0);
+        tagAudioLanguage(path,
+                         info.customData.value(HostMediaDownload::AudioLanguageKey).toString());
+        moveIntoPlace(path);
         return;
     }
     const AbstractError error = m_download->lastError();
@@ -250,6 +254,16 @@ void TernMediaJob::save() {
         m_services.printer->error(errorText(error));
     else if (!m_store.save(m_services.key, entry, &text))
         m_services.printer->error(text);
+}
+
+// A merge copies the audio as its segments have it, which may be without the language that the
+// playlist gives it. A file left without one is still a good result: a failure only warns.
+void TernMediaJob::tagAudioLanguage(const QString& path, const QString& language) {
+    QString error;
+    if (!language.isEmpty() && path.endsWith(QStringLiteral(".mp4"), Qt::CaseInsensitive) &&
+        !Mp4Language::tagUndeterminedAudio(path, language, &error))
+        m_services.printer->error(QStringLiteral("warning: the audio language was not set: ") +
+                                  error);
 }
 
 // A staged result replaces the output by one rename, so what was there stays whole until then.

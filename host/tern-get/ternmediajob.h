@@ -64,6 +64,7 @@ private:
     void onEnded();
     void list();
     void save();
+    void tagAudioLanguage(const QString& path, const QString& language);
     void moveIntoPlace(const QString& path);
     void removeState();
     void showProgress();

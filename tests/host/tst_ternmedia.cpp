@@ -67,10 +67,10 @@ private:
         const QString dir = www(QStringLiteral("hls"));
         QDir().mkpath(dir);
         QByteArray master = "#EXTM3U\n#EXT-X-VERSION:3\n";
-        // The segments name their language as streams do, in three letters: neither MPEG-TS
-        // nor MP4 can hold the playlist's two.
+        // The English segments name their language, in the three letters MPEG-TS and MP4 hold;
+        // the German ones leave it to the playlist.
         for (const auto& [language, code, frequency] :
-             {std::tuple{"en", "eng", "440"}, std::tuple{"de", "deu", "880"}}) {
+             {std::tuple{"en", "eng", "440"}, std::tuple{"de", "", "880"}}) {
             const QString lang = QString::fromLatin1(language);
             if (!makeRendition(dir, QStringLiteral("a_") + lang,
                                {QStringLiteral("sine=frequency=") + QLatin1String(frequency)},
