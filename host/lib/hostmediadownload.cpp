@@ -3,7 +3,10 @@
 #include <terncl/core/sourceplace.h>
 #include <terncl/fs/qt/utils/filenamerules.h>
 
+#include <QDir>
+
 const QString HostMediaDownload::ModuleName = QStringLiteral("media");
+const QString HostMediaDownload::AudioLanguageKey = QStringLiteral("audioLanguage");
 
 HostMediaDownload::HostMediaDownload(qint64 id,
                                      QWeakPointer<AbstractDownloadsSimpleFactory> factory,
@@ -64,6 +67,27 @@ void HostMediaDownload::onProbed(const AbstractError& error) {
     onParseFinished(applyChoice(), false);
 }
 
+// The first child made is the whole result or the video to merge into it; either way the result's
+// name is final by then.
+bool HostMediaDownload::makeChildDownloadDescription(const Version& version, ChildKind kind,
+                                                     ChildDownloadDescription& child,
+                                                     AbstractError& error) const {
+    if (!AbstractMediaDownload::makeChildDownloadDescription(version, kind, child, error))
+        return false;
+    if (!m_outputGate || (kind != WholeVersion && kind != VideoPart))
+        return true;
+    const auto& record = kind == WholeVersion ? child.info : info();
+    if (!record.hasFiles())
+        return true;
+    const QString path = QDir(record.destinationPath).filePath(record.files.constFirst().name);
+    QString refusal;
+    if (m_outputGate(path, &refusal))
+        return true;
+    error = AbstractError(OutputRefusedCode, AbstractError::GenericError, TERNCL_SOURCE_PLACE,
+                          refusal.toStdString());
+    return false;
+}
+
 // The chooser's pick, or the default one; then the merge format the pick needs, where none
 // was set.
 AbstractError HostMediaDownload::applyChoice() {
@@ -81,8 +105,22 @@ AbstractError HostMediaDownload::applyChoice() {
         chooseDefaultResourceVersion();
     }
     const int selected = selector->selectedVersion();
+    if (selected >= 0)
+        keepAudioLanguage(versions.at(selected));
     if (selected >= 0 && !allOptions().contains(MergeFormatOption) &&
         mergeFormatFor(versions.at(selected)) == QLatin1String("mkv"))
         setOption(MergeFormatOption, QStringLiteral("mkv"));
     return {};
+}
+
+// Kept with the record, since a resumed run does not parse again.
+void HostMediaDownload::keepAudioLanguage(const CompositeVersion& version) {
+    rwInfo().customData.remove(AudioLanguageKey);
+    if (version.parts.size() != 2)
+        return;
+    for (const Version& part : version.parts) {
+        if (part.media.type == AbstractDownloadResourceVersionSelector::AudioOnly &&
+            !part.media.language.isEmpty())
+            rwInfo().customData.insert(AudioLanguageKey, part.media.language);
+    }
 }

@@ -45,14 +45,26 @@ QString sizeText(const Selector::CompositeVersion& version) {
     return (size.estimated ? QStringLiteral("~") : QString()) + RateText::bytes(size.bytes);
 }
 
+QString resolutionText(const Selector::MediaDescription& media) {
+    return media.width > 0 && media.height > 0
+               ? QStringLiteral("%1x%2").arg(media.width).arg(media.height)
+               : QStringLiteral("-");
+}
+
+QJsonValue orNull(const QString& text) {
+    return text == QLatin1String("-") || text.isEmpty() ? QJsonValue() : QJsonValue(text);
+}
+
+QJsonValue orNull(qint64 value) {
+    return value > 0 ? QJsonValue(value) : QJsonValue();
+}
+
 QStringList row(const Selector::CompositeVersion& version) {
     const auto& media = version.media;
     return {MediaVersions::id(version),
             kindText(media.type),
             formatText(version),
-            media.width > 0 && media.height > 0
-                ? QStringLiteral("%1x%2").arg(media.width).arg(media.height)
-                : QStringLiteral("-"),
+            resolutionText(media),
             media.fps > 0 ? QString::number(media.fps) : QStringLiteral("-"),
             media.bitrate > 0 ? QStringLiteral("%1k").arg(qRound(media.bitrate / 1000.0))
                               : QStringLiteral("-"),
@@ -60,6 +72,21 @@ QStringList row(const Selector::CompositeVersion& version) {
             sizeText(version)};
 }
 } // namespace
+
+QJsonObject FormatsTable::json(const Selector::CompositeVersion& version) {
+    const auto& media = version.media;
+    const MediaVersions::Size size = MediaVersions::sizeOf(version);
+    return {{QStringLiteral("type"), QStringLiteral("format")},
+            {QStringLiteral("id"), MediaVersions::id(version)},
+            {QStringLiteral("kind"), kindText(media.type)},
+            {QStringLiteral("format"), orNull(formatText(version))},
+            {QStringLiteral("resolution"), orNull(resolutionText(media))},
+            {QStringLiteral("fps"), orNull(media.fps)},
+            {QStringLiteral("bitrate"), orNull(media.bitrate)},
+            {QStringLiteral("lang"), orNull(media.language)},
+            {QStringLiteral("size"), size.bytes < 0 ? QJsonValue() : QJsonValue(size.bytes)},
+            {QStringLiteral("sizeEstimated"), size.bytes >= 0 && size.estimated}};
+}
 
 QString FormatsTable::text(const QList<Selector::CompositeVersion>& versions) {
     QList<QStringList> rows = {{QStringLiteral("ID"), QStringLiteral("KIND"),

@@ -2,6 +2,7 @@
 
 #include <terncl/inet/qt/download/abstractdownloadresourceversionselector.h>
 
+#include <QJsonObject>
 #include <QList>
 #include <QString>
 
@@ -11,4 +12,7 @@
 // where neither is known.
 namespace FormatsTable {
 QString text(const QList<AbstractDownloadResourceVersionSelector::CompositeVersion>& versions);
+// The same columns for a front end: {"type":"format","id","kind","format","resolution","fps",
+// "bitrate" (bits per second),"lang","size" (bytes),"sizeEstimated"}, null where unknown.
+QJsonObject json(const AbstractDownloadResourceVersionSelector::CompositeVersion& version);
 } // namespace FormatsTable

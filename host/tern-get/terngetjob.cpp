@@ -567,8 +567,9 @@ void TernGetJob::finish(int exitCode) {
         showProgress(true);
         m_store.remove(m_key);
     }
-    // A format list is the whole answer of -F.
-    if (!m_options.listFormats)
+    // A format list is the whole answer of -F, but for a front end reading JSON, which learns
+    // the outcome as always.
+    if (!m_options.listFormats || m_options.jsonProgress)
         m_printer.result(exitCode, m_output, m_errorText);
     m_finished = true;
     m_progressTimer.stop();

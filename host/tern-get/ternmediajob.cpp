@@ -5,6 +5,7 @@
 #include "hostchilddownloadsmanager.h"
 #include "hostdownloadsfactory.h"
 #include "hostmediadownload.h"
+#include "mp4language.h"
 #include "outputguard.h"
 #include "progressprinter.h"
 
@@ -15,12 +16,14 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonDocument>
 
 #include <cstdio>
 
 namespace {
 const QString kKind = QStringLiteral("kind");
 const QString kMediaKind = QStringLiteral("media");
+const QString kOutput = QStringLiteral("output"); // the locked result's path, without -o
 // The result is made under a hidden name beside the output and renamed over it once complete.
 const QString kStagedPrefix = QStringLiteral(".tern-get-");
 
@@ -70,12 +73,27 @@ void TernMediaJob::start() {
         if (saved && saved->host.value(kKind).toString() != kMediaKind)
             saved.reset();
     }
+    // With -o the caller holds the output's lock already.
+    m_mayWriteState = !m_options.output.isEmpty() || m_options.listFormats;
+    if (saved && !m_mayWriteState) {
+        const QString output = saved->host.value(kOutput).toString();
+        if (output.isEmpty()) {
+            m_mayWriteState = true; // state of an older run, which kept no output
+        } else if (!takeOutput(output, &error)) {
+            fail(error);
+            return;
+        }
+    }
     setUp(saved);
     if (saved)
         m_services.printer->note(QStringLiteral("resuming from saved state"));
     m_progressTimer.start();
     m_download->doCommand(m_options.listFormats ? AbstractDownloadCommand::QueryInfo
                                                 : AbstractDownloadCommand::Start);
+    // A record finished before it was killed (merged, not yet renamed to the output) does not
+    // start again: it only needs its end.
+    if (!m_download->isRunning() && !m_finished)
+        onEnded();
 }
 
 AbstractDownloadPersistentInfo TernMediaJob::newRecord() const {
@@ -117,6 +135,10 @@ void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
     NetworkUsageSettings usage;
     usage.downloadSpeedLimit = m_options.limitRate;
     m_download->setNetworkUsageSettings(usage);
+    if (m_options.output.isEmpty() && !m_options.listFormats) {
+        m_download->setOutputGate(
+            [this](const QString& path, QString* error) { return takeOutput(path, error); });
+    }
     if (!m_options.format.isEmpty()) {
         const QString wanted = m_options.format;
         m_download->setVersionChooser([wanted](const FormatSpec::Versions& versions) {
@@ -126,6 +148,17 @@ void TernMediaJob::setUp(const std::optional<RecordStore::Entry>& saved) {
     connect(m_download.data(), &AbstractNetworkConsumerWithExtraTasks::running, this,
             &TernMediaJob::onRunning);
     connect(m_download.data(), &AbstractDownload::changed, this, &TernMediaJob::onChanged);
+}
+
+bool TernMediaJob::takeOutput(const QString& path, QString* error) {
+    if (m_guard.isLocked() && path == m_lockedOutput)
+        return true;
+    *error = OutputGuard::refusal(path);
+    if (!error->isEmpty() || !m_guard.lock(m_options.stateDir, path, error))
+        return false;
+    m_lockedOutput = path;
+    m_mayWriteState = true;
+    return true;
 }
 
 void TernMediaJob::interrupt() {
@@ -168,7 +201,10 @@ void TernMediaJob::onEnded() {
     }
     const auto& info = m_download->info();
     if (info.isFinished()) {
-        moveIntoPlace(AbstractDownloadFileOps::currentFilePath(info, 0));
+        const QString path = AbstractDownloadFileOps::currentFilePath(info, 0);
+        tagAudioLanguage(path,
+                         info.customData.value(HostMediaDownload::AudioLanguageKey).toString());
+        moveIntoPlace(path);
         return;
     }
     const AbstractError error = m_download->lastError();
@@ -191,17 +227,26 @@ void TernMediaJob::list() {
         fail(error.isSet() ? errorText(error) : QStringLiteral("no resource versions found"));
         return;
     }
-    m_out << FormatsTable::text(selector->resourceVersions()) << Qt::flush;
+    if (!m_options.jsonProgress) {
+        m_out << FormatsTable::text(selector->resourceVersions()) << Qt::flush;
+    } else {
+        for (const auto& version : selector->resourceVersions())
+            m_out << QJsonDocument(FormatsTable::json(version)).toJson(QJsonDocument::Compact)
+                  << '\n';
+        m_out << Qt::flush;
+    }
     finish(0);
 }
 
 void TernMediaJob::save() {
-    if (!m_download || m_finished || m_options.listFormats)
+    if (!m_download || m_finished || m_options.listFormats || !m_mayWriteState)
         return;
     m_saveTimer.stop();
     RecordStore::Entry entry;
     entry.record = m_download->info();
     entry.host.insert(kKind, kMediaKind);
+    if (!m_lockedOutput.isEmpty())
+        entry.host.insert(kOutput, m_lockedOutput);
     QString text;
     AbstractError error;
     // Children first: a record that names children whose records are missing cannot resume.
@@ -209,6 +254,16 @@ void TernMediaJob::save() {
         m_services.printer->error(errorText(error));
     else if (!m_store.save(m_services.key, entry, &text))
         m_services.printer->error(text);
+}
+
+// A merge copies the audio as its segments have it, which may be without the language that the
+// playlist gives it. A file left without one is still a good result: a failure only warns.
+void TernMediaJob::tagAudioLanguage(const QString& path, const QString& language) {
+    QString error;
+    if (!language.isEmpty() && path.endsWith(QStringLiteral(".mp4"), Qt::CaseInsensitive) &&
+        !Mp4Language::tagUndeterminedAudio(path, language, &error))
+        m_services.printer->error(QStringLiteral("warning: the audio language was not set: ") +
+                                  error);
 }
 
 // A staged result replaces the output by one rename, so what was there stays whole until then.
@@ -230,6 +285,8 @@ void TernMediaJob::moveIntoPlace(const QString& path) {
 
 void TernMediaJob::removeState() {
     m_saveTimer.stop();
+    if (!m_mayWriteState)
+        return;
     m_store.remove(m_services.key);
     m_manager->removeRecords();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "outputguard.h"
 #include "recordstore.h"
 #include "terngetjob.h"
 
@@ -57,11 +58,13 @@ Q_SIGNALS:
 private:
     AbstractDownloadPersistentInfo newRecord() const;
     void setUp(const std::optional<RecordStore::Entry>& saved);
+    bool takeOutput(const QString& path, QString* error);
     void onRunning(bool running);
     void onChanged(bool critical);
     void onEnded();
     void list();
     void save();
+    void tagAudioLanguage(const QString& path, const QString& language);
     void moveIntoPlace(const QString& path);
     void removeState();
     void showProgress();
@@ -77,6 +80,11 @@ private:
     QTimer m_progressTimer;
     QTextStream m_out;
     QString m_outputPath;
+    // Without -o the result's name comes from the parse: its lock is taken here once the name is
+    // known, and until then this run writes no state, which another run may own.
+    OutputGuard m_guard;
+    QString m_lockedOutput;
+    bool m_mayWriteState = false;
     QString m_errorText;
     bool m_interrupted = false;
     bool m_finished = false;

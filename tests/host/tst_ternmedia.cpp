@@ -3,14 +3,19 @@
 #include "support/testfiles.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <csignal>
+#include <sys/stat.h>
+#include <tuple>
 
 // tern-get's media side against nginx serving streams ffmpeg made: an HLS master of three video
 // variants whose audio comes apart in two languages, a DASH manifest, and a page linking both.
@@ -62,13 +67,16 @@ private:
         const QString dir = www(QStringLiteral("hls"));
         QDir().mkpath(dir);
         QByteArray master = "#EXTM3U\n#EXT-X-VERSION:3\n";
-        for (const auto& [language, frequency] : {std::pair{"en", "440"}, std::pair{"de", "880"}}) {
+        // The English segments name their language, in the three letters MPEG-TS and MP4 hold;
+        // the German ones leave it to the playlist.
+        for (const auto& [language, code, frequency] :
+             {std::tuple{"en", "eng", "440"}, std::tuple{"de", "", "880"}}) {
             const QString lang = QString::fromLatin1(language);
             if (!makeRendition(dir, QStringLiteral("a_") + lang,
                                {QStringLiteral("sine=frequency=") + QLatin1String(frequency)},
                                {QStringLiteral("-c:a"), QStringLiteral("aac"),
                                 QStringLiteral("-metadata:s:a:0"),
-                                QStringLiteral("language=") + lang},
+                                QStringLiteral("language=") + QLatin1String(code)},
                                error))
                 return false;
             master += QStringLiteral("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",LANGUAGE=\"%1\","
@@ -95,8 +103,10 @@ private:
         return writeFile(dir + QStringLiteral("/master.m3u8"), master);
     }
 
-    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state")) {
+    Run tern(const QStringList& arguments, const QString& state = QStringLiteral("state"),
+             const QString& workingDir = {}) {
         QProcess process;
+        process.setWorkingDirectory(workingDir);
         process.start(QStringLiteral(TERN_GET_PATH),
                       arguments +
                           QStringList{QStringLiteral("--state-dir"), m_dir.filePath(state)});
@@ -130,15 +140,20 @@ private:
         return hashes;
     }
 
-    static QString videoSize(const QString& file) {
+    // ffprobe's entries of the file's first stream of a kind ("v", "a").
+    static QString probe(const QString& file, const QString& kind, const QString& entries) {
         QProcess process;
         process.start(FfmpegTestMedia::ffprobe(),
                       {QStringLiteral("-v"), QStringLiteral("error"),
-                       QStringLiteral("-select_streams"), QStringLiteral("v"),
-                       QStringLiteral("-show_entries"), QStringLiteral("stream=width,height"),
-                       QStringLiteral("-of"), QStringLiteral("csv=p=0"), file});
+                       QStringLiteral("-select_streams"), kind + QStringLiteral(":0"),
+                       QStringLiteral("-show_entries"), entries, QStringLiteral("-of"),
+                       QStringLiteral("csv=p=0"), file});
         process.waitForFinished(60000);
         return QString::fromLatin1(process.readAllStandardOutput().trimmed());
+    }
+
+    static QString videoSize(const QString& file) {
+        return probe(file, QStringLiteral("v"), QStringLiteral("stream=width,height"));
     }
 
     // Whether a child whose file name holds part ("audio", "video") has a finished record.
@@ -167,6 +182,16 @@ private:
 
     int requests(const QString& suffix) const { return requests(*m_nginx, suffix); }
 
+    // Whether process has an ffmpeg child writing a merge's result.
+    static bool isMerging(qint64 process) {
+        const auto children =
+            readFile(QStringLiteral("/proc/%1/task/%1/children").arg(process)).split(' ');
+        return std::any_of(children.cbegin(), children.cend(), [](const QByteArray& child) {
+            return readFile(QStringLiteral("/proc/%1/cmdline").arg(QString::fromLatin1(child)))
+                .contains(".merging");
+        });
+    }
+
     static int requests(const NginxServer& server, const QString& suffix) {
         int count = 0;
         for (const auto& access : server.accessLog())
@@ -182,6 +207,9 @@ private Q_SLOTS:
         QVERIFY2(makeHlsMaster(&error), qPrintable(error));
         QVERIFY2(FfmpegTestMedia::makeDash(www(QStringLiteral("dash")), 4, 1, false, &error),
                  qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www(QStringLiteral("dash-time")), 4, 1, true, &error),
+                 qPrintable(error));
+        QVERIFY(readFile(www(QStringLiteral("dash-time/manifest.mpd"))).contains("$Time$"));
         QVERIFY(writeFile(www(QStringLiteral("page.html")),
                           "<html><head><title>Two streams</title></head><body>"
                           "<video src=\"hls/master.m3u8\"></video>"
@@ -189,9 +217,15 @@ private Q_SLOTS:
                           "<video><source src=\"clip.mp4\" type=\"video/mp4\"></video>"
                           "</body></html>"));
         QVERIFY(writeFile(www(QStringLiteral("clip.mp4")), QByteArray(1000, 'x')));
-        QByteArray broken = readFile(www(QStringLiteral("hls/master.m3u8")));
+        const QByteArray master = readFile(www(QStringLiteral("hls/master.m3u8")));
         QVERIFY(writeFile(www(QStringLiteral("hls/broken.m3u8")),
-                          broken.replace("v360.m3u8", "gone.m3u8")));
+                          QByteArray(master).replace("v360.m3u8", "gone.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/encrypted-master.m3u8")),
+                          QByteArray(master).replace("v360.m3u8", "encrypted.m3u8")));
+        QVERIFY(writeFile(www(QStringLiteral("hls/encrypted.m3u8")),
+                          readFile(www(QStringLiteral("hls/v360.m3u8")))
+                              .replace("#EXT-X-VERSION:3\n",
+                                       "#EXT-X-VERSION:3\n#EXT-X-KEY:METHOD=AES-128,URI=\"k\"\n")));
         QVERIFY(writeFile(www(QStringLiteral("empty.html")), "<html><body>nothing</body></html>"));
         QVERIFY(writeFile(www(QStringLiteral("empty.mpd")),
                           "<?xml version=\"1.0\"?><MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
@@ -224,6 +258,17 @@ private Q_SLOTS:
         // A plain file's size is measured, not estimated.
         QCOMPARE(line(QStringLiteral("file-1")).section(u' ', -2), QStringLiteral("1000 B"));
         QCOMPARE(lines.size(), 1 + 3 * 2 + 2 + 2 + 1);
+        // For a front end: the same columns as JSON lines (keys in order), then the result.
+        const Run json = tern({QStringLiteral("-F"), QStringLiteral("--progress=json"),
+                               url(QStringLiteral("/hls/master.m3u8"))});
+        const QStringList objects = json.out.split(u'\n', Qt::SkipEmptyParts);
+        QCOMPARE(objects.size(), 3 * 2 + 2 + 1);
+        QVERIFY2(objects.constLast().startsWith(QStringLiteral("{\"exitCode\":0,\"outcome\"")),
+                 qPrintable(json.out));
+        QVERIFY2(json.out.contains(QStringLiteral(
+                     "\"fps\":null,\"id\":\"hls-360p-1440k+audio-de\",\"kind\":\"video+audio\","
+                     "\"lang\":\"de\",\"resolution\":\"640x360\",\"size\"")),
+                 qPrintable(json.out));
         QCOMPARE(requests(QStringLiteral(".ts")) + requests(QStringLiteral(".m4s")), 0);
     }
 
@@ -246,6 +291,11 @@ private Q_SLOTS:
                            m_dir.filePath(QStringLiteral("out/broken.mp4")),
                            QStringLiteral("/hls/broken.m3u8")}
             << 1 << "gone.m3u8";
+        QTest::newRow("encrypted variant")
+            << QStringList{QStringLiteral("-f"), QStringLiteral("best"), QStringLiteral("-o"),
+                           m_dir.filePath(QStringLiteral("out/encrypted.mp4")),
+                           QStringLiteral("/hls/encrypted-master.m3u8")}
+            << 1 << "Playlist line 3: encrypted stream: AES-128 is not supported";
         QTest::newRow("manifest without versions")
             << QStringList{QStringLiteral("-F"), QStringLiteral("/empty.mpd")} << 1
             << "no resource versions found";
@@ -258,6 +308,8 @@ private Q_SLOTS:
         const Run run = tern(arguments);
         QVERIFY2(run.err.contains(message), qPrintable(run.err));
         QCOMPARE(run.exitCode, exitCode);
+        if (const int output = arguments.indexOf(QStringLiteral("-o")); output >= 0)
+            QVERIFY(!QFileInfo::exists(arguments.at(output + 1)));
     }
 
     // The chosen video and audio end up merged with every frame as the sources have it.
@@ -267,21 +319,33 @@ private Q_SLOTS:
         QTest::addColumn<QString>("size");
         QTest::addColumn<QString>("videoSource");
         QTest::addColumn<QString>("audioSource");
+        QTest::addColumn<QString>("language");
         QTest::newRow("height and language") << "/hls/master.m3u8"
                                              << "bestvideo+bestaudio+height<=180+lang=de"
                                              << "320,180"
                                              << "hls/v180.m3u8"
-                                             << "hls/a_de.m3u8";
+                                             << "hls/a_de.m3u8"
+                                             << "deu";
         QTest::newRow("by id from the page") << "/page.html"
                                              << "hls-90p-360k+audio-en"
                                              << "160,90"
                                              << "hls/v90.m3u8"
-                                             << "hls/a_en.m3u8";
+                                             << "hls/a_en.m3u8"
+                                             << "eng";
         QTest::newRow("default of a manifest") << "/dash/manifest.mpd"
                                                << ""
                                                << "160,120"
                                                << "dash/manifest.mpd"
-                                               << "dash/manifest.mpd";
+                                               << "dash/manifest.mpd"
+                                               << "und";
+        // ffmpeg's own reader drops the first segment of a $Time$ timeline; the stream is the
+        // same encoding as the one addressed by $Number$.
+        QTest::newRow("timeline manifest") << "/dash-time/manifest.mpd"
+                                           << ""
+                                           << "160,120"
+                                           << "dash/manifest.mpd"
+                                           << "dash/manifest.mpd"
+                                           << "und";
     }
     void downloadsTheChosenVersion() {
         QFETCH(QString, path);
@@ -289,6 +353,7 @@ private Q_SLOTS:
         QFETCH(QString, size);
         QFETCH(QString, videoSource);
         QFETCH(QString, audioSource);
+        QFETCH(QString, language);
         const QString output = m_dir.filePath(
             QStringLiteral("out/%1.mp4").arg(QString::fromUtf8(QTest::currentDataTag())));
         QStringList arguments{url(path), QStringLiteral("-o"), output};
@@ -297,6 +362,8 @@ private Q_SLOTS:
         const Run run = tern(arguments);
         QVERIFY2(run.exitCode == 0, qPrintable(run.err));
         QCOMPARE(videoSize(output), size);
+        QCOMPARE(probe(output, QStringLiteral("a"), QStringLiteral("stream_tags=language")),
+                 language);
         const QStringList video = frames(output, QStringLiteral("v"));
         QVERIFY(video.size() >= 100);
         QCOMPARE(video, frames(www(videoSource), QStringLiteral("v")));
@@ -348,8 +415,75 @@ private Q_SLOTS:
                  frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
     }
 
+    // An audio child failing half-way leaves nothing at the output; once its segment is back,
+    // the same command fetches only what was missing.
+    void resumesAnAudioChildThatFailed() {
+        NginxServer server(www());
+        QString error;
+        QVERIFY2(server.start(&error), qPrintable(error));
+        const QString segment = www(QStringLiteral("hls/a_de_002.ts"));
+        const QString away = segment + QStringLiteral(".away");
+        QVERIFY(QFile::rename(segment, away));
+        auto restore = qScopeGuard([&] { QFile::rename(away, segment); });
+        const QString output = m_dir.filePath(QStringLiteral("out/audio-failed.mp4"));
+        // One segment at a time: the two before the missing one are surely done when it fails.
+        const QStringList arguments{server.url(QStringLiteral("/hls/master.m3u8")).toString(),
+                                    QStringLiteral("-f"),
+                                    QStringLiteral("bestvideo+bestaudio+height<=90+lang=de"),
+                                    QStringLiteral("-N"),
+                                    QStringLiteral("1"),
+                                    QStringLiteral("--retries"),
+                                    QStringLiteral("0"),
+                                    QStringLiteral("-o"),
+                                    output};
+        const Run first = tern(arguments, QStringLiteral("failed-state"));
+        QCOMPARE(first.exitCode, 1);
+        QVERIFY2(first.err.contains(QStringLiteral("HTTP error 404")), qPrintable(first.err));
+        QVERIFY(!QFileInfo::exists(output));
+        restore.dismiss();
+        QVERIFY(QFile::rename(away, segment));
+        const Run second = tern(arguments, QStringLiteral("failed-state"));
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QCOMPARE(requests(server, QStringLiteral("a_de_000.ts")), 1);
+        QCOMPARE(requests(server, QStringLiteral("a_de_001.ts")), 1);
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_de.m3u8")), QStringLiteral("a")));
+    }
+
+    // Interrupted while ffmpeg merges (held opening its output, a pipe that nobody reads), the
+    // same command merges the finished children again without fetching them again.
+    void resumesAnInterruptedMerge() {
+        NginxServer server(www());
+        QString error;
+        QVERIFY2(server.start(&error), qPrintable(error));
+        const QString output = m_dir.filePath(QStringLiteral("out/merge.mp4"));
+        // The staged result's name while ffmpeg writes it.
+        const QString merging = m_dir.filePath(QStringLiteral("out/.tern-get-merge.mp4.merging"));
+        QVERIFY(QDir().mkpath(m_dir.filePath(QStringLiteral("out"))));
+        QCOMPARE(::mkfifo(QFile::encodeName(merging).constData(), 0644), 0);
+        const QStringList arguments{
+            server.url(QStringLiteral("/hls/master.m3u8")).toString(), QStringLiteral("-f"),
+            QStringLiteral("bestvideo+bestaudio+height<=90+lang=en"), QStringLiteral("-o"), output};
+        QProcess first;
+        first.start(QStringLiteral(TERN_GET_PATH),
+                    arguments + QStringList{QStringLiteral("--state-dir"),
+                                            m_dir.filePath(QStringLiteral("merge-state"))});
+        QVERIFY(QTest::qWaitFor([&] { return isMerging(first.processId()); }, 30000));
+        ::kill(pid_t(first.processId()), SIGINT);
+        QVERIFY(first.waitForFinished(30000));
+        QCOMPARE(first.exitCode(), 130);
+        const int fetched = requests(server, QStringLiteral(".ts"));
+        QVERIFY(QFile::remove(merging));
+        const Run second = tern(arguments, QStringLiteral("merge-state"));
+        QVERIFY2(second.exitCode == 0, qPrintable(second.err));
+        QCOMPARE(requests(server, QStringLiteral(".ts")), fetched);
+        QCOMPARE(frames(output, QStringLiteral("a")),
+                 frames(www(QStringLiteral("hls/a_en.m3u8")), QStringLiteral("a")));
+    }
+
     // While one run downloads to an output, another is refused and what was there stays; with
-    // --progress=json stdout holds JSON lines only, the last one the result.
+    // --progress=json stdout holds JSON lines only, the last one the result. A name that only
+    // the parse gives is checked as -o is.
     void guardsTheOutputAndReportsInJson() {
         NginxServer slow(www());
         QString error;
@@ -380,6 +514,16 @@ private Q_SLOTS:
         QCOMPARE(last.value(QStringLiteral("type")).toString(), QStringLiteral("result"));
         QCOMPARE(last.value(QStringLiteral("output")).toString(), output);
         QCOMPARE(videoSize(output), QStringLiteral("160,90"));
+        // Without -o the name comes from the parse, and is refused before a segment is fetched.
+        const QString folder = m_dir.filePath(QStringLiteral("auto"));
+        QVERIFY(QDir().mkpath(folder + QStringLiteral("/master.mp4")));
+        const int segments = requests(slow, QStringLiteral(".ts"));
+        const Run named =
+            tern({arguments.constFirst(), QStringLiteral("-f"), QStringLiteral("best")},
+                 QStringLiteral("auto-state"), folder);
+        QCOMPARE(named.exitCode, 1);
+        QVERIFY2(named.err.contains(QStringLiteral("is a folder")), qPrintable(named.err));
+        QCOMPARE(requests(slow, QStringLiteral(".ts")), segments);
     }
 };
 

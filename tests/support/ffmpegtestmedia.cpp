@@ -72,10 +72,16 @@ bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segment
 bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
                                bool timeline, QString* error) {
     QDir().mkpath(dir);
-    const QString line = quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
-                         QStringLiteral("-f dash -seg_duration %1 -use_template 1 -use_timeline %2")
-                             .arg(segmentSeconds)
-                             .arg(timeline ? 1 : 0);
+    QString line = quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
+                   QStringLiteral("-f dash -seg_duration %1 -use_template 1 -use_timeline %2")
+                       .arg(segmentSeconds)
+                       .arg(timeline ? 1 : 0);
+    // Segments named by $Time$. The first AAC packet starts before zero, and ffmpeg names its
+    // file by that time while the timeline says 0: shifting the timestamps to zero keeps both
+    // the same.
+    if (timeline)
+        line += QStringLiteral(" -avoid_negative_ts make_zero"
+                               " -media_seg_name chunk-$RepresentationID$-$Time$.$ext$");
     return run(ffmpeg(), words(line) << QDir(dir).filePath(QStringLiteral("manifest.mpd")), nullptr,
                error);
 }
