@@ -189,9 +189,12 @@ private Q_SLOTS:
         keeper.onFinishedAddingModules();
         QCOMPARE(keeper.modulesUids(), words("high broken low"));
 
+        QSignalSpy failed(&keeper, &AbstractDownloadsModulesKeeper::moduleInitializeFailed);
         QSignalSpy finished(&keeper, &AbstractDownloadsModulesKeeper::modulesInitializeFinished);
         keeper.initializeModules(true);
         QTRY_COMPARE(finished.count(), 1);
+        QCOMPARE(failed.count(), 1);
+        QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("broken"));
         QCOMPARE(logger.lines(), QStringList{QStringLiteral("[AbstractDownloadsModulesKeeper]: "
                                                             "WARNING: the download module "
                                                             "\"broken\" failed to initialize: ") +
@@ -204,6 +207,8 @@ private Q_SLOTS:
         QVERIFY(download && !error.isSet());
         QCOMPARE(download->id(), 42);
         QCOMPARE(keeper.moduleForSource(download.data())->uid(), QStringLiteral("low"));
+        QVERIFY(!keeper.createDownload(QStringLiteral("broken"), 43, info, {}, error));
+        QCOMPARE(error.code, int(AbstractDownloadsModulesKeeper::FailedModuleErrorCode));
         QVERIFY(!keeper.createDownload(QStringLiteral("none"), 44, info, {}, error));
         QCOMPARE(error.code, int(AbstractDownloadsModulesKeeper::UnknownModuleErrorCode));
         QCOMPARE(keeper.moduleForUrl(QUrl(QStringLiteral("high://x"))), QStringLiteral("high"));
