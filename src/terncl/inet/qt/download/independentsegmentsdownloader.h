@@ -31,7 +31,10 @@ class QtFfmpegAvMerger;
 //
 // Segments in flight: a window of consecutive segments from the first one not yet in the target
 // (the head). A child made while no other is in flight writes straight into the target at the
-// total, as the only child does when one segment at a time is fetched. Children made while
+// total, as the only child does when one segment at a time is fetched. So does the one made
+// while the head, alone in flight, only flushes its last bytes (isFinalizing() with a known
+// size): it follows at the offset where the head ends, so that fetching goes on while the head's
+// bytes reach the disk, and it enters the record only once the head is counted. Children made while
 // others are in flight ("ahead") write into a spill file of their own beside the target,
 // "<target>.seg<k>" with k below maxConcurrentSegments(), because the offset of a segment is
 // unknown until the ones before it end. When the head is done, finished spill files are appended to
@@ -183,7 +186,8 @@ private:
         QSharedPointer<AbstractDownload> download; // null once the child has stopped
         QString spillPath; // empty: the child writes straight into the target
         int spillSlot = -1;
-        qint64 size = -1; // known once finished
+        qint64 writeOffset = 0; // in the target, when it writes straight into it
+        qint64 size = -1;       // known once finished
         bool finished = false;
         bool appending = false; // its spill file is being appended to the target
     };
@@ -201,6 +205,7 @@ private:
     void continueToDownloadSegments();
     void stepDownloadSegments();
     bool canStartAnotherSegment() const;
+    qint64 followOffset() const;
     void startNextSegment();
     bool checkNeedStandardFileOp();
     bool hasPendingFilesWork() const;
@@ -208,7 +213,8 @@ private:
     QSharedPointer<AbstractDownload> createSegmentDownload(const SegmentInFlight& segment,
                                                            AbstractError& error);
     AbstractDownloadPersistentInfo makeSegmentInfo(const AbstractDownloadSourceInfo& source,
-                                                   bool resume, const QString& spillPath) const;
+                                                   bool resume,
+                                                   const SegmentInFlight& segment) const;
     void connectSegmentDownload(AbstractDownload* download);
     void onSegmentConnectionsChanged(const QtConnectionsMap& delta);
     void releaseSegmentDownload(SegmentInFlight& segment);
@@ -217,6 +223,8 @@ private:
     void onSegmentStopped(AbstractDownload* download);
     void commitFinishedSegments();
     bool commitHead();
+    bool takeOverFollower();
+    void copyHeadIntoRecord(bool critical);
     void appendSpilledHead();
     void onSegmentAppended(quint64 serial, const AbstractError& error);
     void afterSegmentEvent();
