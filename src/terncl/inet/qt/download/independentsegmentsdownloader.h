@@ -60,7 +60,8 @@ class QtFfmpegAvMerger;
 // - It has exactly one file record, with sections relative to the segment itself (offset 0 is
 //   the segment's first byte). A child that writes straight into the target has tmpPath = the
 //   parent's target file on disk (the parent's file tmpPath if set, else destinationPath + "/" +
-//   name) and writeOffset = the segments total at its creation. When the parent has no file record
+//   name) and writeOffset = the segments total at its creation (for the one that follows a
+//   finalizing head: the offset where the head ends). When the parent has no file record
 //   yet, the child's has neither name nor tmpPath: the child names the file and the parent takes
 //   its name, and its tmpPath if it set one (no segment is fetched ahead until then). A child
 //   fetching ahead has tmpPath = its spill file, removed on the writers thread before the
@@ -70,6 +71,9 @@ class QtFfmpegAvMerger;
 //   file, counts a byte as done only once the writer has flushed it, and reports finished only
 //   after its last byte is on disk. Its file's resumeSupport says whether a half-done segment
 //   can continue where it stopped; if not, it is fetched again from its first byte.
+// - It may report isFinalizing() once every byte has arrived and only the flush is left, with
+//   its file's size set and announced by changed(); the next segment starts then. A child that
+//   never does is simply followed once it has finished.
 // - Every child gets the parent's whole network usage settings: children in flight together
 //   must draw on one shared budget for the speed limit to hold across them (as the host's
 //   shared token bucket does).
