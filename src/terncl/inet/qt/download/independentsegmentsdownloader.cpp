@@ -30,6 +30,10 @@ const QString IndependentSegmentsDownloader::DownloadedSegmentsTotalKey =
 const QString IndependentSegmentsDownloader::SegmentSourceKey = QStringLiteral("segmentSource");
 
 namespace {
+// Segments that may write straight into the target one after another, all but the last only
+// waiting for the writers thread.
+constexpr int maxFollowingSegments = 4;
+
 AbstractError genericError(int code, const std::string& place, const QString& text) {
     return AbstractError(code, AbstractError::GenericError, place, text.toStdString());
 }
@@ -385,18 +389,26 @@ bool IndependentSegmentsDownloader::canStartAnotherSegment() const {
     return m_inFlight.size() < maxConcurrentSegments() || followOffset() >= 0;
 }
 
-// Where the next segment may write straight into the target: where the head ends, once the head
-// is alone in flight and only flushes its last bytes; -1 before that.
+// Where the next segment may write straight into the target: where the last one in flight ends,
+// once every segment in flight writes straight into the target and has all its bytes (it only
+// flushes them, or is done); -1 before that. A writers thread that lags behind the network
+// holds the bytes of at most maxFollowingSegments segments.
 qint64 IndependentSegmentsDownloader::followOffset() const {
-    if (m_inFlight.size() != 1)
+    if (m_inFlight.isEmpty() || m_inFlight.size() >= maxFollowingSegments)
         return -1;
-    const SegmentInFlight& head = m_inFlight.constFirst();
-    if (!head.spillPath.isEmpty() || !head.download || !head.download->isFinalizing())
-        return -1;
-    const auto& files = head.download->info().files;
-    if (files.isEmpty() || files.constFirst().size < 0)
-        return -1;
-    return head.writeOffset + files.constFirst().size;
+    qint64 end = -1;
+    for (const SegmentInFlight& segment : m_inFlight) {
+        if (!segment.spillPath.isEmpty())
+            return -1;
+        qint64 size = segment.finished ? segment.size : -1;
+        if (!segment.finished && segment.download && segment.download->isFinalizing() &&
+            !segment.download->info().files.isEmpty())
+            size = segment.download->info().files.constFirst().size;
+        if (size < 0)
+            return -1;
+        end = segment.writeOffset + size;
+    }
+    return end;
 }
 
 void IndependentSegmentsDownloader::startNextSegment() {
@@ -600,10 +612,10 @@ bool IndependentSegmentsDownloader::stopSegmentDownloads() {
 }
 
 void IndependentSegmentsDownloader::onSegmentDownloadChanged(bool criticalChange) {
-    AbstractDownload* download = directHeadDownload();
-    if (!download || sender() != download)
-        return; // the bytes of a segment ahead reach the target only when it is appended
-    copyHeadIntoRecord(criticalChange);
+    // The bytes of other segments reach the record only when they become the head or are
+    // appended.
+    if (AbstractDownload* head = directHeadDownload(); head && sender() == head)
+        copyHeadIntoRecord(criticalChange);
     if (followOffset() >= 0)
         continueToDownloadSegments();
 }

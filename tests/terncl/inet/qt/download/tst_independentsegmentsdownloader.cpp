@@ -310,8 +310,8 @@ private Q_SLOTS:
         QTRY_COMPARE(spillFiles(), QStringList());
     }
 
-    // While the head only flushes its last bytes, the next segment writes where the head ends;
-    // the record takes it only once the head is counted.
+    // While the head only flushes its last bytes, the next segments write where the ones before
+    // them end; the record takes each only once the ones before it are counted.
     void nextSegmentFollowsAFinalizingHead() {
         const auto sources = addSegments({3000, 5000, 2000});
         planNextChild(sources[0], 3000, FakeDownload::Outcome::KeepRunning);
@@ -325,7 +325,9 @@ private Q_SLOTS:
         QTRY_COMPARE(m_factory->requests().size(), 2);
         QCOMPARE(m_factory->requests()[1].info.files[0].writeOffset, 3000);
         QCOMPARE(m_factory->requests()[1].info.files[0].tmpPath, temporary());
-        QTRY_COMPARE(m_factory->aliveDownloads().size(), 1); // the follower is done, uncounted
+        QTRY_COMPARE(m_factory->requests().size(), 3);
+        QCOMPARE(m_factory->requests()[2].info.files[0].writeOffset, 8000);
+        QTRY_COMPARE(m_factory->aliveDownloads().size(), 1); // the followers are done, uncounted
         QCOMPARE(segmentFinished.size(), 0);
         QCOMPARE(downloader->info().customData.value(Downloader::CurrentSegmentSourceKey),
                  QVariant(sources[0].toVariantHash()));
