@@ -31,17 +31,19 @@ class QtFfmpegAvMerger;
 //
 // Segments in flight: a window of consecutive segments from the first one not yet in the target
 // (the head). A child made while no other is in flight writes straight into the target at the
-// total, as the only child does when one segment at a time is fetched. So does the one made
-// while the head, alone in flight, only flushes its last bytes (isFinalizing() with a known
-// size): it follows at the offset where the head ends, so that fetching goes on while the head's
-// bytes reach the disk, and it enters the record only once the head is counted. Children made while
-// others are in flight ("ahead") write into a spill file of their own beside the target,
+// total, as the only child does when one segment at a time is fetched. So does one made while
+// every segment in flight writes straight into the target and only flushes its last bytes
+// (isFinalizing() with a known size) or is done: it follows at the offset where the last one
+// ends, so that fetching goes on while the writers thread catches up (at most four segments in
+// such a row), and it enters the record only once the ones before it are counted. Children made
+// while others are in flight ("ahead") write into a spill file of their own beside the target,
 // "<target>.seg<k>" with k below maxConcurrentSegments(), because the offset of a segment is
 // unknown until the ones before it end. When the head is done, finished spill files are appended to
 // the target in order on the writers thread (through one 1 MiB buffer) and removed. A later segment
 // finishing first waits; no segment beyond the window starts while the head is unfinished. Bounds,
-// for N segments at once: at most N children and N spill files, so the spill files hold at most N
-// times the largest segment on disk, and the downloader itself holds one 1 MiB buffer in memory.
+// for N segments at once: at most N children fetching (besides those of a row that only flush),
+// and N spill files, so the spill files hold at most N times the largest segment on disk, and the
+// downloader itself holds one 1 MiB buffer in memory.
 //
 // The record describes only what is in the target: the total of the segments appended in order,
 // and the half-done head when it writes straight into the target (its source and file record in
