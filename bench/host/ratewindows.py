@@ -19,8 +19,11 @@ def size_of(paths):
     for path in paths:
         if os.path.isdir(path):
             for entry in os.scandir(path):
-                if entry.is_file():
-                    total += entry.stat().st_size
+                try:
+                    if entry.is_file():
+                        total += entry.stat().st_size
+                except FileNotFoundError:
+                    pass  # removed since the listing (a spill file appended meanwhile)
         elif os.path.exists(path):
             total += os.stat(path).st_size
     return total

@@ -70,6 +70,14 @@ void CurlMulti::unpause(CurlTransfer* transfer) {
     m_timer.start(0);
 }
 
+QNetworkProxy CurlMulti::applicationProxy() {
+    if (!m_applicationProxyAge.isValid() || m_applicationProxyAge.elapsed() >= 1000) {
+        m_applicationProxy = QNetworkProxy::applicationProxy();
+        m_applicationProxyAge.start();
+    }
+    return m_applicationProxy;
+}
+
 void CurlMulti::applyPending() {
     // A handle to remove is still alive: transfers are deleted later, never inside callbacks.
     for (CURL* handle : std::exchange(m_pendingRemovals, {}))

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QElapsedTimer>
+#include <QNetworkProxy>
 #include <QObject>
 #include <QSet>
 #include <QTimer>
@@ -27,6 +29,10 @@ public:
     void add(CurlTransfer* transfer);
     void remove(CurlTransfer* transfer);
     void unpause(CurlTransfer* transfer);
+    // QNetworkProxy::applicationProxy(), asked again at most once a second: with the system's
+    // proxy configuration every answer is a round trip to a resolver thread of Qt's, too much for
+    // each segment of a stream. A change of the proxy reaches new transfers within that second.
+    QNetworkProxy applicationProxy();
 
 private:
     struct Watch {
@@ -49,4 +55,6 @@ private:
     QList<CurlTransfer*> m_pendingAdds;
     QList<CURL*> m_pendingRemovals;
     bool m_acting = false;
+    QNetworkProxy m_applicationProxy;
+    QElapsedTimer m_applicationProxyAge;
 };

@@ -86,7 +86,7 @@ void CurlTransfer::configure() {
 void CurlTransfer::configureProxy() {
     QNetworkProxy proxy = m_request.proxy;
     if (proxy.type() == QNetworkProxy::DefaultProxy)
-        proxy = QNetworkProxy::applicationProxy();
+        proxy = m_multi ? m_multi->applicationProxy() : QNetworkProxy::applicationProxy();
     switch (proxy.type()) {
     case QNetworkProxy::NoProxy:
         // Set on purpose, unlike the default: no proxy from the environment either.

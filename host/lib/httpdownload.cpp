@@ -573,8 +573,20 @@ void HttpDownload::endAttempt(Outcome outcome, const AbstractError& error) {
     // Every write the writer owes is reported by its own dataProcessed, so the attempt is drained
     // as soon as the last one arrives; waiting for an extra marker from the writers thread would
     // add a round trip to every segment of a stream.
-    if (!m_writer || m_confirmed == m_sentToWriter)
+    if (!m_writer || m_confirmed == m_sentToWriter) {
         onAttemptDrained();
+        return;
+    }
+    if (outcome == Outcome::Completed && !m_stopping) {
+        auto& record = file();
+        if (record.size < 0)
+            record.size = m_confirmedBase + m_sentToWriter;
+        Q_EMIT changed(false);
+    }
+}
+
+bool HttpDownload::isFinalizing() const {
+    return m_draining && m_outcome == Outcome::Completed && !m_stopping;
 }
 
 void HttpDownload::onDataProcessed(qint64 size) {

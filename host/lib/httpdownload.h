@@ -38,6 +38,8 @@ class QtAbstractNetworkPasswordsKeeper;
 // can be told what the segment must hold, so that an error page answered with 200 is refused
 // before a byte of it is written. The record's "done" bytes advance only once the writer has
 // flushed them, so a record saved at any moment never claims bytes that are not in the file.
+// While only the flush is left it counts as finalizing, announced by a change, so that a segments
+// downloader can start the next segment meanwhile.
 class HttpDownload final : public AbstractDownload {
     Q_OBJECT
 
@@ -101,6 +103,8 @@ public:
     AbstractDownloadTasksProgress tasksProgress() const override;
     bool isQueryingInfo() const override { return false; }
     bool isStopping() const override { return m_stopping; }
+    // Every byte has arrived and the file's size is known; the last ones are being flushed.
+    bool isFinalizing() const override;
     bool supportsWriteOffset() const override { return true; }
 
     void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override;

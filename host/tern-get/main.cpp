@@ -11,6 +11,9 @@
 
 #include <csignal>
 #include <fcntl.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <optional>
 #include <unistd.h>
 
@@ -38,6 +41,17 @@ void watchInterrupts(TernGetJob* job) {
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+}
+
+// Every segment of a stream allocates and frees the same few buffers of 128-256 KiB (libcurl's
+// receive buffer, a batch of bytes for the writer). With glibc's defaults these are mapped and
+// unmapped, or the heap grows and shrinks around them, each time, and first touching the new
+// pages costs more than copying the data into them. Fixed thresholds keep that memory mapped.
+void keepHeapMapped() {
+#ifdef __GLIBC__
+    ::mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
+    ::mallopt(M_TRIM_THRESHOLD, 8 * 1024 * 1024);
+#endif
 }
 
 // $XDG_STATE_HOME/tern-get, or ~/.local/state/tern-get.
@@ -118,6 +132,7 @@ std::optional<int> boundedNumber(const QString& text, int low, int high) {
 } // namespace
 
 int main(int argc, char** argv) {
+    keepHeapMapped();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("tern-get"));
     QCommandLineParser parser;

@@ -30,6 +30,11 @@
 namespace {
 const QString kMediaKind = QStringLiteral("media");
 constexpr int maxProbeBytes = 4 * 1024 * 1024;
+// The shortest time between two saves of a growing record. Over a real network a segment takes
+// longer than this, so each one is saved as it ends; on a fast link, where segments end every
+// millisecond, saving each would cost more than fetching it, and a kill costs the segments that
+// ended in this time besides those in flight.
+constexpr int minCriticalSaveIntervalMs = 50;
 
 QString errorText(const AbstractError& error) {
     const QString description = QString::fromStdString(error.description);
@@ -80,6 +85,8 @@ TernGetJob::TernGetJob(Options options, QObject* parent)
     m_saveTimer.setSingleShot(true);
     m_saveTimer.setInterval(500);
     connect(&m_saveTimer, &QTimer::timeout, this, &TernGetJob::save);
+    m_criticalSaveTimer.setSingleShot(true);
+    connect(&m_criticalSaveTimer, &QTimer::timeout, this, &TernGetJob::save);
     m_writers.setObjectName(QStringLiteral("writers"));
     m_writers.start();
     m_factory.reset(new HostDownloadsFactory(&m_writers));
@@ -415,8 +422,9 @@ void TernGetJob::launch(const QSharedPointer<AbstractDownload>& download) {
 
 // A record that claims fewer bytes than before (a download that starts its file over) is saved
 // at once, before the file shrinks: a record must never claim bytes the file has lost. Growing
-// records only ever trail the file, so their critical changes are saved once per pass of the
-// event loop, after the whole burst of changes a finished segment sets off.
+// records only ever trail the file, so their critical changes are saved after the whole burst of
+// changes a finished segment sets off, and no sooner than minCriticalSaveIntervalMs after the
+// last save.
 void TernGetJob::onChanged(bool critical) {
     if (critical && m_download->info().downloadedBytes() < m_savedBytes)
         save();
@@ -440,6 +448,12 @@ void TernGetJob::scheduleCriticalSave() {
     if (m_criticalSavePending)
         return;
     m_criticalSavePending = true;
+    const qint64 wait =
+        m_sinceSave.isValid() ? minCriticalSaveIntervalMs - m_sinceSave.elapsed() : 0;
+    if (wait > 0) {
+        m_criticalSaveTimer.start(int(wait));
+        return;
+    }
     QMetaObject::invokeMethod(
         this,
         [this] {
@@ -484,7 +498,9 @@ void TernGetJob::save() {
     if (!m_download || m_finished)
         return;
     m_saveTimer.stop();
+    m_criticalSaveTimer.stop();
     m_criticalSavePending = false;
+    m_sinceSave.start();
     RecordStore::Entry entry;
     entry.record = m_download->info();
     m_savedBytes = entry.record.downloadedBytes();
@@ -574,6 +590,7 @@ void TernGetJob::finish(int exitCode) {
     m_finished = true;
     m_progressTimer.stop();
     m_saveTimer.stop();
+    m_criticalSaveTimer.stop();
     Q_EMIT finished(exitCode);
 }
 

@@ -127,6 +127,8 @@ private:
     QString m_key;
     QTimer m_progressTimer;
     QTimer m_saveTimer;
+    QTimer m_criticalSaveTimer;
+    QElapsedTimer m_sinceSave;
     QElapsedTimer m_clock;
     qint64 m_startBytes = 0;
     QTextStream* m_err;

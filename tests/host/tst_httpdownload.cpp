@@ -13,6 +13,7 @@
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QSemaphore>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -206,6 +207,34 @@ private Q_SLOTS:
     void cleanup() {
         delete m_server;
         delete m_dir;
+    }
+
+    // Once every byte has arrived the download says it only flushes, with its size known, so that
+    // a segments downloader can start the next segment while the writer catches up.
+    void finalizingWhileTheLastBytesAreFlushed() {
+        const QByteArray body = pattern(300000, 5);
+        m_server->setResource(QStringLiteral("/w"), body);
+        QSemaphore writersHeld;
+        auto* holder = new QObject;
+        holder->moveToThread(&m_writers);
+        QMetaObject::invokeMethod(holder, [&writersHeld] { writersHeld.acquire(); });
+        QSharedPointer<HttpDownload> download(new HttpDownload(1, &m_network));
+        download->setInfo(record(QStringLiteral("/w")));
+        download->setWritersThread(&m_writers);
+        bool announced = false;
+        connect(download.data(), &AbstractDownload::changed, this,
+                [&] { announced = announced || download->isFinalizing(); });
+        download->doCommand(AbstractDownloadCommand::Start);
+        QTRY_VERIFY(download->isFinalizing());
+        QVERIFY(announced);
+        QCOMPARE(download->info().files[0].size, body.size());
+        QCOMPARE(download->info().downloadedBytes(), 0);
+        writersHeld.release();
+        QTRY_VERIFY(!download->isRunning());
+        QVERIFY(!download->isFinalizing());
+        QVERIFY(download->info().isFinished());
+        QCOMPARE(readFile(target()), body);
+        holder->deleteLater();
     }
 
     void wholeThenResumedThenRestartedOnPlain200() {

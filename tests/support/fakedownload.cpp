@@ -65,6 +65,15 @@ void FakeDownload::receive(qint64 bytes, int fileIndex) {
     Q_EMIT progressChanged(m_info.downloadedBytes(), m_info.totalSize());
 }
 
+void FakeDownload::enterFinalizing() {
+    for (auto& file : m_info.files) {
+        if (file.size < 0)
+            file.size = file.downloadedBytes();
+    }
+    m_finalizing = true;
+    Q_EMIT changed(false);
+}
+
 void FakeDownload::finish() {
     for (auto& file : m_info.files) {
         if (file.size < 0)
@@ -112,8 +121,10 @@ AbstractDownloadFileInfo& FakeDownload::ensureFile(int fileIndex) {
 }
 
 void FakeDownload::setRunningState(bool running) {
-    if (!running)
+    if (!running) {
         m_stopping = false;
+        m_finalizing = false;
+    }
     if (m_running == running)
         return;
     m_running = running;

@@ -68,6 +68,7 @@ public:
     AbstractDownloadTasksProgress tasksProgress() const override;
     bool isQueryingInfo() const override { return m_queryingInfo; }
     bool isStopping() const override { return m_stopping; }
+    bool isFinalizing() const override { return m_finalizing; }
 
     // What the download received.
     QList<AbstractDownloadCommand> commands() const { return m_commands; }
@@ -76,6 +77,9 @@ public:
 
     void setStopBehaviour(StopBehaviour behaviour) { m_stopBehaviour = behaviour; }
     void setQueryingInfo(bool querying) { m_queryingInfo = querying; }
+    // As a download does whose bytes have all arrived and only wait to be flushed: sizes
+    // unknown so far become the bytes received, then changed(false).
+    void enterFinalizing();
 
     // Scripting step by step.
     void startRunning();
@@ -111,5 +115,6 @@ private:
     bool m_running = false;
     bool m_stopping = false;
     bool m_queryingInfo = false;
+    bool m_finalizing = false;
     StopBehaviour m_stopBehaviour = StopBehaviour::Immediate;
 };

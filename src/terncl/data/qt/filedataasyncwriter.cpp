@@ -315,9 +315,12 @@ void FileDataAsyncWriter::fail(const AbstractError& error) {
 }
 
 void FileDataAsyncWriter::setLastError(const AbstractError& error) {
+    // Every open clears the error: reading the local time zone there would cost a file check per
+    // segment of a stream.
+    const QDateTime time = error.isSet() ? QDateTime::currentDateTime() : QDateTime();
     QMutexLocker locker(&m_errorMutex);
     m_lastError = error;
-    m_lastErrorTime = QDateTime::currentDateTime();
+    m_lastErrorTime = time;
 }
 
 bool FileDataAsyncWriter::hasError() const {

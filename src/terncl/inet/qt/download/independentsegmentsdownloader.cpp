@@ -30,6 +30,10 @@ const QString IndependentSegmentsDownloader::DownloadedSegmentsTotalKey =
 const QString IndependentSegmentsDownloader::SegmentSourceKey = QStringLiteral("segmentSource");
 
 namespace {
+// Segments that may write straight into the target one after another, all but the last only
+// waiting for the writers thread.
+constexpr int maxFollowingSegments = 4;
+
 AbstractError genericError(int code, const std::string& place, const QString& text) {
     return AbstractError(code, AbstractError::GenericError, place, text.toStdString());
 }
@@ -380,14 +384,41 @@ bool IndependentSegmentsDownloader::canStartAnotherSegment() const {
     if (m_inFlight.isEmpty())
         return true;
     // Spill files lie beside the target, so its name must be known first.
-    return m_inFlight.size() < maxConcurrentSegments() && !targetFilePath().isEmpty();
+    if (targetFilePath().isEmpty())
+        return false;
+    return m_inFlight.size() < maxConcurrentSegments() || followOffset() >= 0;
+}
+
+// Where the next segment may write straight into the target: where the last one in flight ends,
+// once every segment in flight writes straight into the target and has all its bytes (it only
+// flushes them, or is done); -1 before that. A writers thread that lags behind the network
+// holds the bytes of at most maxFollowingSegments segments.
+qint64 IndependentSegmentsDownloader::followOffset() const {
+    if (m_inFlight.isEmpty() || m_inFlight.size() >= maxFollowingSegments)
+        return -1;
+    qint64 end = -1;
+    for (const SegmentInFlight& segment : m_inFlight) {
+        if (!segment.spillPath.isEmpty())
+            return -1;
+        qint64 size = segment.finished ? segment.size : -1;
+        if (!segment.finished && segment.download && segment.download->isFinalizing() &&
+            !segment.download->info().files.isEmpty())
+            size = segment.download->info().files.constFirst().size;
+        if (size < 0)
+            return -1;
+        end = segment.writeOffset + size;
+    }
+    return end;
 }
 
 void IndependentSegmentsDownloader::startNextSegment() {
     SegmentInFlight segment;
     segment.serial = m_nextSerial++;
     segment.index = m_currentIndex + int(m_inFlight.size());
-    if (!m_inFlight.isEmpty()) {
+    segment.writeOffset = segmentsTotal();
+    if (const qint64 offset = followOffset(); offset >= 0) {
+        segment.writeOffset = offset;
+    } else if (!m_inFlight.isEmpty()) {
         segment.spillSlot = freeSpillSlot();
         segment.spillPath = spillPath(segment.spillSlot);
         // A spill file left by a killed run must not lengthen the new one.
@@ -419,7 +450,9 @@ IndependentSegmentsDownloader::createSegmentDownload(const SegmentInFlight& segm
     const AbstractDownloadSourceInfo& source = m_sources.at(segment.index);
     auto& customData = m_info.customData;
     const bool ahead = !segment.spillPath.isEmpty();
-    const bool resume = !ahead && customData.contains(CurrentSegmentSourceKey) &&
+    // Only the head is in the record; the segment that follows it enters when the head is done.
+    const bool head = m_inFlight.isEmpty();
+    const bool resume = head && customData.contains(CurrentSegmentSourceKey) &&
                         customData.contains(CurrentSegmentFileKey);
     if (resume) {
         const auto stored = AbstractDownloadSourceInfo::fromVariantHash(
@@ -433,12 +466,12 @@ IndependentSegmentsDownloader::createSegmentDownload(const SegmentInFlight& segm
                                      .arg(source.url.toString()));
             return {};
         }
-    } else if (!ahead) {
+    } else if (head) {
         customData.insert(CurrentSegmentSourceKey, source.toVariantHash());
     }
     AbstractError factoryError;
     const auto download =
-        factory->createDownload(makeSegmentInfo(source, resume, segment.spillPath), factoryError);
+        factory->createDownload(makeSegmentInfo(source, resume, segment), factoryError);
     if (!download) {
         error = genericError(ChildCreationFailedCode, TERNCL_SOURCE_PLACE,
                              QStringLiteral("cannot create the download of segment %1: %2")
@@ -447,8 +480,10 @@ IndependentSegmentsDownloader::createSegmentDownload(const SegmentInFlight& segm
         return {};
     }
     log(QStringLiteral("%1 segment %2 of %3: %4")
-            .arg(resume ? QStringLiteral("resuming")
-                        : (ahead ? QStringLiteral("fetching ahead") : QStringLiteral("fetching")))
+            .arg(resume  ? QStringLiteral("resuming")
+                 : ahead ? QStringLiteral("fetching ahead")
+                 : head  ? QStringLiteral("fetching")
+                         : QStringLiteral("fetching after the head"))
             .arg(segment.index)
             .arg(m_sources.size())
             .arg(source.url.toString()));
@@ -468,7 +503,8 @@ IndependentSegmentsDownloader::createSegmentDownload(const SegmentInFlight& segm
 
 AbstractDownloadPersistentInfo
 IndependentSegmentsDownloader::makeSegmentInfo(const AbstractDownloadSourceInfo& source,
-                                               bool resume, const QString& spillPath) const {
+                                               bool resume, const SegmentInFlight& segment) const {
+    const QString& spillPath = segment.spillPath;
     AbstractDownloadPersistentInfo info;
     setupChildOriginatorName(info);
     info.downloadType = AbstractDownloadType::Resource;
@@ -504,7 +540,7 @@ IndependentSegmentsDownloader::makeSegmentInfo(const AbstractDownloadSourceInfo&
         file.tmpPath = spillPath;
     else if (const QString target = targetFilePath(); !target.isEmpty())
         file.tmpPath = target;
-    file.writeOffset = spillPath.isEmpty() ? segmentsTotal() : 0;
+    file.writeOffset = spillPath.isEmpty() ? segment.writeOffset : 0;
     info.files = {file};
     return info;
 }
@@ -576,9 +612,16 @@ bool IndependentSegmentsDownloader::stopSegmentDownloads() {
 }
 
 void IndependentSegmentsDownloader::onSegmentDownloadChanged(bool criticalChange) {
-    AbstractDownload* download = directHeadDownload();
-    if (!download || sender() != download)
-        return; // the bytes of a segment ahead reach the target only when it is appended
+    // The bytes of other segments reach the record only when they become the head or are
+    // appended.
+    if (AbstractDownload* head = directHeadDownload(); head && sender() == head)
+        copyHeadIntoRecord(criticalChange);
+    if (followOffset() >= 0)
+        continueToDownloadSegments();
+}
+
+void IndependentSegmentsDownloader::copyHeadIntoRecord(bool criticalChange) {
+    const AbstractDownload* download = directHeadDownload();
     const auto& segmentInfo = download->info();
     if (segmentInfo.files.isEmpty())
         return;
@@ -666,14 +709,35 @@ bool IndependentSegmentsDownloader::commitHead() {
     removeCurrentSegmentDownloadInfo(false);
     ++m_currentIndex;
     log(QStringLiteral("segment %1 finished: %2 bytes").arg(head.index).arg(head.size));
+    const bool followed = takeOverFollower();
     Q_EMIT segmentFinished();
     Q_EMIT changed(false);
     if (head.size != 0)
-        return isRunning();
+        return followed && isRunning();
     if (isRunning() && !testState(Stopping))
         stop(genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
                           QStringLiteral("segment %1 has no data").arg(head.index)));
     return false;
+}
+
+// The segment that followed the head into the target is the head now, and the record takes it.
+bool IndependentSegmentsDownloader::takeOverFollower() {
+    if (m_inFlight.isEmpty() || !m_inFlight.constFirst().spillPath.isEmpty())
+        return true;
+    const SegmentInFlight& head = m_inFlight.constFirst();
+    if (head.writeOffset != segmentsTotal()) {
+        stop(genericError(InconsistentSegmentsCode, TERNCL_SOURCE_PLACE,
+                          QStringLiteral("segment %1 was written at %2, but the segments before "
+                                         "it end at %3")
+                              .arg(head.index)
+                              .arg(head.writeOffset)
+                              .arg(segmentsTotal())));
+        return false;
+    }
+    m_info.customData.insert(CurrentSegmentSourceKey, m_sources.at(head.index).toVariantHash());
+    if (head.download && !head.download->info().files.isEmpty())
+        copyHeadIntoRecord(false);
+    return true;
 }
 
 void IndependentSegmentsDownloader::appendSpilledHead() {

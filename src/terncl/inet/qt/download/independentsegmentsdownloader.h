@@ -31,14 +31,19 @@ class QtFfmpegAvMerger;
 //
 // Segments in flight: a window of consecutive segments from the first one not yet in the target
 // (the head). A child made while no other is in flight writes straight into the target at the
-// total, as the only child does when one segment at a time is fetched. Children made while
-// others are in flight ("ahead") write into a spill file of their own beside the target,
+// total, as the only child does when one segment at a time is fetched. So does one made while
+// every segment in flight writes straight into the target and only flushes its last bytes
+// (isFinalizing() with a known size) or is done: it follows at the offset where the last one
+// ends, so that fetching goes on while the writers thread catches up (at most four segments in
+// such a row), and it enters the record only once the ones before it are counted. Children made
+// while others are in flight ("ahead") write into a spill file of their own beside the target,
 // "<target>.seg<k>" with k below maxConcurrentSegments(), because the offset of a segment is
 // unknown until the ones before it end. When the head is done, finished spill files are appended to
 // the target in order on the writers thread (through one 1 MiB buffer) and removed. A later segment
 // finishing first waits; no segment beyond the window starts while the head is unfinished. Bounds,
-// for N segments at once: at most N children and N spill files, so the spill files hold at most N
-// times the largest segment on disk, and the downloader itself holds one 1 MiB buffer in memory.
+// for N segments at once: at most N children fetching (besides those of a row that only flush),
+// and N spill files, so the spill files hold at most N times the largest segment on disk, and the
+// downloader itself holds one 1 MiB buffer in memory.
 //
 // The record describes only what is in the target: the total of the segments appended in order,
 // and the half-done head when it writes straight into the target (its source and file record in
@@ -57,7 +62,8 @@ class QtFfmpegAvMerger;
 // - It has exactly one file record, with sections relative to the segment itself (offset 0 is
 //   the segment's first byte). A child that writes straight into the target has tmpPath = the
 //   parent's target file on disk (the parent's file tmpPath if set, else destinationPath + "/" +
-//   name) and writeOffset = the segments total at its creation. When the parent has no file record
+//   name) and writeOffset = the segments total at its creation (for the one that follows a
+//   finalizing head: the offset where the head ends). When the parent has no file record
 //   yet, the child's has neither name nor tmpPath: the child names the file and the parent takes
 //   its name, and its tmpPath if it set one (no segment is fetched ahead until then). A child
 //   fetching ahead has tmpPath = its spill file, removed on the writers thread before the
@@ -67,6 +73,9 @@ class QtFfmpegAvMerger;
 //   file, counts a byte as done only once the writer has flushed it, and reports finished only
 //   after its last byte is on disk. Its file's resumeSupport says whether a half-done segment
 //   can continue where it stopped; if not, it is fetched again from its first byte.
+// - It may report isFinalizing() once every byte has arrived and only the flush is left, with
+//   its file's size set and announced by changed(); the next segment starts then. A child that
+//   never does is simply followed once it has finished.
 // - Every child gets the parent's whole network usage settings: children in flight together
 //   must draw on one shared budget for the speed limit to hold across them (as the host's
 //   shared token bucket does).
@@ -183,7 +192,8 @@ private:
         QSharedPointer<AbstractDownload> download; // null once the child has stopped
         QString spillPath; // empty: the child writes straight into the target
         int spillSlot = -1;
-        qint64 size = -1; // known once finished
+        qint64 writeOffset = 0; // in the target, when it writes straight into it
+        qint64 size = -1;       // known once finished
         bool finished = false;
         bool appending = false; // its spill file is being appended to the target
     };
@@ -201,6 +211,7 @@ private:
     void continueToDownloadSegments();
     void stepDownloadSegments();
     bool canStartAnotherSegment() const;
+    qint64 followOffset() const;
     void startNextSegment();
     bool checkNeedStandardFileOp();
     bool hasPendingFilesWork() const;
@@ -208,7 +219,8 @@ private:
     QSharedPointer<AbstractDownload> createSegmentDownload(const SegmentInFlight& segment,
                                                            AbstractError& error);
     AbstractDownloadPersistentInfo makeSegmentInfo(const AbstractDownloadSourceInfo& source,
-                                                   bool resume, const QString& spillPath) const;
+                                                   bool resume,
+                                                   const SegmentInFlight& segment) const;
     void connectSegmentDownload(AbstractDownload* download);
     void onSegmentConnectionsChanged(const QtConnectionsMap& delta);
     void releaseSegmentDownload(SegmentInFlight& segment);
@@ -217,6 +229,8 @@ private:
     void onSegmentStopped(AbstractDownload* download);
     void commitFinishedSegments();
     bool commitHead();
+    bool takeOverFollower();
+    void copyHeadIntoRecord(bool critical);
     void appendSpilledHead();
     void onSegmentAppended(quint64 serial, const AbstractError& error);
     void afterSegmentEvent();

@@ -300,6 +300,36 @@ private Q_SLOTS:
         QTRY_COMPARE(spillFiles(), QStringList());
     }
 
+    // While the head only flushes its last bytes, the next segments write where the ones before
+    // them end; the record takes each only once the ones before it are counted.
+    void nextSegmentFollowsAFinalizingHead() {
+        const auto sources = addSegments({3000, 5000, 2000});
+        planNextChild(sources[0], 3000, FakeDownload::Outcome::KeepRunning);
+        auto downloader = make(record(), sources);
+        QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
+        downloader->doCommand(AbstractDownloadCommand::Start);
+        QTRY_COMPARE(childDone(), 3000);
+        const auto head = m_factory->aliveDownloads().constFirst();
+        QCOMPARE(m_factory->requests().size(), 1);
+        head->enterFinalizing();
+        QTRY_COMPARE(m_factory->requests().size(), 2);
+        QCOMPARE(m_factory->requests()[1].info.files[0].writeOffset, 3000);
+        QCOMPARE(m_factory->requests()[1].info.files[0].tmpPath, temporary());
+        QTRY_COMPARE(m_factory->requests().size(), 3);
+        QCOMPARE(m_factory->requests()[2].info.files[0].writeOffset, 8000);
+        QTRY_COMPARE(m_factory->aliveDownloads().size(), 1); // the followers are done, uncounted
+        QCOMPARE(segmentFinished.size(), 0);
+        QCOMPARE(downloader->info().customData.value(Downloader::CurrentSegmentSourceKey),
+                 QVariant(sources[0].toVariantHash()));
+        QCOMPARE(recordedTotal(*downloader), 0);
+
+        head->finish();
+        QTRY_VERIFY(!downloader->isRunning());
+        QVERIFY(saved(*downloader, target()));
+        QCOMPARE(requestedSegments(), u"0 1 2"_s);
+        QCOMPARE(segmentFinished.size(), 3);
+    }
+
     // A failing segment stops the others; the record holds only what is in the file, in order,
     // and the next start fetches again at most the segments that were in flight.
     void failingSegmentStopsAllThenResumes_data() {
