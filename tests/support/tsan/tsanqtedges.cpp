@@ -372,6 +372,7 @@ bool isJumpedInto(const Segment& text, std::uintptr_t site, std::size_t length) 
 // "lock subl $1,(%reg)". Each such drop is replaced by a call to code that tells ThreadSanitizer
 // what the atomic decrement means (acquire and release on the counter), saving every register
 // QtCore may still need, and then does the drop itself, leaving its flags for the branch after.
+// Another counter dropped in the same shape means the same thing, so matching it too is sound.
 int annotateSlotObjectDrops(const Segment& text, NearJumps& jumps) {
     int annotated = 0;
     for (std::uintptr_t site = text.begin; site + 8 <= text.end; ++site) {
