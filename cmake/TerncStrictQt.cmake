@@ -21,8 +21,8 @@ if(TERNCL_SANITIZE)
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   target_link_options(terncl_build_settings INTERFACE -fsanitize=address,undefined)
 endif()
-# ThreadSanitizer: a build of its own, since it cannot be combined with AddressSanitizer. Qt is
-# not instrumented; .ci/tsan.supp names the reports that come from inside Qt.
+# ThreadSanitizer: a build of its own, since it cannot be combined with AddressSanitizer.
+# .ci/tsan.supp names the reports that come from inside uninstrumented libraries.
 option(TERNCL_SANITIZE_THREAD "Build with ThreadSanitizer" OFF)
 if(TERNCL_SANITIZE_THREAD)
   if(TERNCL_SANITIZE)
@@ -30,6 +30,17 @@ if(TERNCL_SANITIZE_THREAD)
   endif()
   target_compile_options(terncl_build_settings INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
   target_link_options(terncl_build_settings INTERFACE -fsanitize=thread)
+  # QtCore's own synchronisation is invisible unless QtCore is instrumented too, so a small
+  # library tells ThreadSanitizer about it; turn this off when building against such a QtCore.
+  # It goes first on every link line, ahead of QtCore, so that its definitions of QtCore's entry
+  # points are the ones found.
+  option(TERNCL_TSAN_QT_EDGES "Model an uninstrumented QtCore's synchronisation for TSan" ON)
+  if(TERNCL_TSAN_QT_EDGES)
+    add_subdirectory("${PROJECT_SOURCE_DIR}/tests/support/tsan" tsan-qt-edges)
+    target_link_libraries(terncl_build_settings INTERFACE $<BUILD_INTERFACE:terncl_tsan_qt_edges>)
+    target_link_options(terncl_build_settings INTERFACE "LINKER:--push-state,--no-as-needed"
+      "$<TARGET_FILE:terncl_tsan_qt_edges>" "LINKER:--pop-state")
+  endif()
 endif()
 
 # Adds a library sub-directory's sources and public headers to the library.
