@@ -602,8 +602,10 @@ bool IndependentSegmentsDownloader::stopSegmentDownloads() {
         if (segment.download && segment.download->isRunning())
             running.append(segment.download);
     }
+    // A child that only flushes bytes it already has ends by itself and is counted, instead of
+    // being fetched again by the next run.
     for (const auto& download : std::as_const(running)) {
-        if (download->isRunning() && !download->isStopping())
+        if (download->isRunning() && !download->isStopping() && !download->isFinalizing())
             download->doCommand(AbstractDownloadCommand::Stop); // may finish the stop
     }
     return std::any_of(m_inFlight.cbegin(), m_inFlight.cend(), [](const SegmentInFlight& segment) {
