@@ -36,7 +36,7 @@ if(TERNCL_SANITIZE_THREAD)
   # points are the ones found.
   option(TERNCL_TSAN_QT_EDGES "Model an uninstrumented QtCore's synchronisation for TSan" ON)
   if(TERNCL_TSAN_QT_EDGES)
-    add_subdirectory("${PROJECT_SOURCE_DIR}/tests/support/tsan" tsan-qt-edges)
+    add_subdirectory("${PROJECT_SOURCE_DIR}/tools/tsan-qt-edges" tsan-qt-edges)
     target_link_libraries(terncl_build_settings INTERFACE $<BUILD_INTERFACE:terncl_tsan_qt_edges>)
     target_link_options(terncl_build_settings INTERFACE "LINKER:--push-state,--no-as-needed"
       "$<TARGET_FILE:terncl_tsan_qt_edges>" "LINKER:--pop-state")
