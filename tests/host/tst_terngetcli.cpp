@@ -15,6 +15,7 @@
 #include <QLocalServer>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -248,73 +249,65 @@ private Q_SLOTS:
 
     // A record is a claim about its .part: one that no longer holds is lowered to what the file
     // has, and an impossible one is set aside; either way the result is exact.
-    void resumeChecksTheDataFile_data() {
-        QTest::addColumn<int>("partBytes");    // -1: no .part
-        QTest::addColumn<int>("garbageBytes"); // appended to the .part
-        QTest::addColumn<qint64>("offset");
-        QTest::addColumn<qint64>("done");
-        QTest::addColumn<bool>("setAside");
-        QTest::addColumn<QByteArray>("warning");
-        QTest::addColumn<bool>("finished"); // killed after the data was complete
-        const QByteArray pastSize("cannot be resumed (a section past");
-        QTest::newRow("part missing")
-            << -1 << 0 << 0ll << 100000ll << false << ".part is missing"_ba << false;
-        QTest::newRow("part cut short") << 50000 << 0 << 0ll << 100000ll << false
-                                        << "holds 50000 bytes, fewer than the 100000"_ba << false;
-        QTest::newRow("part past the end")
-            << 100000 << 150000 << 0ll << 100000ll << false << QByteArray() << false;
-        QTest::newRow("done past the size")
-            << 100000 << 0 << 0ll << 300000ll << true << pastSize << false;
-        QTest::newRow("section past the size")
-            << 100000 << 0 << 250000ll << 10ll << true << pastSize << false;
-        // The whole .part is there, only the rename was missed.
-        QTest::newRow("finished") << 200000 << 0 << 0ll << 200000ll << false << QByteArray()
-                                  << true;
-    }
-
     void resumeChecksTheDataFile() {
-        QFETCH(int, partBytes);
-        QFETCH(int, garbageBytes);
-        QFETCH(qint64, offset);
-        QFETCH(qint64, done);
-        QFETCH(bool, setAside);
-        QFETCH(QByteArray, warning);
-        QFETCH(bool, finished);
         const QByteArray data = randomBytes(200000);
         const auto server = serve(u"/r.bin"_s, data);
         QVERIFY(server);
         const QUrl url = server->url(u"/r.bin"_s);
         const QString output = m_dir.filePath(u"resume/r.bin"_s);
         const QString part = output + u".part"_s;
-        QFile::remove(output);
-        QFile::remove(part);
-        if (partBytes >= 0)
-            QVERIFY(writeFile(part, data.left(partBytes) + randomBytes(garbageBytes)));
-        RecordStore::Entry entry;
-        entry.record.moduleName = HostDownloadsFactory::HttpModule;
-        entry.record.resourceUrl = url.toString(QUrl::FullyEncoded);
-        entry.record.destinationPath = QFileInfo(output).path();
-        AbstractDownloadFileInfo file;
-        file.name = QFileInfo(output).fileName();
-        file.tmpPath = part;
-        file.size = data.size();
-        file.sections = {{offset, -1, done}};
-        entry.record.files = {file};
-        if (finished)
-            entry.record.state = AbstractDownloadPersistentInfo::Finished;
-        entry.host = {{u"kind"_s, u"file"_s}, {u"output"_s, output}};
-        QString error;
-        QVERIFY2(
-            RecordStore(state()).save(entry.record.resourceUrl + u'\n' + output, entry, &error),
-            qPrintable(error));
-
-        const Run result = run(args(url, output));
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        QVERIFY2(result.err.contains(warning), result.err.constData());
-        QCOMPARE(readFile(output), data);
-        QCOMPARE(QDir(state()).entryList({u"*.rejected-*"_s}, QDir::Files).size(),
-                 setAside ? 1 : 0);
-        QVERIFY(!finished || server->accessLog().isEmpty());
+        const char* const pastSize = "cannot be resumed (a section past";
+        const struct {
+            const char* tag;
+            int partBytes;    // -1: no .part
+            int garbageBytes; // appended to the .part
+            qint64 offset, done;
+            bool setAside;
+            const char* warning;
+            bool finished; // killed after the data was complete, only the rename was missed
+        } rows[] = {{"part missing", -1, 0, 0, 100000, false, ".part is missing", false},
+                    {"part cut short", 50000, 0, 0, 100000, false,
+                     "holds 50000 bytes, fewer than the 100000", false},
+                    {"part past the end", 100000, 150000, 0, 100000, false, "", false},
+                    {"done past the size", 100000, 0, 0, 300000, true, pastSize, false},
+                    {"section past the size", 100000, 0, 250000, 10, true, pastSize, false},
+                    {"finished", 200000, 0, 0, 200000, false, "", true}};
+        for (const auto& row : rows) {
+            const auto tag = qScopeGuard([&] {
+                if (QTest::currentTestFailed())
+                    qWarning("in row \"%s\"", row.tag);
+            });
+            cleanup();
+            QFile::remove(output);
+            QFile::remove(part);
+            if (row.partBytes >= 0)
+                QVERIFY(writeFile(part, data.left(row.partBytes) + randomBytes(row.garbageBytes)));
+            RecordStore::Entry entry;
+            entry.record.moduleName = HostDownloadsFactory::HttpModule;
+            entry.record.resourceUrl = url.toString(QUrl::FullyEncoded);
+            entry.record.destinationPath = QFileInfo(output).path();
+            AbstractDownloadFileInfo file;
+            file.name = QFileInfo(output).fileName();
+            file.tmpPath = part;
+            file.size = data.size();
+            file.sections = {{row.offset, -1, row.done}};
+            entry.record.files = {file};
+            if (row.finished)
+                entry.record.state = AbstractDownloadPersistentInfo::Finished;
+            entry.host = {{u"kind"_s, u"file"_s}, {u"output"_s, output}};
+            QString error;
+            QVERIFY2(
+                RecordStore(state()).save(entry.record.resourceUrl + u'\n' + output, entry, &error),
+                qPrintable(error));
+            const qsizetype requests = server->accessLog().size();
+            const Run result = run(args(url, output));
+            QVERIFY2(result.exitCode == 0, result.err.constData());
+            QVERIFY2(result.err.contains(row.warning), result.err.constData());
+            QCOMPARE(readFile(output), data);
+            QCOMPARE(QDir(state()).entryList({u"*.rejected-*"_s}, QDir::Files).size(),
+                     row.setAside ? 1 : 0);
+            QVERIFY(!row.finished || server->accessLog().size() == requests);
+        }
     }
 
     void playlistsCannotReachLocalFiles() {
