@@ -7,18 +7,17 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-using namespace Qt::StringLiterals;
-
 namespace {
-const auto noBus = u"unix:path=/nonexistent/bus"_s;
+const auto noBus = QStringLiteral("unix:path=/nonexistent/bus");
 
 // A laptop's power-supply folders: one battery and the mains adapter.
 bool writeSupplies(const QTemporaryDir& root, bool mains) {
-    return writeFile(root.filePath(u"BAT0/type"_s), "Battery\n") &&
-           writeFile(root.filePath(u"BAT0/capacity"_s), "70\n") &&
-           writeFile(root.filePath(u"BAT0/status"_s), mains ? "Not charging\n" : "Discharging\n") &&
-           writeFile(root.filePath(u"AC/type"_s), "Mains\n") &&
-           writeFile(root.filePath(u"AC/online"_s), mains ? "1\n" : "0\n");
+    return writeFile(root.filePath(QStringLiteral("BAT0/type")), "Battery\n") &&
+           writeFile(root.filePath(QStringLiteral("BAT0/capacity")), "70\n") &&
+           writeFile(root.filePath(QStringLiteral("BAT0/status")),
+                     mains ? "Not charging\n" : "Discharging\n") &&
+           writeFile(root.filePath(QStringLiteral("AC/type")), "Mains\n") &&
+           writeFile(root.filePath(QStringLiteral("AC/online")), mains ? "1\n" : "0\n");
 }
 } // namespace
 
@@ -62,7 +61,7 @@ private Q_SLOTS:
         QVERIFY(BatterySpeedLimit(&battery, 0, 1000).onBattery());
 
         // A desktop: no battery and no mains supply folder either.
-        QtLinuxBatteryInfo none(noBus, root.filePath(u"none"_s), 5);
+        QtLinuxBatteryInfo none(noBus, root.filePath(QStringLiteral("none")), 5);
         const BatterySpeedLimit desktop(&none, 2000, 1000);
         QVERIFY(!desktop.onBattery());
         QCOMPARE(desktop.limit(), qint64(2000));

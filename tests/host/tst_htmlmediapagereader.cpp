@@ -2,11 +2,9 @@
 
 #include <QTest>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 using Reader = HtmlMediaPageReader;
-const QUrl pageUrl(u"https://site/watch/page.html?id=1"_s);
+const QUrl pageUrl(QStringLiteral("https://site/watch/page.html?id=1"));
 } // namespace
 
 class TestHtmlMediaPageReader : public QObject {
@@ -31,7 +29,7 @@ private Q_SLOTS:
         AbstractError error;
         const auto page = Reader::parse(html, pageUrl, &error);
         QCOMPARE(error.code, 0);
-        QCOMPARE(page.title, u"Caf\u00e9 clip"_s);
+        QCOMPARE(page.title, QStringLiteral("Caf\u00e9 clip"));
         QCOMPARE(page.refusedLinks, 2); // the local file and the blob
         QCOMPARE(page.links.size(), 6);
         const auto check = [&](int i, const char* url, Reader::LinkKind kind, const char* format) {
@@ -43,7 +41,7 @@ private Q_SLOTS:
         check(1, "https://site/media/clip.webm", Reader::LinkKind::MediaFile, "webm");
         check(2, "https://site/media/master.m3u8", Reader::LinkKind::HlsPlaylist, "");
         check(3, "https://site/media/stream", Reader::LinkKind::MediaFile, "mp4");
-        QCOMPARE(page.links.at(3).mimeType, u"video/mp4"_s);
+        QCOMPARE(page.links.at(3).mimeType, QStringLiteral("video/mp4"));
         check(4, "https://site/media/Show.MPD", Reader::LinkKind::DashManifest, "");
         check(5, "https://other/Song.M4A#t=1", Reader::LinkKind::MediaFile, "m4a");
     }
@@ -58,8 +56,8 @@ private Q_SLOTS:
             << QByteArray("<meta property=og:video content=https://site/embed/1>"
                           "<meta property=og:video:type content=text/html><a href=a.html>a</a>")
             << pageUrl << 0;
-        QTest::newRow("local page")
-            << QByteArray("<video src=clip.mp4>") << QUrl(u"file:///srv/p.html"_s) << 1;
+        QTest::newRow("local page") << QByteArray("<video src=clip.mp4>")
+                                    << QUrl(QStringLiteral("file:///srv/p.html")) << 1;
         QTest::newRow("local base")
             << QByteArray("<base href=\"file:///\"><a href=x.mp4>") << pageUrl << 1;
     }
