@@ -2,9 +2,11 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Reader = DashManifestReader;
-const QUrl base(QStringLiteral("http://host/dash/manifest.mpd"));
+const QUrl base(u"http://host/dash/manifest.mpd"_s);
 
 Reader::Manifest parse(const QByteArray& text, AbstractError* error) {
     return Reader::parse(text, base, error);
@@ -59,29 +61,27 @@ private Q_SLOTS:
         const auto& v1 = manifest.representations.at(0);
         QVERIFY(v1.kind == Reader::Kind::Video && v1.width == 640 && v1.height == 360);
         QCOMPARE(v1.frameRate, 30000.0 / 1001);
-        QCOMPARE(urls(v1), QStringList({QStringLiteral("https://cdn/base/p/v1/init.mp4"),
-                                        QStringLiteral("https://cdn/base/p/v1/900-007.m4s?$"),
-                                        QStringLiteral("https://cdn/base/p/v1/900-008.m4s?$")}));
+        QCOMPARE(urls(v1), QStringList({u"https://cdn/base/p/v1/init.mp4"_s,
+                                        u"https://cdn/base/p/v1/900-007.m4s?$"_s,
+                                        u"https://cdn/base/p/v1/900-008.m4s?$"_s}));
         // The initialization comes from the adaptation set's template. Without a time in the
         // next entry, r="-1" repeats up to the end of the period (PT5S).
         QCOMPARE(urls(manifest.representations.at(1)),
-                 QStringList({QStringLiteral("https://cdn/base/p/v2/init.mp4"),
-                              QStringLiteral("https://cdn/base/p/t/0.m4s"),
-                              QStringLiteral("https://cdn/base/p/t/2.m4s"),
-                              QStringLiteral("https://cdn/base/p/t/4.m4s")}));
+                 QStringList({u"https://cdn/base/p/v2/init.mp4"_s, u"https://cdn/base/p/t/0.m4s"_s,
+                              u"https://cdn/base/p/t/2.m4s"_s, u"https://cdn/base/p/t/4.m4s"_s}));
         const auto& a1 = manifest.representations.at(2);
-        QCOMPARE(a1.language, QStringLiteral("de"));
+        QCOMPARE(a1.language, u"de"_s);
         QVERIFY(a1.kind == Reader::Kind::Audio);
         QCOMPARE(a1.audioSamplingRate, 48000); // from the adaptation set
-        QCOMPARE(urls(a1), QStringList({QStringLiteral("https://cdn/base/p/a.mp4"),
-                                        QStringLiteral("https://cdn/base/p/a.mp4"),
-                                        QStringLiteral("https://cdn/base/p/b.mp4")}));
+        QCOMPARE(urls(a1),
+                 QStringList({u"https://cdn/base/p/a.mp4"_s, u"https://cdn/base/p/a.mp4"_s,
+                              u"https://cdn/base/p/b.mp4"_s}));
         QCOMPARE(a1.segments.at(1).rangeOffset, 100);
         QCOMPARE(a1.segments.at(1).rangeSize, 100);
         QCOMPARE(a1.exactSize, 250);
         const auto& a2 = manifest.representations.at(3);
         QVERIFY(a2.singleFile && !a2.hasInitSegment);
-        QCOMPARE(urls(a2), QStringList({QStringLiteral("http://other/a2.m4a")}));
+        QCOMPARE(urls(a2), QStringList({u"http://other/a2.m4a"_s}));
         QCOMPARE(a2.exactSize, -1);
     }
 
@@ -96,41 +96,41 @@ private Q_SLOTS:
         const int malformed = MediaParse::Malformed;
         QTest::newRow("not well-formed")
             << QByteArray("<MPD>\n<Period>\n</MPD>") << malformed
-            << QStringLiteral("Manifest line 3, column 6: Opening and ending tag mismatch");
+            << u"Manifest line 3, column 6: Opening and ending tag mismatch"_s;
         QTest::newRow("not a manifest") << QByteArray("<html/>") << malformed
-                                        << QStringLiteral("Manifest line 1, column 7: "
-                                                          "not a DASH manifest");
+                                        << u"Manifest line 1, column 7: "
+                                           "not a DASH manifest"_s;
         QTest::newRow("live") << mpd("<Period/>", "type=\"dynamic\"")
                               << int(MediaParse::Unsupported)
-                              << QStringLiteral("live manifests (type=\"dynamic\")");
+                              << u"live manifests (type=\"dynamic\")"_s;
         QTest::newRow("encrypted")
             << mpd(period("<ContentProtection schemeIdUri=\"urn:mpeg:dash:mp4protection:2011\" "
                           "value=\"cenc\"/><Representation id=\"1\" bandwidth=\"1\"/>"))
-            << int(MediaParse::Unsupported) << QStringLiteral("encrypted stream: cenc");
+            << int(MediaParse::Unsupported) << u"encrypted stream: cenc"_s;
         QTest::newRow("local base")
             << mpd("<BaseURL>file:///etc/</BaseURL><Period/>") << int(MediaParse::ForbiddenUri)
-            << QStringLiteral("URI refused (only http and https are allowed): file:///etc/");
+            << u"URI refused (only http and https are allowed): file:///etc/"_s;
         QTest::newRow("script segment")
             << mpd(period("<Representation id=\"1\" bandwidth=\"1\"><SegmentList>"
                           "<SegmentURL media=\"javascript:x()\"/></SegmentList></Representation>"))
-            << int(MediaParse::ForbiddenUri) << QStringLiteral("URI refused");
+            << int(MediaParse::ForbiddenUri) << u"URI refused"_s;
         QTest::newRow("unknown identifier")
             << mpd(period("<SegmentTemplate media=\"$Nmber$\" duration=\"1\"/>"
                           "<Representation id=\"1\" bandwidth=\"1\"/>"))
-            << malformed << QStringLiteral("template identifier $Nmber$ cannot be used here");
+            << malformed << u"template identifier $Nmber$ cannot be used here"_s;
         QTest::newRow("no media") << mpd(period("<Representation id=\"r\" bandwidth=\"1\"/>"))
-                                  << malformed << QStringLiteral("representation r names no media");
+                                  << malformed << u"representation r names no media"_s;
         QTest::newRow("empty timeline")
             << mpd(period("<Representation id=\"r\" bandwidth=\"1\"><SegmentTemplate "
                           "media=\"$Time$\"><SegmentTimeline/></SegmentTemplate></Representation>"))
-            << malformed << QStringLiteral("representation r lists no segments");
+            << malformed << u"representation r lists no segments"_s;
         QTest::newRow("two periods") << mpd("<Period/><Period/>") << int(MediaParse::Unsupported)
-                                     << QStringLiteral("manifests of 2 periods");
+                                     << u"manifests of 2 periods"_s;
         QTest::newRow("endless")
             << mpd(period(
                    "<SegmentTemplate media=\"$Number$\" duration=\"1\" timescale=\"1000000\"/>"
                    "<Representation id=\"1\" bandwidth=\"1\"/>"))
-            << int(MediaParse::Unsupported) << QStringLiteral("more than 300000 segments");
+            << int(MediaParse::Unsupported) << u"more than 300000 segments"_s;
     }
     void refusedManifestsSayWhy() {
         QFETCH(QByteArray, text);
@@ -140,8 +140,7 @@ private Q_SLOTS:
         const auto manifest = parse(text, &error);
         QCOMPARE(error.code, code);
         const QString description = QString::fromStdString(error.description);
-        QVERIFY2(description.startsWith(QStringLiteral("Manifest line ")) &&
-                     description.contains(expected),
+        QVERIFY2(description.startsWith(u"Manifest line "_s) && description.contains(expected),
                  qPrintable(description));
         QVERIFY(manifest.representations.isEmpty());
     }

@@ -3,8 +3,10 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
-const QUrl base(QStringLiteral("http://host/video/index.m3u8"));
+const QUrl base(u"http://host/video/index.m3u8"_s);
 
 HlsPlaylistReader::Playlist parse(const char* text, AbstractError* error) {
     return HlsPlaylistReader::parse(QByteArray(text), base, error);
@@ -27,11 +29,11 @@ private Q_SLOTS:
         QVERIFY(playlist.complete);
         QVERIFY(!playlist.isMaster && !playlist.hasInitSegment);
         QCOMPARE(playlist.segments.size(), 3);
-        QCOMPARE(playlist.segments.at(0).url, QUrl(QStringLiteral("http://host/video/seg0.ts")));
-        QCOMPARE(playlist.segments.at(1).url, QUrl(QStringLiteral("http://host/abs/seg1.ts")));
-        QCOMPARE(playlist.segments.at(2).url, QUrl(QStringLiteral("https://cdn/seg2.ts?x=1")));
+        QCOMPARE(playlist.segments.at(0).url, QUrl(u"http://host/video/seg0.ts"_s));
+        QCOMPARE(playlist.segments.at(1).url, QUrl(u"http://host/abs/seg1.ts"_s));
+        QCOMPARE(playlist.segments.at(2).url, QUrl(u"https://cdn/seg2.ts?x=1"_s));
         QCOMPARE(playlist.totalDurationSeconds, 5.5);
-        QCOMPARE(playlist.format, QStringLiteral("ts"));
+        QCOMPARE(playlist.format, u"ts"_s);
         QCOMPARE(playlist.exactSize, -1);
 
         QVERIFY(!parse("#EXTM3U\n#EXTINF:2,\na.ts\n", &error).complete); // live
@@ -46,12 +48,12 @@ private Q_SLOTS:
         QCOMPARE(error.code, 0);
         QVERIFY(playlist.hasInitSegment);
         QCOMPARE(playlist.segments.size(), 3);
-        QCOMPARE(playlist.segments.at(0).url, QUrl(QStringLiteral("http://host/video/init.mp4")));
+        QCOMPARE(playlist.segments.at(0).url, QUrl(u"http://host/video/init.mp4"_s));
         QCOMPARE(playlist.segments.at(0).rangeSize, 700);
         QCOMPARE(playlist.segments.at(1).rangeOffset, 700);
         QCOMPARE(playlist.segments.at(2).rangeOffset, 1700);
         QCOMPARE(playlist.segments.at(2).rangeSize, 500);
-        QCOMPARE(playlist.format, QStringLiteral("mp4"));
+        QCOMPARE(playlist.format, u"mp4"_s);
         QCOMPARE(playlist.exactSize, 2200);
     }
 
@@ -74,25 +76,23 @@ private Q_SLOTS:
         QVERIFY(playlist.isMaster);
         QCOMPARE(playlist.variants.size(), 3);
         // The highest bandwidth, neither the first nor the last variant.
-        QCOMPARE(HlsPlaylistReader::bestVariant(playlist),
-                 QUrl(QStringLiteral("http://host/video/360.m3u8")));
+        QCOMPARE(HlsPlaylistReader::bestVariant(playlist), QUrl(u"http://host/video/360.m3u8"_s));
         QCOMPARE(HlsPlaylistReader::bestVariant({}), QUrl());
         const auto& top = playlist.variants.at(0);
-        QCOMPARE(top.url, QUrl(QStringLiteral("http://host/video/1080.m3u8")));
+        QCOMPARE(top.url, QUrl(u"http://host/video/1080.m3u8"_s));
         QCOMPARE(top.averageBandwidth, 2000000);
         QCOMPARE(top.width, 1920);
         QCOMPARE(top.height, 1080);
         QCOMPARE(top.frameRate, 29.97);
-        QCOMPARE(top.codecs,
-                 QStringList({QStringLiteral("avc1.640028"), QStringLiteral("mp4a.40.2")}));
-        QCOMPARE(top.audioGroup, QStringLiteral("aud"));
-        QCOMPARE(top.subtitlesGroup, QStringLiteral("subs"));
+        QCOMPARE(top.codecs, QStringList({u"avc1.640028"_s, u"mp4a.40.2"_s}));
+        QCOMPARE(top.audioGroup, u"aud"_s);
+        QCOMPARE(top.subtitlesGroup, u"subs"_s);
         QCOMPARE(playlist.renditions.size(), 4);
         const auto& german = playlist.renditions.at(0);
         QVERIFY(german.isDefault && german.type == HlsPlaylistReader::RenditionType::Audio);
-        QCOMPARE(german.language, QStringLiteral("de"));
-        QCOMPARE(german.name, QStringLiteral("Deutsch"));
-        QCOMPARE(german.url, QUrl(QStringLiteral("http://host/video/audio/de.m3u8")));
+        QCOMPARE(german.language, u"de"_s);
+        QCOMPARE(german.name, u"Deutsch"_s);
+        QCOMPARE(german.url, QUrl(u"http://host/video/audio/de.m3u8"_s));
         QVERIFY(!playlist.renditions.at(1).isDefault);
         QCOMPARE(playlist.renditions.at(2).type, HlsPlaylistReader::RenditionType::Subtitles);
         QVERIFY(playlist.renditions.at(3).url.isEmpty());
@@ -151,7 +151,7 @@ private Q_SLOTS:
         QFETCH(QString, expected);
         QFETCH(int, code);
         AbstractError error;
-        const QUrl localBase(QStringLiteral("file:///srv/index.m3u8"));
+        const QUrl localBase(u"file:///srv/index.m3u8"_s);
         const auto playlist = HlsPlaylistReader::parse(
             text, QTest::currentDataTag() == QByteArray("relative to a file") ? localBase : base,
             &error);
@@ -161,7 +161,7 @@ private Q_SLOTS:
                  error.description.c_str());
         QVERIFY(playlist.segments.isEmpty() && playlist.variants.isEmpty());
         // What a refused URI points to is never read, so it cannot be quoted either.
-        QVERIFY(!QString::fromStdString(error.description).contains(QStringLiteral("root:")));
+        QVERIFY(!QString::fromStdString(error.description).contains(u"root:"_s));
     }
 };
 

@@ -8,13 +8,15 @@
 #include <QTest>
 #include <QThread>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 AbstractDownloadPersistentInfo record(const QString& module, const QString& url) {
     AbstractDownloadPersistentInfo info;
     info.moduleName = module;
     info.resourceUrl = url;
     AbstractDownloadFileInfo file;
-    file.name = QStringLiteral("file.bin");
+    file.name = u"file.bin"_s;
     info.files.append(file);
     return info;
 }
@@ -30,16 +32,14 @@ private Q_SLOTS:
         QThread writers;
         const auto shared = QSharedPointer<HostDownloadsFactory>::create(&writers);
         HostDownloadsFactory& factory = *shared;
-        QCOMPARE(
-            factory.modulesKeeper()->modulesUids(),
-            (QList<QString>{QStringLiteral("http"), QStringLiteral("downloadsfragments"),
-                            QStringLiteral("downloadsm3ustm"), QStringLiteral("downloadswww")}));
-        const QString url = QStringLiteral("http://127.0.0.1:1/file.bin");
+        QCOMPARE(factory.modulesKeeper()->modulesUids(),
+                 (QList<QString>{u"http"_s, u"downloadsfragments"_s, u"downloadsm3ustm"_s,
+                                 u"downloadswww"_s}));
+        const QString url = u"http://127.0.0.1:1/file.bin"_s;
         AbstractError error;
         // Named or not (then the first module that takes the address), a plain file.
         qint64 lastId = 0;
-        for (const QString& module :
-             {QStringLiteral("http"), QStringLiteral("downloadswww"), QString()}) {
+        for (const QString& module : {u"http"_s, u"downloadswww"_s, QString()}) {
             const auto download = factory.createDownload(record(module, url), error);
             QVERIFY2(qobject_cast<HttpDownload*>(download.data()), qPrintable(error.toText()));
             QCOMPARE(download->info().resourceUrl, url);
@@ -47,19 +47,16 @@ private Q_SLOTS:
             lastId = download->id();
         }
         // The media children by their module names: a size query's child only probes.
-        auto sizeOnly = record(QStringLiteral("downloadswww"), url);
+        auto sizeOnly = record(u"downloadswww"_s, url);
         sizeOnly.setFlag(AbstractDownloadPersistentInfo::SizeQueryOnly);
         QVERIFY(qobject_cast<SizeProbeDownload*>(factory.createDownload(sizeOnly, error).data()));
-        const QVariantHash initData{{QStringLiteral("source"), url}};
+        const QVariantHash initData{{u"source"_s, url}};
         QVERIFY(qobject_cast<StreamSegmentsDownload*>(
-            factory
-                .createModuleDownload(QStringLiteral("downloadsm3ustm"), record({}, {}), initData,
-                                      error)
+            factory.createModuleDownload(u"downloadsm3ustm"_s, record({}, {}), initData, error)
                 .data()));
         for (const auto& [module, address] :
-             {std::pair{QStringLiteral("unknown"), url},
-              std::pair{QString(), QStringLiteral("ftp://127.0.0.1/file.bin")},
-              std::pair{QStringLiteral("http"), QStringLiteral("ftp://127.0.0.1/file.bin")}}) {
+             {std::pair{u"unknown"_s, url}, std::pair{QString(), u"ftp://127.0.0.1/file.bin"_s},
+              std::pair{u"http"_s, u"ftp://127.0.0.1/file.bin"_s}}) {
             error = {};
             QVERIFY(!factory.createDownload(record(module, address), error));
             QVERIFY(error.isSet());

@@ -18,6 +18,10 @@
 #include <QTest>
 #include <QThread>
 
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
 // The children of a media download, made by module name, against nginx serving ffmpeg's streams.
 // A child restored from its record must not fetch its done segments again, and a DASH
 // representation must come out remuxed: neither shows in the merged result of a media run.
@@ -34,23 +38,17 @@ private:
     QSharedPointer<QtFfmpegAvMerger> m_merger;
 
     MediaChildren::Context context() {
-        MediaChildren::Context context;
-        context.factory = m_factory;
-        context.speedMeter = m_speedMeter;
-        context.merger = m_merger;
-        context.network = m_factory->network();
-        context.writersThread = &m_writers;
-        return context;
+        return {m_factory, m_speedMeter, m_merger, m_factory->network(), &m_writers, 1, {}};
     }
 
     AbstractDownloadPersistentInfo recordFor(const QString& name) const {
         AbstractDownloadPersistentInfo record;
         record.uuid = QUuid::createUuid();
-        record.destinationPath = m_dir.filePath(QStringLiteral("out"));
+        record.destinationPath = m_dir.filePath(u"out"_s);
         QDir().mkpath(record.destinationPath);
         AbstractDownloadFileInfo file;
         file.name = name;
-        file.tmpPath = QDir(record.destinationPath).filePath(name + QStringLiteral(".part"));
+        file.tmpPath = QDir(record.destinationPath).filePath(name + u".part"_s);
         record.files.append(file);
         return record;
     }
@@ -86,17 +84,16 @@ private Q_SLOTS:
         if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
             QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
         QString error;
-        const QString www = m_dir.filePath(QStringLiteral("www"));
-        QVERIFY2(FfmpegTestMedia::makeHls(www + QStringLiteral("/ts"), 4, 1, false, &error),
-                 qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeDash(www + QStringLiteral("/dash"), 4, 1, false, &error),
+        const QString www = m_dir.filePath(u"www"_s);
+        QVERIFY2(FfmpegTestMedia::makeHls(www + u"/ts"_s, 4, 1, false, &error), qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www + u"/dash"_s, 4, 1, false, &error),
                  qPrintable(error));
         m_nginx.reset(new NginxServer(www));
         QVERIFY2(m_nginx->start(&error), qPrintable(error));
         m_writers.start();
         m_factory.reset(new HostDownloadsFactory(&m_writers));
         m_ffmpeg.reset(new QtFfmpegManager(QFileInfo(FfmpegTestMedia::ffmpeg()).absolutePath(),
-                                           QStringLiteral("ffmpeg"), {}));
+                                           u"ffmpeg"_s, {}));
         m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));
     }
 
@@ -108,13 +105,12 @@ private Q_SLOTS:
     // Stopped after its first segment and restored from its record, an HLS child ends with the
     // segments byte for byte, none of them fetched twice.
     void hlsStreamResumesFromItsRecord() {
-        const QString playlist = m_dir.filePath(QStringLiteral("www/ts/index.m3u8"));
+        const QString playlist = m_dir.filePath(u"www/ts/index.m3u8"_s);
         QByteArray all;
         for (const QString& segment : FfmpegTestMedia::segmentFiles(playlist))
             all += readFile(segment);
-        const QVariantHash initData{
-            {QStringLiteral("source"), m_nginx->url(QStringLiteral("/ts/index.m3u8"))}};
-        auto first = create(MediaVersions::HlsModule, recordFor(QStringLiteral("v.ts")), initData);
+        const QVariantHash initData{{u"source"_s, m_nginx->url(u"/ts/index.m3u8"_s)}};
+        auto first = create(MediaVersions::HlsModule, recordFor(u"v.ts"_s), initData);
         QVERIFY(first);
         QVERIFY(run(first.data(), 1));
         const auto saved = first->info();
@@ -125,38 +121,34 @@ private Q_SLOTS:
         auto second = create(MediaVersions::HlsModule, saved, QVariant());
         QVERIFY(run(second.data()));
         QVERIFY2(second->info().isFinished(), second->lastError().toText().toUtf8().constData());
-        QCOMPARE(readFile(m_dir.filePath(QStringLiteral("out/v.ts"))), all);
+        QCOMPARE(readFile(m_dir.filePath(u"out/v.ts"_s)), all);
         const QString firstSegment =
-            QStringLiteral("/ts/") +
-            QFileInfo(FfmpegTestMedia::segmentFiles(playlist).at(0)).fileName();
-        int fetched = 0;
-        for (const auto& access : m_nginx->accessLog())
-            fetched += access.path == firstSegment ? 1 : 0;
-        QCOMPARE(fetched, 1);
+            u"/ts/"_s + QFileInfo(FfmpegTestMedia::segmentFiles(playlist).at(0)).fileName();
+        const auto log = m_nginx->accessLog();
+        QCOMPARE(std::count_if(log.cbegin(), log.cend(),
+                               [&](const auto& access) { return access.path == firstSegment; }),
+                 qsizetype(1));
     }
 
     void dashRepresentationIsJoinedAndRemuxed() {
-        const QUrl manifestUrl = m_nginx->url(QStringLiteral("/dash/manifest.mpd"));
+        const QUrl manifestUrl = m_nginx->url(u"/dash/manifest.mpd"_s);
         AbstractError error;
         const auto manifest = DashManifestReader::parse(
-            readFile(m_dir.filePath(QStringLiteral("www/dash/manifest.mpd"))), manifestUrl, &error);
+            readFile(m_dir.filePath(u"www/dash/manifest.mpd"_s)), manifestUrl, &error);
         QVERIFY(!error.isSet());
         const auto listing = MediaVersions::fromDash(manifest, manifestUrl);
         const auto& audio = listing.versions.constLast();
         QCOMPARE(audio.media.type, int(AbstractDownloadResourceVersionSelector::AudioOnly));
-        const QVariantHash initData{{QStringLiteral("source"), manifestUrl},
-                                    {QStringLiteral("initData"), audio.details}};
-        auto download =
-            create(MediaVersions::FragmentsModule, recordFor(QStringLiteral("a.m4s")), initData);
+        const QVariantHash initData{{u"source"_s, manifestUrl}, {u"initData"_s, audio.details}};
+        auto download = create(MediaVersions::FragmentsModule, recordFor(u"a.m4s"_s), initData);
         QVERIFY(download);
         QVERIFY(run(download.data()));
         QVERIFY2(download->info().isFinished(),
                  download->lastError().toText().toUtf8().constData());
         QStringList streams;
         double duration = 0;
-        QVERIFY(FfmpegTestMedia::probe(m_dir.filePath(QStringLiteral("out/a.mp4")), &streams,
-                                       &duration));
-        QCOMPARE(streams, QStringList{QStringLiteral("audio")});
+        QVERIFY(FfmpegTestMedia::probe(m_dir.filePath(u"out/a.mp4"_s), &streams, &duration));
+        QCOMPARE(streams, QStringList{u"audio"_s});
         QVERIFY2(qAbs(duration - 4) < 0.5, QByteArray::number(duration).constData());
     }
 };

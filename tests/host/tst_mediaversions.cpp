@@ -2,11 +2,13 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Selector = AbstractDownloadResourceVersionSelector;
-const QUrl masterUrl(QStringLiteral("https://host/show/master.m3u8"));
+const QUrl masterUrl(u"https://host/show/master.m3u8"_s);
 
-const MediaVersions::Request request{{{"Cookie", "a=1"}}, QUrl(QStringLiteral("https://site/"))};
+const MediaVersions::Request request{{{"Cookie", "a=1"}}, QUrl(u"https://site/"_s)};
 
 // The ids of the versions from the first on, separated by blanks.
 QString ids(const MediaVersions::Listing& listing, int first = 0) {
@@ -46,15 +48,14 @@ private Q_SLOTS:
         const auto listing = MediaVersions::fromHlsMaster(master, masterUrl, request);
         QCOMPARE(
             ids(listing),
-            QStringLiteral(
-                "hls-1080p-2500k+audio-de hls-1080p-2500k+audio-en hls-720p-1200k+audio-de "
-                "hls-720p-1200k+audio-en hls-360p-600k hls-360p-600k-2 hls-audio-de hls-audio-en"));
+            u"hls-1080p-2500k+audio-de hls-1080p-2500k+audio-en hls-720p-1200k+audio-de "
+            "hls-720p-1200k+audio-en hls-360p-600k hls-360p-600k-2 hls-audio-de hls-audio-en"_s);
         const auto& top = listing.versions.at(0);
         QCOMPARE(top.parts.size(), 2);
         QCOMPARE(top.media.type, int(Selector::VideoWithAudio));
         QCOMPARE(top.media.height, 1080);
-        QCOMPARE(top.media.language, QStringLiteral("de"));
-        QCOMPARE(top.media.format, QStringLiteral("ts"));
+        QCOMPARE(top.media.language, u"de"_s);
+        QCOMPARE(top.media.format, u"ts"_s);
         const auto& video = top.parts.at(0);
         const auto& audio = top.parts.at(1);
         QCOMPARE(video.media.type, int(Selector::VideoOnly));
@@ -63,19 +64,19 @@ private Q_SLOTS:
         QCOMPARE(video.originType, int(MediaVersions::HlsStream));
         const auto sources = MediaVersions::sources(audio);
         QCOMPARE(sources.size(), 1);
-        QCOMPARE(sources.at(0).url, QUrl(QStringLiteral("https://host/show/de.m3u8")));
+        QCOMPARE(sources.at(0).url, QUrl(u"https://host/show/de.m3u8"_s));
         QCOMPARE(sources.at(0).requestHeaders, request.headers);
-        QCOMPARE(audio.requestHeaders, QList<QString>({QStringLiteral("Cookie: a=1")}));
+        QCOMPARE(audio.requestHeaders, QList<QString>({u"Cookie: a=1"_s}));
         QCOMPARE(audio.referrer, request.referrer);
         // An HEVC variant without audio codecs is video only, in fragmented MP4; without CODECS
         // the variant is taken to carry its audio.
         QCOMPARE(listing.versions.at(4).media.type, int(Selector::VideoOnly));
-        QCOMPARE(listing.versions.at(4).media.format, QStringLiteral("mp4"));
+        QCOMPARE(listing.versions.at(4).media.format, u"mp4"_s);
         QCOMPARE(listing.versions.at(5).media.type, int(Selector::VideoWithAudio));
         QCOMPARE(listing.subtitles.size(), 1);
-        QCOMPARE(MediaVersions::id(listing.subtitles.at(0)), QStringLiteral("hls-subs-en"));
-        QCOMPARE(MediaVersions::indexOf(listing.versions, QStringLiteral("HLS-AUDIO-EN")), 7);
-        QCOMPARE(MediaVersions::indexOf(listing.versions, QStringLiteral("hls")), -1);
+        QCOMPARE(MediaVersions::id(listing.subtitles.at(0)), u"hls-subs-en"_s);
+        QCOMPARE(MediaVersions::indexOf(listing.versions, u"HLS-AUDIO-EN"_s), 7);
+        QCOMPARE(MediaVersions::indexOf(listing.versions, u"hls"_s), -1);
     }
 
     // Sizes are unknown until a media playlist is read; then exact with byte ranges, otherwise
@@ -92,7 +93,7 @@ private Q_SLOTS:
                               "#EXTINF:6,\n2.m4s\n#EXT-X-ENDLIST\n");
         MediaVersions::applyMediaPlaylist(&version, 0, fmp4);
         QCOMPARE(version.parts.at(0).fragmentCount, 2);
-        QCOMPARE(version.media.format, QStringLiteral("mp4"));
+        QCOMPARE(version.media.format, u"mp4"_s);
         QCOMPARE(version.media.duration, 10);
         QVERIFY(MediaVersions::needsRemux(version.parts.at(0)));
         const auto estimate = MediaVersions::sizeOf(version);
@@ -113,28 +114,27 @@ private Q_SLOTS:
         DashManifestReader::Manifest manifest;
         manifest.durationSeconds = 8;
         DashManifestReader::Representation video;
-        video.mimeType = QStringLiteral("video/mp4");
+        video.mimeType = u"video/mp4"_s;
         video.height = 720;
         video.bandwidth = 1200000;
         video.hasInitSegment = true;
         video.segments.resize(5);
         DashManifestReader::Representation audio;
         audio.kind = DashManifestReader::Kind::Audio;
-        audio.mimeType = QStringLiteral("audio/mp4");
+        audio.mimeType = u"audio/mp4"_s;
         audio.bandwidth = 128000;
         audio.singleFile = true;
-        audio.url = QUrl(QStringLiteral("https://cdn/a.m4a"));
+        audio.url = QUrl(u"https://cdn/a.m4a"_s);
         audio.segments.resize(1);
         audio.exactSize = 1000;
         DashManifestReader::Representation subtitles = audio;
         subtitles.kind = DashManifestReader::Kind::Text;
-        subtitles.language = QStringLiteral("en");
+        subtitles.language = u"en"_s;
         manifest.representations = {video, audio, audio, subtitles, subtitles};
-        manifest.representations[2].language = QStringLiteral("en");
+        manifest.representations[2].language = u"en"_s;
         auto listing = MediaVersions::fromDash(manifest, masterUrl, request);
-        QCOMPARE(ids(listing),
-                 QStringLiteral("dash-720p-1200k+audio-128k dash-720p-1200k+audio-en-128k "
-                                "dash-audio-128k dash-audio-en-128k"));
+        QCOMPARE(ids(listing), u"dash-720p-1200k+audio-128k dash-720p-1200k+audio-en-128k "
+                               "dash-audio-128k dash-audio-en-128k"_s);
         const auto& composite = listing.versions.at(0);
         QCOMPARE(composite.parts.at(0).protocol, MediaVersions::FragmentsModule);
         QCOMPARE(composite.parts.at(0).fragmentCount, 4);
@@ -147,19 +147,19 @@ private Q_SLOTS:
         QVERIFY(MediaVersions::sizeOf(composite).estimated);
         QCOMPARE(listing.versions.at(2).originType, int(MediaVersions::PlainFile));
         QCOMPARE(listing.subtitles.size(), 2);
-        QCOMPARE(MediaVersions::id(listing.subtitles.at(1)), QStringLiteral("dash-subs-en-2"));
+        QCOMPARE(MediaVersions::id(listing.subtitles.at(1)), u"dash-subs-en-2"_s);
 
         AbstractError error;
         const auto page =
             HtmlMediaPageReader::parse("<a href=x.mp4>v</a><a href=x.m3u8>s</a><a href=a.m4a>a</a>",
-                                       QUrl(QStringLiteral("https://site/p")), &error);
-        const auto files = MediaVersions::fromPage(page, QUrl(QStringLiteral("https://site/p")));
-        QCOMPARE(ids(files), QStringLiteral("file-1 file-2"));
+                                       QUrl(u"https://site/p"_s), &error);
+        const auto files = MediaVersions::fromPage(page, QUrl(u"https://site/p"_s));
+        QCOMPARE(ids(files), u"file-1 file-2"_s);
         QCOMPARE(files.versions.at(1).media.type, int(Selector::AudioOnly));
-        QCOMPARE(files.versions.at(0).referrer, QUrl(QStringLiteral("https://site/p")));
+        QCOMPARE(files.versions.at(0).referrer, QUrl(u"https://site/p"_s));
         MediaVersions::append(&listing, files);
         MediaVersions::append(&listing, files);
-        QCOMPARE(ids(listing, 4), QStringLiteral("file-1 file-2 file-1-2 file-2-2"));
+        QCOMPARE(ids(listing, 4), u"file-1 file-2 file-1-2 file-2-2"_s);
     }
 };
 

@@ -16,6 +16,8 @@
 
 #include <csignal>
 
+using namespace Qt::StringLiterals;
+
 // tern-get fetching four segments at once, killed outright at random moments and run again each
 // time, must end with the stream byte for byte, every record it saved on the way must claim
 // only bytes that are in the file, and no segment such a record counts as done is fetched again.
@@ -28,22 +30,18 @@ private:
     QList<qint64> m_prefixSize; // [i]: bytes of the first i segments
     QStringList m_names;        // the segments' file names in order
 
-    QString state() const { return m_dir.filePath(QStringLiteral("state")); }
+    QString state() const { return m_dir.filePath(u"state"_s); }
 
     // The saved record agrees with the host's count of finished segments, put in done, and
     // with the file.
     void checkSavedState(int* done) {
-        const QStringList saved = QDir(state()).entryList({QStringLiteral("*.json")}, QDir::Files);
+        const QStringList saved = QDir(state()).entryList({u"*.json"_s}, QDir::Files);
         if (saved.isEmpty())
             return; // killed before the first save
-        const QJsonObject root =
-            QJsonDocument::fromJson(readFile(QDir(state()).filePath(saved.constFirst()))).object();
+        const auto root = QJsonDocument::fromJson(readFile(QDir(state()).filePath(saved[0])));
         const auto record = AbstractDownloadPersistentInfo::fromJson(
-            QJsonDocument(root.value(QStringLiteral("record")).toObject()).toJson());
-        *done = root.value(QStringLiteral("host"))
-                    .toObject()
-                    .value(QStringLiteral("segmentsDone"))
-                    .toInt();
+            QJsonDocument(root[u"record"_s].toObject()).toJson());
+        *done = root[u"host"_s][u"segmentsDone"_s].toInt();
         const qint64 total =
             record.customData.value(IndependentSegmentsDownloader::DownloadedSegmentsTotalKey)
                 .toLongLong();
@@ -57,38 +55,32 @@ private Q_SLOTS:
     void killedAtRandomMomentsEndsByteExact() {
         if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
             QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
-        const QString stream = m_dir.filePath(QStringLiteral("www/s"));
+        const QString stream = m_dir.filePath(u"www/s"_s);
         QString error;
         QVERIFY2(FfmpegTestMedia::makeHls(stream, 60, 0.5, false, &error), qPrintable(error));
-        const QStringList segments =
-            FfmpegTestMedia::segmentFiles(stream + QStringLiteral("/index.m3u8"));
+        const QStringList segments = FfmpegTestMedia::segmentFiles(stream + u"/index.m3u8"_s);
         m_prefixSize = {0};
         for (const auto& segment : segments) {
             m_all += readFile(segment);
             m_names.append(QFileInfo(segment).fileName());
             m_prefixSize.append(m_all.size());
         }
-        NginxServer nginx(m_dir.filePath(QStringLiteral("www")));
+        NginxServer nginx(m_dir.filePath(u"www"_s));
         QVERIFY2(nginx.start(&error), qPrintable(error));
-        const QString output = m_dir.filePath(QStringLiteral("out/s.ts"));
-        const QStringList args{nginx.url(QStringLiteral("/s/index.m3u8")).toString(),
-                               QStringLiteral("-o"),
-                               output,
-                               QStringLiteral("--state-dir"),
-                               state(),
-                               QStringLiteral("-N"),
-                               QStringLiteral("4")};
+        const QString output = m_dir.filePath(u"out/s.ts"_s);
+        const QStringList args = QStringList{nginx.url(u"/s/index.m3u8"_s).toString(), u"-o"_s,
+                                             output, u"--state-dir"_s, state()}
+                                 << u"-N"_s << u"4"_s;
         const quint32 seed = QRandomGenerator::global()->generate();
         QRandomGenerator random(seed);
         constexpr int kills = 20;
-        int resumed = 0; // kills after which the saved state held only bytes that are in the file
         int done = 0;
         QList<std::pair<qsizetype, int>> doneAt; // the access log's length at a kill, and done
         for (int i = 0; i < kills; ++i) {
             QProcess run;
             // Slow enough for every run to end with segments in flight.
             run.start(QStringLiteral(TERN_GET_PATH),
-                      args + QStringList{QStringLiteral("--limit-rate"), QStringLiteral("100k")});
+                      args + QStringList{u"--limit-rate"_s, u"100k"_s});
             QVERIFY(run.waitForStarted());
             QTest::qWait(int(random.bounded(1500))); // the random moment is the point
             QVERIFY2(run.state() == QProcess::Running, qPrintable(QString::number(seed)));
@@ -97,8 +89,7 @@ private Q_SLOTS:
             checkSavedState(&done);
             doneAt.append({nginx.accessLog().size(), done});
             if (QTest::currentTestFailed())
-                QFAIL(qPrintable(QStringLiteral("seed %1, kill %2").arg(seed).arg(i)));
-            ++resumed;
+                QFAIL(qPrintable(u"seed %1, kill %2"_s.arg(seed).arg(i)));
         }
 
         QProcess last;
@@ -106,10 +97,10 @@ private Q_SLOTS:
         QVERIFY(last.waitForFinished(120000));
         QVERIFY2(last.exitCode() == 0, last.readAllStandardError().constData());
         QCOMPARE(readFile(output), m_all);
-        qInfo("SIGKILL at random moments: %d/%d resumed, result byte-exact (seed %u)", resumed,
-              kills, seed);
-        QCOMPARE(QDir(m_dir.filePath(QStringLiteral("out"))).entryList(QDir::Files),
-                 QStringList{QStringLiteral("s.ts")}); // no spill file left behind
+        qInfo("SIGKILL at random moments: %d/%d resumed, result byte-exact (seed %u)", kills, kills,
+              seed);
+        QCOMPARE(QDir(m_dir.filePath(u"out"_s)).entryList(QDir::Files),
+                 QStringList{u"s.ts"_s}); // no spill file left behind
         // A kill costs the segments in flight, and at most one finished in the moment before
         // its record was saved; a segment saved as done is never fetched again.
         int fetches = 0;
@@ -119,7 +110,7 @@ private Q_SLOTS:
             while (kill < doneAt.size() && doneAt.at(kill).first <= i)
                 done = doneAt.at(kill++).second;
             const QString name = log.at(i).path.section(u'/', -1);
-            fetches += name.endsWith(QStringLiteral(".ts")) ? 1 : 0;
+            fetches += name.endsWith(u".ts"_s) ? 1 : 0;
             QVERIFY2(m_names.indexOf(name) < 0 || m_names.indexOf(name) >= done, qPrintable(name));
         }
         QVERIFY2(fetches <= segments.size() + kills * (4 + 1),

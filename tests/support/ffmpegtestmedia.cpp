@@ -9,6 +9,8 @@
 #include <QProcess>
 #include <QStandardPaths>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 bool run(const QString& program, const QStringList& args, QByteArray* output, QString* error) {
     QProcess process;
@@ -16,7 +18,7 @@ bool run(const QString& program, const QStringList& args, QByteArray* output, QS
     const bool ok = process.waitForFinished(120000) &&
                     process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     if (!ok && error) {
-        *error = program + QStringLiteral(" failed: ") +
+        *error = program + u" failed: "_s +
                  QString::fromUtf8(process.readAllStandardError().right(2000));
     }
     if (ok && output)
@@ -29,29 +31,29 @@ QStringList words(const QString& line) {
     return line.split(u' ');
 }
 
-const QString quiet = QStringLiteral("-hide_banner -loglevel error -y ");
+const QString quiet = u"-hide_banner -loglevel error -y "_s;
 const QString videoAndAudio =
-    QStringLiteral("-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
-                   "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
-                   "expr:gte(t,n_forced*%2) -c:a aac ");
+    u"-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
+    "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
+    "expr:gte(t,n_forced*%2) -c:a aac "_s;
 } // namespace
 
 QString FfmpegTestMedia::ffmpeg() {
-    return QStandardPaths::findExecutable(QStringLiteral("ffmpeg"));
+    return QStandardPaths::findExecutable(u"ffmpeg"_s);
 }
 
 QString FfmpegTestMedia::ffprobe() {
-    return QStandardPaths::findExecutable(QStringLiteral("ffprobe"));
+    return QStandardPaths::findExecutable(u"ffprobe"_s);
 }
 
 bool FfmpegTestMedia::makeVideoOnly(const QString& path, int seconds, QString* error) {
-    const QString line = quiet + QStringLiteral("-f lavfi -i testsrc2=size=160x120:rate=25 -t %1 "
-                                                "-c:v mpeg4");
+    const QString line = quiet + u"-f lavfi -i testsrc2=size=160x120:rate=25 -t %1 "
+                                 "-c:v mpeg4"_s;
     return run(ffmpeg(), words(line.arg(seconds)) << path, nullptr, error);
 }
 
 bool FfmpegTestMedia::makeAudioOnly(const QString& path, int seconds, QString* error) {
-    const QString line = quiet + QStringLiteral("-f lavfi -i sine=frequency=1000 -t %1 -c:a aac");
+    const QString line = quiet + u"-f lavfi -i sine=frequency=1000 -t %1 -c:a aac"_s;
     return run(ffmpeg(), words(line.arg(seconds)) << path, nullptr, error);
 }
 
@@ -59,31 +61,28 @@ bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segment
                               QString* error) {
     QDir().mkpath(dir);
     QStringList args = words(quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
-                             QStringLiteral("-f hls -hls_time %1 -hls_playlist_type vod "
-                                            "-hls_list_size 0 -hls_segment_filename")
-                                 .arg(segmentSeconds));
-    args << QDir(dir).filePath(fmp4 ? QStringLiteral("seg_%04d.m4s")
-                                    : QStringLiteral("seg_%04d.ts"));
+                             u"-f hls -hls_time %1 -hls_playlist_type vod "
+                             "-hls_list_size 0 -hls_segment_filename"_s.arg(segmentSeconds));
+    args << QDir(dir).filePath(fmp4 ? u"seg_%04d.m4s"_s : u"seg_%04d.ts"_s);
     if (fmp4)
-        args << words(QStringLiteral("-hls_segment_type fmp4 -hls_fmp4_init_filename init.mp4"));
-    return run(ffmpeg(), args << QDir(dir).filePath(QStringLiteral("index.m3u8")), nullptr, error);
+        args << words(u"-hls_segment_type fmp4 -hls_fmp4_init_filename init.mp4"_s);
+    return run(ffmpeg(), args << QDir(dir).filePath(u"index.m3u8"_s), nullptr, error);
 }
 
 bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
                                bool timeline, QString* error) {
     QDir().mkpath(dir);
-    QString line = quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
-                   QStringLiteral("-f dash -seg_duration %1 -use_template 1 -use_timeline %2")
-                       .arg(segmentSeconds)
-                       .arg(timeline ? 1 : 0);
+    QString line =
+        quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
+        u"-f dash -seg_duration %1 -use_template 1 -use_timeline %2"_s.arg(segmentSeconds)
+            .arg(timeline ? 1 : 0);
     // Segments named by $Time$. The first AAC packet starts before zero, and ffmpeg names its
     // file by that time while the timeline says 0: shifting the timestamps to zero keeps both
     // the same.
     if (timeline)
-        line += QStringLiteral(" -avoid_negative_ts make_zero"
-                               " -media_seg_name chunk-$RepresentationID$-$Time$.$ext$");
-    return run(ffmpeg(), words(line) << QDir(dir).filePath(QStringLiteral("manifest.mpd")), nullptr,
-               error);
+        line += u" -avoid_negative_ts make_zero"
+                " -media_seg_name chunk-$RepresentationID$-$Time$.$ext$"_s;
+    return run(ffmpeg(), words(line) << QDir(dir).filePath(u"manifest.mpd"_s), nullptr, error);
 }
 
 QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
@@ -94,7 +93,7 @@ QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
     const QDir dir = QFileInfo(playlistPath).dir();
     for (const QByteArray& raw : file.readAll().split('\n')) {
         const QString line = QString::fromUtf8(raw).trimmed();
-        if (line.startsWith(QStringLiteral("#EXT-X-MAP:URI=\""))) {
+        if (line.startsWith(u"#EXT-X-MAP:URI=\""_s)) {
             files.append(dir.filePath(line.section(u'"', 1, 1)));
         } else if (!line.isEmpty() && !line.startsWith(u'#')) {
             files.append(dir.filePath(line));
@@ -105,19 +104,15 @@ QStringList FfmpegTestMedia::segmentFiles(const QString& playlistPath) {
 
 bool FfmpegTestMedia::probe(const QString& file, QStringList* streams, double* duration) {
     QByteArray output;
-    const QStringList args =
-        words(QStringLiteral("-v error -print_format json -show_format -show_streams")) << file;
+    const QStringList args = words(u"-v error -print_format json -show_format -show_streams"_s)
+                             << file;
     if (!run(ffprobe(), args, &output, nullptr))
         return false;
     const QJsonObject root = QJsonDocument::fromJson(output).object();
     streams->clear();
-    const QJsonArray list = root.value(QStringLiteral("streams")).toArray();
+    const QJsonArray list = root.value(u"streams"_s).toArray();
     for (const auto& stream : list)
-        streams->append(stream.toObject().value(QStringLiteral("codec_type")).toString());
-    *duration = root.value(QStringLiteral("format"))
-                    .toObject()
-                    .value(QStringLiteral("duration"))
-                    .toString()
-                    .toDouble();
+        streams->append(stream.toObject().value(u"codec_type"_s).toString());
+    *duration = root.value(u"format"_s).toObject().value(u"duration"_s).toString().toDouble();
     return true;
 }

@@ -8,6 +8,8 @@
 #include <QTcpSocket>
 #include <QThread>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 int freePort() {
     QTcpServer probe;
@@ -30,12 +32,11 @@ NginxServer::~NginxServer() {
 }
 
 QString NginxServer::executable() {
-    for (const QString& candidate :
-         {QStringLiteral("/usr/sbin/nginx"), QStringLiteral("/sbin/nginx")}) {
+    for (const QString& candidate : {u"/usr/sbin/nginx"_s, u"/sbin/nginx"_s}) {
         if (QFile::exists(candidate))
             return candidate;
     }
-    return QStandardPaths::findExecutable(QStringLiteral("nginx"));
+    return QStandardPaths::findExecutable(u"nginx"_s);
 }
 
 void NginxServer::setTls(const QString& certificateFile, const QString& keyFile) {
@@ -48,46 +49,42 @@ QString NginxServer::writeConfig(qint64 limitRate) const {
     QString temps;
     for (const char* name : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
         QDir(dir).mkpath(QString::fromLatin1(name));
-        temps += QStringLiteral("    %1_temp_path %2/%1;\n").arg(QString::fromLatin1(name), dir);
+        temps += u"    %1_temp_path %2/%1;\n"_s.arg(QString::fromLatin1(name), dir);
     }
-    QString limit = limitRate > 0 ? QStringLiteral("limit_rate %1;").arg(limitRate) : QString();
+    QString limit = limitRate > 0 ? u"limit_rate %1;"_s.arg(limitRate) : QString();
     if (!m_certificate.isEmpty())
-        limit += QStringLiteral(" ssl_certificate %1; ssl_certificate_key %2;")
-                     .arg(m_certificate, m_key);
-    const QString tlsListen = m_certificate.isEmpty() ? QString() : QStringLiteral(" ssl http2");
-    return QStringLiteral(
-               "daemon off;\nmaster_process off;\nworker_processes 1;\npid %1/nginx.pid;\n"
-               "error_log %1/error.log warn;\nevents { worker_connections 256; }\n"
-               "http {\n    log_format tern '$uri $status \"$http_range\"';\n"
-               "    access_log %1/access.log tern;\n%2"
-               "    types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; "
-               "}\n"
-               "    default_type application/octet-stream;\n    sendfile on;\n"
-               "    server {\n        listen 127.0.0.1:%3%6;\n        root %4;\n        %5\n"
-               "        location / { }\n    }\n}\n")
-        .arg(dir, temps)
-        .arg(m_port)
-        .arg(m_root, limit, tlsListen);
+        limit += u" ssl_certificate %1; ssl_certificate_key %2;"_s.arg(m_certificate, m_key);
+    const QString tlsListen = m_certificate.isEmpty() ? QString() : u" ssl http2"_s;
+    return u"daemon off;\nmaster_process off;\nworker_processes 1;\npid %1/nginx.pid;\n"
+           "error_log %1/error.log warn;\nevents { worker_connections 256; }\n"
+           "http {\n    log_format tern '$uri $status \"$http_range\"';\n"
+           "    access_log %1/access.log tern;\n%2"
+           "    types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; "
+           "}\n"
+           "    default_type application/octet-stream;\n    sendfile on;\n"
+           "    server {\n        listen 127.0.0.1:%3%6;\n        root %4;\n        %5\n"
+           "        location / { }\n    }\n}\n"_s.arg(dir, temps)
+               .arg(m_port)
+               .arg(m_root, limit, tlsListen);
 }
 
 bool NginxServer::start(QString* error, qint64 limitRate) {
     const QString program = executable();
     if (program.isEmpty()) {
-        *error = QStringLiteral("nginx is not installed");
+        *error = u"nginx is not installed"_s;
         return false;
     }
     m_port = freePort();
-    const QString conf = m_dir.filePath(QStringLiteral("nginx.conf"));
+    const QString conf = m_dir.filePath(u"nginx.conf"_s);
     QFile file(conf);
     if (!file.open(QIODevice::WriteOnly) || file.write(writeConfig(limitRate).toUtf8()) < 0) {
-        *error = QStringLiteral("cannot write %1").arg(conf);
+        *error = u"cannot write %1"_s.arg(conf);
         return false;
     }
     file.close();
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_process.start(program,
-                    {QStringLiteral("-p"), m_dir.path(), QStringLiteral("-e"),
-                     m_dir.filePath(QStringLiteral("error.log")), QStringLiteral("-c"), conf});
+    m_process.start(
+        program, {u"-p"_s, m_dir.path(), u"-e"_s, m_dir.filePath(u"error.log"_s), u"-c"_s, conf});
     const QDeadlineTimer deadline(10000);
     while (!deadline.hasExpired()) {
         if (m_process.state() == QProcess::NotRunning)
@@ -96,9 +93,9 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
             return true;
         QThread::msleep(20);
     }
-    QFile log(m_dir.filePath(QStringLiteral("error.log")));
+    QFile log(m_dir.filePath(u"error.log"_s));
     log.open(QIODevice::ReadOnly);
-    *error = QStringLiteral("nginx did not start: ") + QString::fromUtf8(log.readAll());
+    *error = u"nginx did not start: "_s + QString::fromUtf8(log.readAll());
     stop();
     return false;
 }
@@ -114,14 +111,13 @@ void NginxServer::stop() {
 }
 
 QUrl NginxServer::url(const QString& path) const {
-    const QString scheme =
-        m_certificate.isEmpty() ? QStringLiteral("http") : QStringLiteral("https");
-    return QUrl(QStringLiteral("%1://127.0.0.1:%2%3").arg(scheme).arg(m_port).arg(path));
+    const QString scheme = m_certificate.isEmpty() ? u"http"_s : u"https"_s;
+    return QUrl(u"%1://127.0.0.1:%2%3"_s.arg(scheme).arg(m_port).arg(path));
 }
 
 QList<NginxServer::Access> NginxServer::accessLog() const {
     QList<Access> entries;
-    QFile file(m_dir.filePath(QStringLiteral("access.log")));
+    QFile file(m_dir.filePath(u"access.log"_s));
     if (!file.open(QIODevice::ReadOnly))
         return entries;
     while (!file.atEnd()) {
