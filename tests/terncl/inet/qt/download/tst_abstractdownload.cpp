@@ -109,28 +109,24 @@ private Q_SLOTS:
         QCOMPARE(QList<QVariantList>(spy), (QList<QVariantList>{{true}, {false}}));
     }
 
-    void compareDownloads_data() {
-        QTest::addColumn<AbstractDownloadPersistentInfo>("mine");
-        QTest::addColumn<AbstractDownloadPersistentInfo>("other");
-        QTest::addColumn<int>("expected");
-        const auto url = u"https://example.org/a.iso"_s;
-        QTest::newRow("empty mine") << record({}, 1) << record(url, 1) << 0;
-        QTest::newRow("other resource")
-            << record(url, 1) << record(u"https://example.org/b.iso"_s, 1) << 0;
-        QTest::newRow("other type") << record(url, 1) << record(url, 2) << 0;
-        QTest::newRow("other subtype") << record(url, 1) << record(url, 1, 3) << 0;
-        QTest::newRow("same resource") << record(url, 1) << record(url, 1) << 2;
-        QTest::newRow("same collection") << record(url, 2) << record(url, 2) << 3;
-        QTest::newRow("same media") << record(url, 3) << record(url, 3) << 0;
-    }
-
+    // 0 differs, 2 same resource, 3 same collection; media are never the same.
     void compareDownloads() {
-        QFETCH(AbstractDownloadPersistentInfo, mine);
-        QFETCH(AbstractDownloadPersistentInfo, other);
-        QFETCH(int, expected);
-        FakeDownload download;
-        download.setInfo(mine);
-        QCOMPARE(int(download.compareDownloads(other)), expected);
+        const auto url = u"https://example.org/a.iso"_s;
+        const struct {
+            AbstractDownloadPersistentInfo mine, other;
+            int expected;
+        } rows[] = {{record({}, 1), record(url, 1), 0},
+                    {record(url, 1), record(u"https://example.org/b.iso"_s, 1), 0},
+                    {record(url, 1), record(url, 2), 0},
+                    {record(url, 1), record(url, 1, 3), 0},
+                    {record(url, 1), record(url, 1), 2},
+                    {record(url, 2), record(url, 2), 3},
+                    {record(url, 3), record(url, 3), 0}};
+        for (const auto& row : rows) {
+            FakeDownload download;
+            download.setInfo(row.mine);
+            QCOMPARE(int(download.compareDownloads(row.other)), row.expected);
+        }
     }
 
     void logHeaderNamesTheChainOfCreators() {
