@@ -180,7 +180,7 @@ private Q_SLOTS:
     }
 
     // The speed meter counts the bytes downloads report.
-    void bucketsFollowOneDownload() {
+    void speedMeters() {
         std::time_t now = 1'700'000'000; // the meters' clock, moved by hand
         AbstractDownloadsSpeedMeter meter;
         meter.setClock([&now] { return now; });
@@ -220,13 +220,11 @@ private Q_SLOTS:
         download.startRunning();
         download.stopUnfinished();
         QCOMPARE(tracker->totalBytes, 5400);
-    }
 
-    void metersShareOneTrackerAndForgetDestroyedDownloads() {
-        std::time_t now = 1'700'000'000;
-        auto tracker = QSharedPointer<OperationSpeedTracker>::create();
-        AbstractDownloadsSpeedMeter first(tracker);
-        AbstractDownloadsSpeedMeter second(tracker);
+        // Meters may share one tracker; destroyed downloads are forgotten.
+        const auto shared = QSharedPointer<OperationSpeedTracker>::create();
+        AbstractDownloadsSpeedMeter first(shared);
+        AbstractDownloadsSpeedMeter second(shared);
         first.setClock([&now] { return now; });
         second.setClock([&now] { return now; });
         FakeDownload a(1), b(2);
@@ -234,21 +232,21 @@ private Q_SLOTS:
         second.registerDownload(&b);
         setDownloaded(a, 100);
         setDownloaded(b, 250);
-        QCOMPARE(tracker->currentBucketBytes, 350);
+        QCOMPARE(shared->currentBucketBytes, 350);
         ++now;
         QCOMPARE(second.speed(), 350);
         QCOMPARE(first.speed(), 350);
 
-        auto download = std::make_unique<FakeDownload>();
-        first.registerDownload(download.get());
-        setDownloaded(*download, 100);
-        download.reset();
+        auto doomed = std::make_unique<FakeDownload>();
+        first.registerDownload(doomed.get());
+        setDownloaded(*doomed, 100);
+        doomed.reset();
         // A new object at any address starts from its own baseline.
         auto next = std::make_unique<FakeDownload>();
         setDownloaded(*next, 50);
         first.registerDownload(next.get());
         setDownloaded(*next, 80);
-        QCOMPARE(tracker->totalBytes, 350 + 100 + 30);
+        QCOMPARE(shared->totalBytes, 350 + 100 + 30);
     }
 };
 
