@@ -325,7 +325,7 @@ private Q_SLOTS:
 
     // Hosts are keys of accepted certificates and scopes keys of stored credentials: every
     // field must take part.
-    void keysCompareEveryField() {
+    void keysAndMetaTypes() {
         const QtSslHostPublicKey rsa{QByteArrayLiteral("key"), 1};
         const QtSslHost host(https, rsa);
         QCOMPARE(host, QtSslHost(https, rsa));
@@ -340,10 +340,8 @@ private Q_SLOTS:
         QtNetworkAuthScope otherRealm = a;
         otherRealm.realm = u"y"_s;
         QVERIFY(a < b && !(b < a) && b < proxy && otherRealm < a);
-    }
 
-    // Queued signals carry these types under these names.
-    void metaTypesUnderTheirNames() {
+        // Queued signals carry these types under these names.
         for (const char* name :
              {"QtConnectionsMap", "QtHostAndPort", "QtSslHost", "QtNetworkAuthScope",
               "NetworkTrafficDirection", "bool*", "AbstractNetworkConsumersPack::ItemPtr",
