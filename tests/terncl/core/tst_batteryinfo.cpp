@@ -34,11 +34,14 @@ QtWindowsBatteryInfo* makeWindowsInfo(FakePowerStatus*& fake, SystemPowerStatus 
     return new QtWindowsBatteryInfo(std::move(source), 5, parent);
 }
 
-void writeSupply(const QTemporaryDir& root, const QString& name,
-                 const QList<std::pair<const char*, QByteArray>>& files) {
-    for (const auto& [file, value] : files)
-        QVERIFY(
-            writeFile(root.filePath(name + QLatin1Char('/') + QLatin1String(file)), value + '\n'));
+// Writes each "folder file=value ..." line as a power-supply folder with one file per value.
+void writeSupplies(const QTemporaryDir& root, const char* lines) {
+    for (const QString& line : QString::fromLatin1(lines).split(u'\n')) {
+        const QStringList words = line.split(u' ');
+        for (const QString& pair : words.mid(1))
+            QVERIFY(writeFile(root.filePath(words[0] + u'/' + pair.section(u'=', 0, 0)),
+                              pair.section(u'=', 1).toLatin1() + '\n'));
+    }
 }
 
 const auto devicePath = u"/org/freedesktop/UPower/devices/DisplayDevice"_s;
@@ -122,17 +125,10 @@ private Q_SLOTS:
 
     void powerSupplyFilesWithoutDBus() {
         QTemporaryDir root;
-        writeSupply(root, u"BAT0"_s, {{"type", "Battery"}, {"present", "1"}, {"capacity", "40"}});
-        writeSupply(root, u"BAT1"_s,
-                    {{"type", "Battery"},
-                     {"status", "Charging"},
-                     {"energy_now", "30"},
-                     {"energy_full", "60"}});
-        writeSupply(root, u"BAT2"_s, {{"type", "Battery"}, {"capacity", "full"}});
-        writeSupply(root, u"BAT3"_s, {{"type", "Battery"}, {"charge_full", "0"}});
-        writeSupply(root, u"mouse"_s,
-                    {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
-        writeSupply(root, u"AC"_s, {{"type", "Mains"}, {"online", "1"}});
+        writeSupplies(root, "BAT0 type=Battery present=1 capacity=40\n"
+                            "BAT1 type=Battery status=Charging energy_now=30 energy_full=60\n"
+                            "BAT2 type=Battery capacity=full\nBAT3 type=Battery charge_full=0\n"
+                            "mouse type=Battery scope=Device capacity=5\nAC type=Mains online=1");
 
         const auto noBus = u"unix:path=/nonexistent/bus"_s;
         QtLinuxBatteryInfo info(noBus, root.path(), 5);
