@@ -20,15 +20,7 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-using Op = AbstractDownloadFileOps::FileInitializeOperation;
 using Companion = AbstractDownloadFilesOpsCompanion;
-
-QList<bool> edges(const QSignalSpy& spy) {
-    QList<bool> list;
-    for (const auto& args : spy)
-        list << args.at(0).toBool();
-    return list;
-}
 
 AbstractDownloadFileInfo fileRecord(const QString& name, qint64 done, const QString& tmpPath = {}) {
     AbstractDownloadFileInfo file;
@@ -256,11 +248,11 @@ private Q_SLOTS:
         QCOMPARE(finished[0][1].value<AbstractError>().category,
                  std::string(AbstractError::GenericError));
         QCOMPARE(info.files[0].name, u"v.m4s"_s);
-        QCOMPARE(edges(performing), QList<bool>{true});
+        QCOMPARE(QList<QVariantList>(performing), QList<QVariantList>{{true}});
         QVERIFY(companion.isPerformingFilesOps());
         companion.finishPerformFilesOperations();
         companion.finishPerformFilesOperations(); // unbalanced: ignored
-        QCOMPARE(edges(performing), (QList<bool>{true, false}));
+        QCOMPARE(QList<QVariantList>(performing), (QList<QVariantList>{{true}, {false}}));
         QVERIFY(!companion.isPerformingFilesOps());
     }
 
