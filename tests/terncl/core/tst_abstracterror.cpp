@@ -8,12 +8,13 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 class PrefixConverter : public QtAbstractErrorToString {
 public:
     QString toString(const AbstractError& error, bool shortText) const override {
-        return (shortText ? QStringLiteral("short:") : QStringLiteral("long:")) +
-               QString::fromStdString(error.description);
+        return (shortText ? u"short:"_s : u"long:"_s) + QString::fromStdString(error.description);
     }
 };
 } // namespace
@@ -24,9 +25,8 @@ class TestAbstractError : public QObject {
 private Q_SLOTS:
     void sourcePlaceIsRelativeWithoutExtension() {
         QCOMPARE(QString::fromStdString(terncl::sourcePlace("./a/b.c/file.cpp", 3)),
-                 QStringLiteral("a/b.c/file,3"));
-        QCOMPARE(QString::fromStdString(terncl::sourcePlace("a/b.c/noext", 3)),
-                 QStringLiteral("a/b.c/noext,3"));
+                 u"a/b.c/file,3"_s);
+        QCOMPARE(QString::fromStdString(terncl::sourcePlace("a/b.c/noext", 3)), u"a/b.c/noext,3"_s);
     }
 
     void failedAssertionLogsAndContinues() {
@@ -44,7 +44,7 @@ private Q_SLOTS:
 
     void windowsCategory() {
         const auto& category = WindowsErrorCategory::instance();
-        QCOMPARE(QString::fromLatin1(category.name()), QStringLiteral("windows"));
+        QCOMPARE(QString::fromLatin1(category.name()), u"windows"_s);
         QVERIFY(std::error_code(5, category) == std::errc::permission_denied);
         QVERIFY(std::error_code(12007, category) == std::errc::address_not_available);
         QVERIFY(std::error_code(12029, category) == std::errc::host_unreachable);
@@ -61,15 +61,15 @@ private Q_SLOTS:
 
         wrapper.setError(AbstractError(403, "HttpError", "b,2", "second"));
         QCOMPARE(changed.count(), 0);
-        QCOMPARE(wrapper.description(), QStringLiteral("first"));
-        QCOMPARE(wrapper.source(), QStringLiteral("a,1"));
+        QCOMPARE(wrapper.description(), u"first"_s);
+        QCOMPARE(wrapper.source(), u"a,1"_s);
 
         wrapper.setError(AbstractError(403, "GenericError", "c,3", "third"));
         QCOMPARE(changed.count(), 1);
-        QCOMPARE(wrapper.category(), QStringLiteral("GenericError"));
-        QCOMPARE(wrapper.description(), QStringLiteral("third"));
-        QCOMPARE(wrapper.displayTextShort(), QStringLiteral("short:third"));
-        QCOMPARE(wrapper.displayTextLong(), QStringLiteral("long:third"));
+        QCOMPARE(wrapper.category(), u"GenericError"_s);
+        QCOMPARE(wrapper.description(), u"third"_s);
+        QCOMPARE(wrapper.displayTextShort(), u"short:third"_s);
+        QCOMPARE(wrapper.displayTextLong(), u"long:third"_s);
 
         QtAbstractError none(nullptr, AbstractError());
         QSignalSpy noneChanged(&none, &QtAbstractError::changed);
@@ -82,10 +82,10 @@ private Q_SLOTS:
     void settersEmitOnlyOnRealChange() {
         QtAbstractError wrapper(nullptr, AbstractError(1, "GenericError", "", ""));
         QSignalSpy changed(&wrapper, &QtAbstractError::changed);
-        wrapper.setCategory(QStringLiteral("GenericError"));
+        wrapper.setCategory(u"GenericError"_s);
         wrapper.setCode(1);
         QCOMPARE(changed.count(), 0);
-        const QString text = QStringLiteral("Ошибка: файл «загрузка» ✓ 😀");
+        const QString text = u"Ошибка: файл «загрузка» ✓ 😀"_s;
         for (int i = 0; i < 2; ++i) {
             wrapper.setCode(2);
             wrapper.setDescription(text);

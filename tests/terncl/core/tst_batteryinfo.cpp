@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 // A power status the test changes while the battery info polls it.
 class FakePowerStatus : public SystemPowerStatusSource {
@@ -32,15 +34,18 @@ QtWindowsBatteryInfo* makeWindowsInfo(FakePowerStatus*& fake, SystemPowerStatus 
     return new QtWindowsBatteryInfo(std::move(source), 5, parent);
 }
 
-void writeSupply(const QTemporaryDir& root, const QString& name,
-                 const QList<std::pair<const char*, QByteArray>>& files) {
-    for (const auto& [file, value] : files)
-        QVERIFY(
-            writeFile(root.filePath(name + QLatin1Char('/') + QLatin1String(file)), value + '\n'));
+// Writes each "folder file=value ..." line as a power-supply folder with one file per value.
+void writeSupplies(const QTemporaryDir& root, const char* lines) {
+    for (const QString& line : QString::fromLatin1(lines).split(u'\n')) {
+        const QStringList words = line.split(u' ');
+        for (const QString& pair : words.mid(1))
+            QVERIFY(writeFile(root.filePath(words[0] + u'/' + pair.section(u'=', 0, 0)),
+                              pair.section(u'=', 1).toLatin1() + '\n'));
+    }
 }
 
-const auto devicePath = QStringLiteral("/org/freedesktop/UPower/devices/DisplayDevice");
-const auto managerPath = QStringLiteral("/org/freedesktop/UPower");
+const auto devicePath = u"/org/freedesktop/UPower/devices/DisplayDevice"_s;
+const auto managerPath = u"/org/freedesktop/UPower"_s;
 
 // UPower's display device and service object as the battery info reads them.
 class FakeUPowerDevice : public QObject {
@@ -69,9 +74,8 @@ public:
 
 void announce(QDBusConnection& bus, const QString& path, const char* interface,
               const QVariantMap& changed, const QStringList& invalidated = {}) {
-    auto signal =
-        QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.DBus.Properties"),
-                                   QStringLiteral("PropertiesChanged"));
+    auto signal = QDBusMessage::createSignal(path, u"org.freedesktop.DBus.Properties"_s,
+                                             u"PropertiesChanged"_s);
     signal << QString::fromLatin1(interface) << changed << invalidated;
     QVERIFY(bus.send(signal));
 }
@@ -121,20 +125,12 @@ private Q_SLOTS:
 
     void powerSupplyFilesWithoutDBus() {
         QTemporaryDir root;
-        writeSupply(root, QStringLiteral("BAT0"),
-                    {{"type", "Battery"}, {"present", "1"}, {"capacity", "40"}});
-        writeSupply(root, QStringLiteral("BAT1"),
-                    {{"type", "Battery"},
-                     {"status", "Charging"},
-                     {"energy_now", "30"},
-                     {"energy_full", "60"}});
-        writeSupply(root, QStringLiteral("BAT2"), {{"type", "Battery"}, {"capacity", "full"}});
-        writeSupply(root, QStringLiteral("BAT3"), {{"type", "Battery"}, {"charge_full", "0"}});
-        writeSupply(root, QStringLiteral("mouse"),
-                    {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
-        writeSupply(root, QStringLiteral("AC"), {{"type", "Mains"}, {"online", "1"}});
+        writeSupplies(root, "BAT0 type=Battery present=1 capacity=40\n"
+                            "BAT1 type=Battery status=Charging energy_now=30 energy_full=60\n"
+                            "BAT2 type=Battery capacity=full\nBAT3 type=Battery charge_full=0\n"
+                            "mouse type=Battery scope=Device capacity=5\nAC type=Mains online=1");
 
-        const auto noBus = QStringLiteral("unix:path=/nonexistent/bus");
+        const auto noBus = u"unix:path=/nonexistent/bus"_s;
         QtLinuxBatteryInfo info(noBus, root.path(), 5);
         QCOMPARE(info.source(), QtLinuxBatteryInfo::Source::PowerSupplyFiles);
         QVERIFY(info.hasBattery() && info.isCharging() && info.isACLineActive());
@@ -144,7 +140,7 @@ private Q_SLOTS:
         for (const char* gone : {"BAT0", "BAT1", "AC"})
             QVERIFY(QDir(root.filePath(QLatin1String(gone))).removeRecursively());
         QtLinuxBatteryInfo garbage(noBus, root.path(), 5);
-        QtLinuxBatteryInfo missing(noBus, root.filePath(QStringLiteral("none")), 5);
+        QtLinuxBatteryInfo missing(noBus, root.filePath(u"none"_s), 5);
         for (const auto* empty : {&garbage, &missing}) {
             QVERIFY(!empty->hasBattery() && !empty->isCharging() && !empty->isACLineActive());
             QCOMPARE(empty->level(), 1.0f);
@@ -153,9 +149,7 @@ private Q_SLOTS:
 
     void upowerOnAPrivateBus() {
         QProcess daemon;
-        daemon.start(QStringLiteral("dbus-daemon"),
-                     {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                      QStringLiteral("--print-address")});
+        daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
         if (!daemon.waitForStarted())
             QSKIP("dbus-daemon is not installed (Debian package dbus-daemon)");
         const auto stop = qScopeGuard([&daemon] {
@@ -170,14 +164,14 @@ private Q_SLOTS:
         QtLinuxBatteryInfo withoutService(address, emptyRoot.path(), 5);
         QTRY_COMPARE(withoutService.source(), QtLinuxBatteryInfo::Source::PowerSupplyFiles);
 
-        QDBusConnection bus = QDBusConnection::connectToBus(address, QStringLiteral("fake-upower"));
+        QDBusConnection bus = QDBusConnection::connectToBus(address, u"fake-upower"_s);
         const auto disconnect =
-            qScopeGuard([] { QDBusConnection::disconnectFromBus(QStringLiteral("fake-upower")); });
+            qScopeGuard([] { QDBusConnection::disconnectFromBus(u"fake-upower"_s); });
         FakeUPowerDevice device;
         FakeUPowerManager manager;
         QVERIFY(bus.registerObject(devicePath, &device, QDBusConnection::ExportAllProperties));
         QVERIFY(bus.registerObject(managerPath, &manager, QDBusConnection::ExportAllProperties));
-        QVERIFY(bus.registerService(QStringLiteral("org.freedesktop.UPower")));
+        QVERIFY(bus.registerService(u"org.freedesktop.UPower"_s));
 
         QtLinuxBatteryInfo info(address, emptyRoot.path(), 5);
         QTRY_COMPARE(info.source(), QtLinuxBatteryInfo::Source::UPower);
@@ -185,16 +179,14 @@ private Q_SLOTS:
         QVERIFY(info.hasBattery() && !info.isCharging() && !info.isACLineActive());
 
         announce(bus, devicePath, "org.freedesktop.UPower.Device",
-                 {{QStringLiteral("State"), 1u}, {QStringLiteral("Percentage"), 43.5}});
-        announce(bus, managerPath, "org.freedesktop.UPower",
-                 {{QStringLiteral("OnBattery"), false}});
+                 {{u"State"_s, 1u}, {u"Percentage"_s, 43.5}});
+        announce(bus, managerPath, "org.freedesktop.UPower", {{u"OnBattery"_s, false}});
         QTRY_VERIFY(info.isACLineActive());
         QVERIFY(info.isCharging());
         QCOMPARE(info.level(), 0.435f);
         // An invalidated property is fetched again.
         device.percentage = 50;
-        announce(bus, devicePath, "org.freedesktop.UPower.Device", {},
-                 {QStringLiteral("Percentage")});
+        announce(bus, devicePath, "org.freedesktop.UPower.Device", {}, {u"Percentage"_s});
         QTRY_COMPARE(info.level(), 0.5f);
     }
 };

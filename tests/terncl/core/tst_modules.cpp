@@ -11,6 +11,8 @@
 
 #include <thread>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 AbstractError moduleError(const char* text) {
     return AbstractError(7, AbstractError::GenericError, TERNCL_SOURCE_PLACE, text);
@@ -26,7 +28,7 @@ public:
 
     void initialize(bool init) override {
         setInitializeRunning(true, init);
-        log.append(name + (init ? QStringLiteral("+") : QStringLiteral("-")));
+        log.append(name + (init ? u"+"_s : u"-"_s));
         setUnsupportedDeviceError(true);
         if (init ? failInit : failUninit)
             return setInitFailed(init, moduleError("leaf failed"), true);
@@ -52,24 +54,17 @@ public:
 
 protected:
     void initializeSelfBefore(bool init) override {
-        log.append(init ? QStringLiteral("before+") : QStringLiteral("before-"));
+        log.append(init ? u"before+"_s : u"before-"_s);
         QtAbstractComplexModule::initializeSelfBefore(init);
     }
     void initializeSelfAfter(bool init) override {
-        log.append(init ? QStringLiteral("after+") : QStringLiteral("after-"));
+        log.append(init ? u"after+"_s : u"after-"_s);
         QtAbstractComplexModule::initializeSelfAfter(init);
     }
 
 private:
     QStringList& log;
 };
-
-// Runs one pass and waits for its end.
-bool runPass(QtAbstractModule& module, bool init) {
-    QSignalSpy spy(&module, &QtAbstractModule::initializeRunning);
-    module.initialize(init);
-    return QTest::qWaitFor([&] { return !spy.isEmpty() && !spy.last().at(0).toBool(); });
-}
 
 QStringList words(const char* text) {
     return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -126,52 +121,49 @@ class TestModules : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void complexModuleWalksForwardThenBack() {
-        QStringList log;
-        LeafModule first("first", log), second("second", log), third("third", log);
-        ComplexModule complex(log, {&first, &second, &third});
-        QSignalSpy spy(&complex, &QtAbstractModule::initializeRunning);
-
-        complex.initialize(true);
-        complex.initialize(true); // ignored: the pass is still running
-        QTRY_COMPARE(spy.count(), 2);
-        QCOMPARE(log, words("before+ first+ second+ third+ after+"));
-        QCOMPARE(complex.currentModuleIndex(), 2);
-
-        log.clear();
-        QVERIFY(runPass(complex, false));
-        QCOMPARE(log, words("before- third- second- first- after-"));
-        QVERIFY(!complex.initFailed(true) && !complex.initFailed(false));
-        QVERIFY(!complex.isUnsupportedDeviceError());
-        QCOMPARE(spy.count(), 4);
-        QCOMPARE(spy.at(3), (QVariantList{false, false}));
-    }
-
-    void failureAndExitStopTheWalk() {
-        QStringList log;
-        LeafModule first("first", log), second("second", log), third("third", log);
-        second.failInit = second.failUninit = true;
-        ComplexModule complex(log, {&first, &second, &third});
-        QVERIFY(runPass(complex, true));
-        QCOMPARE(log, words("before+ first+ second+ after+"));
-        QVERIFY(complex.initFailed(true) && !complex.initFailed(false));
-        QVERIFY(complex.isUnsupportedDeviceError());
-        QCOMPARE(complex.error(), moduleError("leaf failed"));
+    // Passes over "first second third", each followed by the flags it left, as one log.
+    void complexModuleWalks() {
+        const auto walk = [](bool secondFails, bool firstExits,
+                             std::initializer_list<bool> passes) {
+            QStringList log;
+            LeafModule first("first", log), second("second", log), third("third", log);
+            second.failInit = second.failUninit = secondFails;
+            first.askExit = first.askRestart = firstExits;
+            ComplexModule complex(log, {&first, &second, &third});
+            for (const bool init : passes) {
+                QSignalSpy spy(&complex, &QtAbstractModule::initializeRunning);
+                complex.initialize(init);
+                complex.initialize(init); // ignored: the pass is still running
+                if (!QTest::qWaitFor([&] { return spy.count() == 2; }))
+                    return QStringList{u"hangs"_s};
+                log += u"at%1 failed%2%3 unsupported%4 exit%5%6 running%7%8"_s
+                           .arg(complex.currentModuleIndex())
+                           .arg(int(complex.initFailed(true)))
+                           .arg(int(complex.initFailed(false)))
+                           .arg(int(complex.isUnsupportedDeviceError()))
+                           .arg(int(complex.needExit()))
+                           .arg(int(complex.needRestart()))
+                           .arg(spy.last().at(0).toInt())
+                           .arg(spy.last().at(1).toInt())
+                           .split(u' ');
+            }
+            if (secondFails && complex.error() != moduleError("leaf failed"))
+                log << u"wrong error"_s;
+            return log;
+        };
+        QCOMPARE(walk(false, false, {true, false}),
+                 words("before+ first+ second+ third+ after+ at2 failed00 unsupported0 exit00 "
+                       "running01 before- third- second- first- after- at0 failed00 unsupported0 "
+                       "exit00 running00"));
         // The reverse pass starts at the failed module; its failure is kept and the walk goes on.
-        log.clear();
-        QVERIFY(runPass(complex, false));
-        QCOMPARE(log, words("before- second- first- after-"));
-        QVERIFY(complex.initFailed(false));
-
-        log.clear();
-        first.askExit = first.askRestart = true;
-        ComplexModule exiting(log, {&first, &third});
-        QVERIFY(runPass(exiting, true));
-        QCOMPARE(log, words("before+ first+ after+"));
-        QVERIFY(exiting.needExit() && exiting.needRestart() && !exiting.initFailed(true));
+        QCOMPARE(walk(true, false, {true, false}),
+                 words("before+ first+ second+ after+ at1 failed10 unsupported1 exit00 running01 "
+                       "before- second- first- after- at0 failed11 unsupported1 exit00 running00"));
+        QCOMPARE(walk(false, true, {true}),
+                 words("before+ first+ after+ at0 failed00 unsupported0 exit11 running01"));
 
         // Without sub-modules; asked for from another thread, the pass runs on the module's.
-        log.clear();
+        QStringList log;
         ComplexModule empty(log);
         QSignalSpy spy(&empty, &QtAbstractModule::initializeRunning);
         std::thread([&empty] { empty.initialize(true); }).join();
@@ -193,50 +185,50 @@ private Q_SLOTS:
         QSignalSpy finished(&keeper, &AbstractDownloadsModulesKeeper::modulesInitializeFinished);
         keeper.initializeModules(true);
         QTRY_COMPARE(finished.count(), 1);
-        QCOMPARE(failed.count(), 1);
-        QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("broken"));
-        QCOMPARE(logger.lines(), QStringList{QStringLiteral("[AbstractDownloadsModulesKeeper]: "
-                                                            "WARNING: the download module "
-                                                            "\"broken\" failed to initialize: ") +
-                                             moduleError("no runtime").toText()});
+        const AbstractError broken = moduleError("no runtime");
+        QCOMPARE(failed, (QList<QVariantList>{{u"broken"_s, true, QVariant::fromValue(broken)}}));
+        QCOMPARE(logger.lines(),
+                 QStringList{u"[AbstractDownloadsModulesKeeper]: WARNING: the download "
+                             "module \"broken\" failed to initialize: "_s +
+                             broken.toText()});
 
         AbstractDownloadPersistentInfo info;
-        info.resourceUrl = QStringLiteral("low://file");
+        info.resourceUrl = u"low://file"_s;
         AbstractError error;
-        auto download = keeper.createDownload(QStringLiteral("low"), 42, info, {}, error);
+        auto download = keeper.createDownload(u"low"_s, 42, info, {}, error);
         QVERIFY(download && !error.isSet());
         QCOMPARE(download->id(), 42);
-        QCOMPARE(keeper.moduleForSource(download.data())->uid(), QStringLiteral("low"));
-        QVERIFY(!keeper.createDownload(QStringLiteral("broken"), 43, info, {}, error));
+        QCOMPARE(keeper.moduleForSource(download.data())->uid(), u"low"_s);
+        QVERIFY(!keeper.createDownload(u"broken"_s, 43, info, {}, error));
         QCOMPARE(error.code, int(AbstractDownloadsModulesKeeper::FailedModuleErrorCode));
-        QVERIFY(!keeper.createDownload(QStringLiteral("none"), 44, info, {}, error));
+        QVERIFY(!keeper.createDownload(u"none"_s, 44, info, {}, error));
         QCOMPARE(error.code, int(AbstractDownloadsModulesKeeper::UnknownModuleErrorCode));
-        QCOMPARE(keeper.moduleForUrl(QUrl(QStringLiteral("high://x"))), QStringLiteral("high"));
-        QVERIFY(keeper.moduleForUrl(QUrl(QStringLiteral("broken://x"))).isEmpty());
+        QCOMPARE(keeper.moduleForUrl(QUrl(u"high://x"_s)), u"high"_s);
+        QVERIFY(keeper.moduleForUrl(QUrl(u"broken://x"_s)).isEmpty());
     }
 
     void keepersUniteAndSubtractFromSeveralThreads() {
         AbstractDownloadsModulesKeeper left, right;
         std::thread adder([&left] {
             for (int i = 0; i < 40; i += 2)
-                left.addModule(downloadModule(qPrintable(QStringLiteral("m%1").arg(i)), i));
+                left.addModule(downloadModule(qPrintable(u"m%1"_s.arg(i)), i));
         });
         for (int i = 1; i < 40; i += 2) {
-            right.addModule(downloadModule(qPrintable(QStringLiteral("m%1").arg(i)), i));
+            right.addModule(downloadModule(qPrintable(u"m%1"_s.arg(i)), i));
             left.unite(&right);
             right.unite(&left);
         }
         adder.join();
         left.unite(&right);
         QCOMPARE(left.modulesUids().size(), 40);
-        QCOMPARE(left.modulesUids().first(), QStringLiteral("m39"));
+        QCOMPARE(left.modulesUids().first(), u"m39"_s);
 
         right.subtract(&right);
         QVERIFY(right.modulesUids().isEmpty());
-        right.addModule(left.module(QStringLiteral("m3")));
+        right.addModule(left.module(u"m3"_s));
         left.subtract(&right);
         QCOMPARE(left.modulesUids().size(), 39);
-        QVERIFY(!left.containsModule(QStringLiteral("m3")));
+        QVERIFY(!left.containsModule(u"m3"_s));
     }
 };
 

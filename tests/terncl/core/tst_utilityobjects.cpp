@@ -11,6 +11,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 QStringList strings(const char* words) {
     return QString::fromLatin1(words).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -42,9 +44,9 @@ private Q_SLOTS:
         QCOMPARE(list.list(), strings("c b c"));
         // Duplicates among the added strings are reported once, in order of appearance.
         list.set(strings("x y x"));
-        QCOMPARE(changed.count(), 2);
-        QCOMPARE(changed.at(0), (QVariantList{strings("c"), strings("a")}));
-        QCOMPARE(changed.at(1), (QVariantList{strings("x y"), strings("c b")}));
+        QCOMPARE(
+            QList<QVariantList>(changed),
+            (QList<QVariantList>{{strings("c"), strings("a")}, {strings("x y"), strings("c b")}}));
 
         list.reset({});
         QCOMPARE(reset.count(), 1);
@@ -76,11 +78,9 @@ private Q_SLOTS:
         tracker->registerObject(nullptr, "Null");
         other.reset();
         tracker->verifyNoObjectsLeft();
-        QCOMPARE(
-            logger.lines(),
-            (QStringList{
-                QStringLiteral("[QtQObjectsTracker]: WARNING: verifyNoObjectsLeft has failed:"),
-                QStringLiteral("[QtQObjectsTracker]: FileDataAsyncWriter: 2 object(s)")}));
+        QCOMPARE(logger.lines(),
+                 (QStringList{u"[QtQObjectsTracker]: WARNING: verifyNoObjectsLeft has failed:"_s,
+                              u"[QtQObjectsTracker]: FileDataAsyncWriter: 2 object(s)"_s}));
 
         first.reset();
         logger.clear();
@@ -109,6 +109,7 @@ private Q_SLOTS:
         QVERIFY(object.isRunning());
     }
 
+    // Every edge shows in the signal, so the composite's whole course is one list at the end.
     void compositeFollowsItsChildren() {
         Composite composite;
         Switch first, second, idle;
@@ -118,10 +119,7 @@ private Q_SLOTS:
         first.setRunning(true);
         second.setRunning(true);
         first.setRunning(false);
-        QVERIFY(composite.isRunning());
         second.setRunning(false);
-        QVERIFY(!composite.isRunning());
-        QCOMPARE(spy.count(), 2);
 
         // Removing an idle child only breaks its connections; removing the running one
         // re-evaluates what is left.
@@ -130,12 +128,9 @@ private Q_SLOTS:
         composite.removeRunningObject(&idle);
         idle.setRunning(true);
         idle.setRunning(false);
-        QVERIFY(composite.isRunning());
         composite.removeRunningObject(&first);
-        QVERIFY(!composite.isRunning());
         first.setRunning(false);
         first.setRunning(true);
-        QVERIFY(!composite.isRunning());
         composite.addRunningObject(nullptr);
         composite.removeRunningObject(nullptr);
 
@@ -144,10 +139,11 @@ private Q_SLOTS:
             Switch doomed;
             composite.addRunningObject(&doomed);
             doomed.setRunning(true);
-            QVERIFY(composite.isRunning());
         }
         second.setRunning(true);
         second.setRunning(false);
+        QCOMPARE(QList<QVariantList>(spy),
+                 (QList<QVariantList>{{true}, {false}, {true}, {false}, {true}, {false}}));
         QVERIFY(!composite.isRunning());
     }
 

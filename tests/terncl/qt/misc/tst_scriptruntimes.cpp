@@ -15,6 +15,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 using Sandbox = QtProcessLaunchManager::Sandbox;
 
@@ -66,14 +68,14 @@ public:
         return nullptr;
     }
     QUrl dependencyIconUrl(const DependencyInfo&) const override {
-        return QUrl(QStringLiteral("icon:") + m_tag);
+        return QUrl(u"icon:"_s + m_tag);
     }
     QString dependencyDescription(const DependencyInfo&) const override { return m_tag; }
     QUrl dependencyWebPageUrl(const DependencyInfo&) const override {
-        return QUrl(QStringLiteral("page:") + m_tag);
+        return QUrl(u"page:"_s + m_tag);
     }
 
-    QString m_present = QStringLiteral("first");
+    QString m_present = u"first"_s;
 
 private:
     QStringList m_names;
@@ -205,25 +207,23 @@ private Q_SLOTS:
     }
 
     void firstManagerThatKnowsAnswers() {
-        auto first = QSharedPointer<TaggedManager>::create(QStringList{QStringLiteral("ffmpeg")},
-                                                           QStringLiteral("first"));
-        auto second = QSharedPointer<TaggedManager>::create(
-            QStringList{QStringLiteral("ffmpeg"), QStringLiteral("deno")},
-            QStringLiteral("second"));
+        auto first = QSharedPointer<TaggedManager>::create(QStringList{u"ffmpeg"_s}, u"first"_s);
+        auto second =
+            QSharedPointer<TaggedManager>::create(QStringList{u"ffmpeg"_s, u"deno"_s}, u"second"_s);
         ComplexDependencyManager complex;
         complex.addDependencyManager(first);
         complex.addDependencyManager(second);
         QSignalSpy installed(&complex, &AbstractDependencyManager::dependencyInstalled);
 
-        const DependencyInfo ffmpeg{QStringLiteral("ffmpeg"), QString(), {}};
+        const DependencyInfo ffmpeg{u"ffmpeg"_s, QString(), {}};
         QVERIFY(complex.isKnownDependency(ffmpeg) && complex.checkDependency(ffmpeg));
-        QCOMPARE(complex.dependencyDescription(ffmpeg), QStringLiteral("first"));
-        QCOMPARE(complex.dependencyIconUrl(ffmpeg), QUrl(QStringLiteral("icon:first")));
-        const DependencyInfo deno{QStringLiteral("deno"), QString(), {}};
+        QCOMPARE(complex.dependencyDescription(ffmpeg), u"first"_s);
+        QCOMPARE(complex.dependencyIconUrl(ffmpeg), QUrl(u"icon:first"_s));
+        const DependencyInfo deno{u"deno"_s, QString(), {}};
         QVERIFY(!complex.checkDependency(deno));
-        QCOMPARE(complex.dependencyWebPageUrl(deno), QUrl(QStringLiteral("page:second")));
+        QCOMPARE(complex.dependencyWebPageUrl(deno), QUrl(u"page:second"_s));
 
-        const DependencyInfo unknown{QStringLiteral("x"), QString(), {}};
+        const DependencyInfo unknown{u"x"_s, QString(), {}};
         QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
         QVERIFY(complex.dependencyDescription(unknown).isEmpty());
 

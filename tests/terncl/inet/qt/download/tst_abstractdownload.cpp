@@ -109,28 +109,24 @@ private Q_SLOTS:
         QCOMPARE(QList<QVariantList>(spy), (QList<QVariantList>{{true}, {false}}));
     }
 
-    void compareDownloads_data() {
-        QTest::addColumn<AbstractDownloadPersistentInfo>("mine");
-        QTest::addColumn<AbstractDownloadPersistentInfo>("other");
-        QTest::addColumn<int>("expected");
-        const auto url = u"https://example.org/a.iso"_s;
-        QTest::newRow("empty mine") << record({}, 1) << record(url, 1) << 0;
-        QTest::newRow("other resource")
-            << record(url, 1) << record(u"https://example.org/b.iso"_s, 1) << 0;
-        QTest::newRow("other type") << record(url, 1) << record(url, 2) << 0;
-        QTest::newRow("other subtype") << record(url, 1) << record(url, 1, 3) << 0;
-        QTest::newRow("same resource") << record(url, 1) << record(url, 1) << 2;
-        QTest::newRow("same collection") << record(url, 2) << record(url, 2) << 3;
-        QTest::newRow("same media") << record(url, 3) << record(url, 3) << 0;
-    }
-
+    // 0 differs, 2 same resource, 3 same collection; media are never the same.
     void compareDownloads() {
-        QFETCH(AbstractDownloadPersistentInfo, mine);
-        QFETCH(AbstractDownloadPersistentInfo, other);
-        QFETCH(int, expected);
-        FakeDownload download;
-        download.setInfo(mine);
-        QCOMPARE(int(download.compareDownloads(other)), expected);
+        const auto url = u"https://example.org/a.iso"_s;
+        const struct {
+            AbstractDownloadPersistentInfo mine, other;
+            int expected;
+        } rows[] = {{record({}, 1), record(url, 1), 0},
+                    {record(url, 1), record(u"https://example.org/b.iso"_s, 1), 0},
+                    {record(url, 1), record(url, 2), 0},
+                    {record(url, 1), record(url, 1, 3), 0},
+                    {record(url, 1), record(url, 1), 2},
+                    {record(url, 2), record(url, 2), 3},
+                    {record(url, 3), record(url, 3), 0}};
+        for (const auto& row : rows) {
+            FakeDownload download;
+            download.setInfo(row.mine);
+            QCOMPARE(int(download.compareDownloads(row.other)), row.expected);
+        }
     }
 
     void logHeaderNamesTheChainOfCreators() {
@@ -184,7 +180,7 @@ private Q_SLOTS:
     }
 
     // The speed meter counts the bytes downloads report.
-    void bucketsFollowOneDownload() {
+    void speedMeters() {
         std::time_t now = 1'700'000'000; // the meters' clock, moved by hand
         AbstractDownloadsSpeedMeter meter;
         meter.setClock([&now] { return now; });
@@ -224,13 +220,11 @@ private Q_SLOTS:
         download.startRunning();
         download.stopUnfinished();
         QCOMPARE(tracker->totalBytes, 5400);
-    }
 
-    void metersShareOneTrackerAndForgetDestroyedDownloads() {
-        std::time_t now = 1'700'000'000;
-        auto tracker = QSharedPointer<OperationSpeedTracker>::create();
-        AbstractDownloadsSpeedMeter first(tracker);
-        AbstractDownloadsSpeedMeter second(tracker);
+        // Meters may share one tracker; destroyed downloads are forgotten.
+        const auto shared = QSharedPointer<OperationSpeedTracker>::create();
+        AbstractDownloadsSpeedMeter first(shared);
+        AbstractDownloadsSpeedMeter second(shared);
         first.setClock([&now] { return now; });
         second.setClock([&now] { return now; });
         FakeDownload a(1), b(2);
@@ -238,21 +232,21 @@ private Q_SLOTS:
         second.registerDownload(&b);
         setDownloaded(a, 100);
         setDownloaded(b, 250);
-        QCOMPARE(tracker->currentBucketBytes, 350);
+        QCOMPARE(shared->currentBucketBytes, 350);
         ++now;
         QCOMPARE(second.speed(), 350);
         QCOMPARE(first.speed(), 350);
 
-        auto download = std::make_unique<FakeDownload>();
-        first.registerDownload(download.get());
-        setDownloaded(*download, 100);
-        download.reset();
+        auto doomed = std::make_unique<FakeDownload>();
+        first.registerDownload(doomed.get());
+        setDownloaded(*doomed, 100);
+        doomed.reset();
         // A new object at any address starts from its own baseline.
         auto next = std::make_unique<FakeDownload>();
         setDownloaded(*next, 50);
         first.registerDownload(next.get());
         setDownloaded(*next, 80);
-        QCOMPARE(tracker->totalBytes, 350 + 100 + 30);
+        QCOMPARE(shared->totalBytes, 350 + 100 + 30);
     }
 };
 

@@ -20,15 +20,7 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-using Op = AbstractDownloadFileOps::FileInitializeOperation;
 using Companion = AbstractDownloadFilesOpsCompanion;
-
-QList<bool> edges(const QSignalSpy& spy) {
-    QList<bool> list;
-    for (const auto& args : spy)
-        list << args.at(0).toBool();
-    return list;
-}
 
 AbstractDownloadFileInfo fileRecord(const QString& name, qint64 done, const QString& tmpPath = {}) {
     AbstractDownloadFileInfo file;
@@ -256,43 +248,39 @@ private Q_SLOTS:
         QCOMPARE(finished[0][1].value<AbstractError>().category,
                  std::string(AbstractError::GenericError));
         QCOMPARE(info.files[0].name, u"v.m4s"_s);
-        QCOMPARE(edges(performing), QList<bool>{true});
+        QCOMPARE(QList<QVariantList>(performing), QList<QVariantList>{{true}});
         QVERIFY(companion.isPerformingFilesOps());
         companion.finishPerformFilesOperations();
         companion.finishPerformFilesOperations(); // unbalanced: ignored
-        QCOMPARE(edges(performing), (QList<bool>{true, false}));
+        QCOMPARE(QList<QVariantList>(performing), (QList<QVariantList>{{true}, {false}}));
         QVERIFY(!companion.isPerformingFilesOps());
     }
 
     // A self-merge that fails or is aborted leaves the file as it was. (The downloader's test
     // remuxes real segments through a companion.)
-    void selfMergeFailsOrIsAborted_data() {
-        QTest::addColumn<bool>("abort");
-        QTest::newRow("not media") << false;
-        QTest::newRow("aborted") << true;
-    }
     void selfMergeFailsOrIsAborted() {
-        QFETCH(bool, abort);
         if (m_fmp4.isEmpty())
             QSKIP("ffmpeg is not installed");
-        const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
-        auto info = finishedRecord(u"Clip.M4S"_s, content);
-        const auto merger = makeMerger();
-        Companion companion(&m_download, info, m_settings, merger);
-        QSignalSpy finished(&companion, &Companion::operationFinished);
-        companion.performSelfMerge();
-        QCOMPARE(companion.operation(), Companion::SelfMerge);
-        Q_EMIT merger->progress(merger->nextId(), 5, 10); // another merge: ignored
-        QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
-        if (abort)
-            companion.abortOperation();
-        QVERIFY(finished.wait(30000));
+        for (const bool abort : {false, true}) { // not media, or aborted
+            const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
+            auto info = finishedRecord(u"Clip.M4S"_s, content);
+            const auto merger = makeMerger();
+            Companion companion(&m_download, info, m_settings, merger);
+            QSignalSpy finished(&companion, &Companion::operationFinished);
+            companion.performSelfMerge();
+            QCOMPARE(companion.operation(), Companion::SelfMerge);
+            Q_EMIT merger->progress(merger->nextId(), 5, 10); // another merge: ignored
+            QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
+            if (abort)
+                companion.abortOperation();
+            QVERIFY(finished.wait(30000));
 
-        QVERIFY(finished[0][1].value<AbstractError>().isSet());
-        QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
-        QVERIFY(!QFile::exists(path("tmp/Clip.mp4")));
-        QCOMPARE(read("tmp/Clip.M4S"), content);
-        QCOMPARE(info.files[0].name, u"Clip.M4S"_s);
+            QVERIFY(finished[0][1].value<AbstractError>().isSet());
+            QCOMPARE(companion.mergeProgress(), std::make_pair(qint64(-1), qint64(-1)));
+            QVERIFY(!QFile::exists(path("tmp/Clip.mp4")));
+            QCOMPARE(read("tmp/Clip.M4S"), content);
+            QCOMPARE(info.files[0].name, u"Clip.M4S"_s);
+        }
     }
 };
 

@@ -6,6 +6,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using Selector = AbstractDownloadResourceVersionSelector;
 
 namespace {
@@ -60,36 +62,32 @@ class TestAbstractDownloadResourceVersionSelector : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void sortOrdersByFormatTypeHeightAndParts_data() {
-        QTest::addColumn<QByteArray>("input");
-        QTest::addColumn<QByteArray>("expected");
-        QTest::newRow("mp4 beats a higher webm") << QByteArray("webm:2:1080 mp4:2:720 mp4:2:1080")
-                                                 << QByteArray("mp4:2:1080 mp4:2:720 webm:2:1080");
-        QTest::newRow("webm with video early, audio-only webm late")
-            << QByteArray("webm:1:0 m4a:1:0 flv:2:240 3gp:2:144 webm:3:720 mp4:3:360 mkv:2:1080")
-            << QByteArray("mp4:3:360 webm:3:720 3gp:2:144 flv:2:240 m4a:1:0 webm:1:0 mkv:2:1080");
-        QTest::newRow("video with audio, then height, then fewer parts")
-            << QByteArray("mp4:3:1080 mp4:2:720:2 mp4:2:720 mp4:2:1080:2")
-            << QByteArray("mp4:2:1080:2 mp4:2:720 mp4:2:720:2 mp4:3:1080");
-        // Judged by height alone the two webm versions would form a cycle with the m4a one.
-        QTest::newRow("audio-only webm behind m4a whatever its height")
-            << QByteArray("webm:1:1080 m4a:1:0 webm:3:720")
-            << QByteArray("webm:3:720 m4a:1:0 webm:1:1080");
-    }
     void sortOrdersByFormatTypeHeightAndParts() {
-        QFETCH(QByteArray, input);
-        QFETCH(QByteArray, expected);
-        auto selector = selectorOf(input);
-        selector->sort(false);
-        QCOMPARE(titles(*selector), expected);
+        const char* const rows[][2] = {
+            // An mp4 beats a higher webm.
+            {"webm:2:1080 mp4:2:720 mp4:2:1080", "mp4:2:1080 mp4:2:720 webm:2:1080"},
+            // A webm with video comes early, an audio-only webm late.
+            {"webm:1:0 m4a:1:0 flv:2:240 3gp:2:144 webm:3:720 mp4:3:360 mkv:2:1080",
+             "mp4:3:360 webm:3:720 3gp:2:144 flv:2:240 m4a:1:0 webm:1:0 mkv:2:1080"},
+            // Video with audio first, then height, then fewer parts.
+            {"mp4:3:1080 mp4:2:720:2 mp4:2:720 mp4:2:1080:2",
+             "mp4:2:1080:2 mp4:2:720 mp4:2:720:2 mp4:3:1080"},
+            // The audio-only webm goes behind m4a whatever its height; judged by height alone
+            // the two webm versions would form a cycle with the m4a one.
+            {"webm:1:1080 m4a:1:0 webm:3:720", "webm:3:720 m4a:1:0 webm:1:1080"}};
+        for (const auto& row : rows) {
+            auto selector = selectorOf(row[0]);
+            selector->sort(false);
+            QCOMPARE(titles(*selector), QByteArray(row[1]));
+        }
     }
 
     void sortRemovesDuplicatesOnlyWhenAsked() {
         // All but the 480p one share one media description; only their URLs and parts differ.
         auto selector = selectorOf("mp4:2:720:2 mp4:2:480 mp4:2:720 mp4:2:720");
         auto versions = selector->resourceVersions();
-        versions[2].url = QUrl(QStringLiteral("https://a.test/v"));
-        versions[3].url = QUrl(QStringLiteral("https://b.test/v"));
+        versions[2].url = QUrl(u"https://a.test/v"_s);
+        versions[3].url = QUrl(u"https://b.test/v"_s);
         selector->setResourceVersions(versions);
         selector->sort(false);
         QCOMPARE(selector->resourceVersions().size(), 4);
@@ -127,28 +125,23 @@ private Q_SLOTS:
     }
 
     // Criteria "fileType:maxHeight:format:language", fileType 0 (any), 1 (video) or 2 (audio).
-    void defaultChoiceFollowsTheCriteria_data() {
-        QTest::addColumn<QString>("criteria");
-        QTest::addColumn<int>("expected");
-        QTest::newRow("no preference") << QStringLiteral("0:0::") << 0;
-        QTest::newRow("height limit") << QStringLiteral("1:1000::") << 1;
-        QTest::newRow("lowest above a limit none meets") << QStringLiteral("1:480::") << 1;
-        QTest::newRow("limit before language") << QStringLiteral("1:720::en") << 1;
-        QTest::newRow("format, any case") << QStringLiteral("1:0:WEBM:") << 2;
-        QTest::newRow("absent format ignored") << QStringLiteral("1:0:mkv:") << 0;
-        QTest::newRow("primary language") << QStringLiteral("1:0::en-US") << 0;
-        QTest::newRow("audio only") << QStringLiteral("2:0::") << 4;
-        QTest::newRow("unknown language beats another") << QStringLiteral("2:0::fr") << 5;
-    }
     void defaultChoiceFollowsTheCriteria() {
-        QFETCH(QString, criteria);
-        QFETCH(int, expected);
-        const auto c = criteria.split(QLatin1Char(':'));
-        VersionsDownload download;
-        download.selector = selectorOf(choices);
-        QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType(c.at(0).toInt()),
-                                                      c.at(1).toInt(), c.at(2), c.at(3)));
-        QCOMPARE(download.selector->selectedVersion(), expected);
+        const struct {
+            const char* criteria;
+            int expected;
+        } rows[] = {
+            {"0:0::", 0},      {"1:1000::", 1},  {"1:480::", 1},  // lowest above a limit none meets
+            {"1:720::en", 1},  {"1:0:WEBM:", 2}, {"1:0:mkv:", 0}, // an absent format is ignored
+            {"1:0::en-US", 0}, {"2:0::", 4},     {"2:0::fr", 5},  // unknown language beats another
+        };
+        for (const auto& row : rows) {
+            const auto c = QString::fromLatin1(row.criteria).split(QLatin1Char(':'));
+            VersionsDownload download;
+            download.selector = selectorOf(choices);
+            QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType(c.at(0).toInt()),
+                                                          c.at(1).toInt(), c.at(2), c.at(3)));
+            QCOMPARE(download.selector->selectedVersion(), row.expected);
+        }
     }
 
     void defaultChoiceFallsBackAndKeepsASelection() {
@@ -182,7 +175,7 @@ private Q_SLOTS:
         download.setInfo(info);
         download.setOption(PreferredResourceFileType, int(AbstractFileType::Video));
         download.setOption(MaxResourceVideoHeight, 2000);
-        download.setOption(PreferredResourceLanguage, QStringLiteral("en-GB"));
+        download.setOption(PreferredResourceLanguage, u"en-GB"_s);
         download.selector = selectorOf(choices);
         QVERIFY(download.chooseDefaultResourceVersion());
         QCOMPARE(download.selector->selectedVersion(), 2);
@@ -190,7 +183,7 @@ private Q_SLOTS:
         download.selector = selectorOf(choices);
         QVERIFY(download.chooseDefaultResourceVersion(
             {{PreferredResourceFileType, QVariant::fromValue(AbstractFileType::Audio)},
-             {PreferredResourceFormat, QStringLiteral("webm")}}));
+             {PreferredResourceFormat, u"webm"_s}}));
         QCOMPARE(download.selector->selectedVersion(), 5);
     }
 };

@@ -12,6 +12,8 @@
 #include <QTest>
 #include <QThread>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 // The file name the logger gives a run registered at one of the two times (the clock may tick
 // between them).
@@ -19,16 +21,14 @@ QStringList possibleNames(const QDateTime& before, const QDateTime& after, int c
                           const QString& name) {
     QStringList names;
     for (const auto& time : {before, after})
-        names.append(QStringLiteral("R_%1_%2_%3.log")
-                         .arg(time.toString(QStringLiteral("yyyy-MM-ddThhmmss")))
-                         .arg(counter)
-                         .arg(name));
+        names.append(
+            u"R_%1_%2_%3.log"_s.arg(time.toString(u"yyyy-MM-ddThhmmss"_s)).arg(counter).arg(name));
     return names;
 }
 
 void setInfo(FakeDownload& download, const QString& name, const QString& savedFilePath = {}) {
     auto info = download.info();
-    info.resourceUrl = QStringLiteral("http://example.com/a b?q=1");
+    info.resourceUrl = u"http://example.com/a b?q=1"_s;
     info.name = name;
     info.savedFilePath = savedFilePath;
     download.setInfo(info);
@@ -37,7 +37,7 @@ void setInfo(FakeDownload& download, const QString& name, const QString& savedFi
 // One download run that only starts and ends, to count warnings and files.
 void runOnce(FakeDownload& download) {
     download.startRunning();
-    Q_EMIT download.sendingRequestHeaders(1, {QStringLiteral("GET / HTTP/1.1")});
+    Q_EMIT download.sendingRequestHeaders(1, {u"GET / HTTP/1.1"_s});
     download.stopUnfinished();
 }
 } // namespace
@@ -59,11 +59,11 @@ private Q_SLOTS:
             worker.quit();
             worker.wait();
         });
-        const QString folder = sandbox.filePath(QStringLiteral("logs/"));
+        const QString folder = sandbox.filePath(u"logs/"_s);
         AbstractDownloadsNetworkRequestsLogger logger(folder, false, &worker);
         QCOMPARE(logger.folder(), QDir(folder).canonicalPath());
         FakeDownload download;
-        setInfo(download, QStringLiteral("my:file?\u00ef.bin"));
+        setInfo(download, u"my:file?\u00ef.bin"_s);
         const QDateTime before = QDateTime::currentDateTime();
         logger.registerDownload(&download);
         const QDateTime after = QDateTime::currentDateTime();
@@ -74,29 +74,27 @@ private Q_SLOTS:
         download.startRunning();
         QCOMPARE(m_tracker->monitoredObjectsCount(), 1);
         Q_EMIT download.sendingRequestHeaders(
-            1, {QStringLiteral("GET /a%20b?q=1 HTTP/1.1"), QStringLiteral("Host: example.com")});
-        Q_EMIT download.sendingRequestHeaders(3, {QStringLiteral("GET /c HTTP/1.1")});
-        Q_EMIT download.gotResponseHeaders(3, {QStringLiteral("HTTP/1.1 200 OK")});
-        Q_EMIT download.gotResponseHeaders(
-            1, {QStringLiteral("HTTP/1.1 302 Found"), QStringLiteral("Location: /b")});
-        Q_EMIT download.sendingRequestHeaders(2, {QStringLiteral("GET /b HTTP/1.1")});
-        Q_EMIT download.gotResponseHeaders(2, {QStringLiteral("HTTP/1.1 404 Not Found")});
+            1, {u"GET /a%20b?q=1 HTTP/1.1"_s, u"Host: example.com"_s});
+        Q_EMIT download.sendingRequestHeaders(3, {u"GET /c HTTP/1.1"_s});
+        Q_EMIT download.gotResponseHeaders(3, {u"HTTP/1.1 200 OK"_s});
+        Q_EMIT download.gotResponseHeaders(1, {u"HTTP/1.1 302 Found"_s, u"Location: /b"_s});
+        Q_EMIT download.sendingRequestHeaders(2, {u"GET /b HTTP/1.1"_s});
+        Q_EMIT download.gotResponseHeaders(2, {u"HTTP/1.1 404 Not Found"_s});
         download.fail(AbstractError(404, AbstractError::HttpError, "src/x,1", "Not Found"));
 
         // A response without a request (a cached answer) that finishes into a file; the
         // request that follows it stays out. Header lines go as Latin-1.
-        setInfo(download, QStringLiteral("my:file?\u00ef.bin"), QStringLiteral("/d/f \u00ef.bin"));
+        setInfo(download, u"my:file?\u00ef.bin"_s, u"/d/f \u00ef.bin"_s);
         download.startRunning();
-        Q_EMIT download.gotResponseHeaders(
-            7, {QStringLiteral("HTTP/1.1 200 OK"), QStringLiteral("X-Name: caf\u00e9")});
-        Q_EMIT download.sendingRequestHeaders(7, {QStringLiteral("GET / HTTP/1.1")});
+        Q_EMIT download.gotResponseHeaders(7, {u"HTTP/1.1 200 OK"_s, u"X-Name: caf\u00e9"_s});
+        Q_EMIT download.sendingRequestHeaders(7, {u"GET / HTTP/1.1"_s});
         download.finish();
 
         QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0);
         // Names start with the time, so their order is the order of the runs.
-        const QStringList files = QDir(folder).entryList({QStringLiteral("R_*.log")}, QDir::Files);
+        const QStringList files = QDir(folder).entryList({u"R_*.log"_s}, QDir::Files);
         QCOMPARE(files.size(), 2);
-        const QString name = QStringLiteral("myfile\u00ef.bin");
+        const QString name = u"myfile\u00ef.bin"_s;
         QVERIFY(possibleNames(before, after, 1, name).contains(files[0]));
         QVERIFY(possibleNames(before, after, 2, name).contains(files[1]));
         QCOMPARE(readFile(QDir(folder).filePath(files[0])),
@@ -120,8 +118,7 @@ private Q_SLOTS:
 
     void onlyRequestLogsAreRemoved() {
         QTemporaryDir sandbox;
-        const QStringList names{QStringLiteral("R_old.log"), QStringLiteral("R_old.txt"),
-                                QStringLiteral("old.log"), QStringLiteral("xR_a.log")};
+        const QStringList names{u"R_old.log"_s, u"R_old.txt"_s, u"old.log"_s, u"xR_a.log"_s};
         for (const auto& name : names)
             QVERIFY(writeFile(sandbox.filePath(name), "x"));
         AbstractDownloadsNetworkRequestsLogger keeping(sandbox.path(), false);
@@ -134,17 +131,17 @@ private Q_SLOTS:
     void vanishedFolderWarnsOnceAndLogsNothing() {
         RecordingLogger logger;
         QTemporaryDir sandbox;
-        const QString vanishing = sandbox.filePath(QStringLiteral("gone"));
+        const QString vanishing = sandbox.filePath(u"gone"_s);
         AbstractDownloadsNetworkRequestsLogger orphaned(vanishing, false);
         QVERIFY(QDir(vanishing).removeRecursively() && writeFile(vanishing, "x"));
         FakeDownload second(2);
-        setInfo(second, QStringLiteral("second"));
+        setInfo(second, u"second"_s);
         orphaned.registerDownload(&second);
         runOnce(second);
         runOnce(second);
         QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0);
         QCOMPARE(logger.lines().size(), 1);
-        QVERIFY(logger.lines()[0].contains(QStringLiteral("cannot write \"%1/R_").arg(vanishing)));
+        QVERIFY(logger.lines()[0].contains(u"cannot write \"%1/R_"_s.arg(vanishing)));
 
         // A run that ends without having started, and one whose download goes away, leave
         // nothing behind.

@@ -231,8 +231,7 @@ private Q_SLOTS:
         QVERIFY(requests.at(0).info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload));
 
         const auto& info = download->info();
-        QVERIFY(info.isFinished());
-        QVERIFY(!info.customData.contains(Media::AvDownloadsUuidsKey));
+        QVERIFY(info.isFinished() && !info.customData.contains(Media::AvDownloadsUuidsKey));
         QVERIFY(download->childDownloads().isEmpty());
         QCOMPARE(info.files.size(), 1);
         const QString result = path("dst/clip.mp4");
@@ -253,44 +252,41 @@ private Q_SLOTS:
         QVERIFY(QFileInfo::exists(result));
     }
 
-    void mergeFailures_data() {
-        QTest::addColumn<bool>("withMerger");
-        QTest::addColumn<int>("avCount");
-        QTest::addColumn<bool>("garbage");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("no merger") << false << 2 << false << u"merge failed: no avMerger"_s;
-        QTest::newRow("one of two") << true << 1 << false << u"merge failed: missing downloads"_s;
-        QTest::newRow("ffmpeg fails") << true << 2 << true << u"merge failed: "_s;
-    }
-
     // Restored children that are all finished go straight to the merge, whose failure stops the
     // download with its text.
     void mergeFailures() {
-        QFETCH(bool, withMerger);
-        QFETCH(int, avCount);
-        QFETCH(bool, garbage);
-        QFETCH(QString, text);
-        if (garbage)
-            m_contents.insert(u"http://media.test/junk"_s, QByteArray(4000, 'x'));
-        auto video = restoredChild(11, videoUrl, "clip.video.mp4", true);
-        auto audio = restoredChild(12, garbage ? u"http://media.test/junk"_s : audioUrl,
-                                   "clip.audio.m4a", true);
-        QList<QUuid> uuids{video->info().uuid, audio->info().uuid};
-        auto download = makeDownload(recordWithChildren(uuids.mid(0, avCount)), withMerger);
-        download->setChildDownloadsManager(managerKeeping({video, audio}));
-        QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
+        const QString junk = u"http://media.test/junk"_s;
+        m_contents.insert(junk, QByteArray(4000, 'x'));
+        const struct {
+            bool withMerger;
+            int avCount;
+            bool garbage;
+            QString text;
+        } rows[] = {{false, 2, false, u"merge failed: no avMerger"_s},
+                    {true, 1, false, u"merge failed: missing downloads"_s},
+                    {true, 2, true, u"merge failed: "_s}}; // ffmpeg fails
+        for (const auto& row : rows) {
+            m_logger->clear();
+            auto video = restoredChild(11, videoUrl, "clip.video.mp4", true);
+            auto audio = restoredChild(12, row.garbage ? junk : audioUrl, "clip.audio.m4a", true);
+            QList<QUuid> uuids{video->info().uuid, audio->info().uuid};
+            auto download =
+                makeDownload(recordWithChildren(uuids.mid(0, row.avCount)), row.withMerger);
+            download->setChildDownloadsManager(managerKeeping({video, audio}));
+            QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
-        QVERIFY2(logged(text), qPrintable(m_logger->lines().join(u'\n')));
-        QCOMPARE(stages(), words("1 4 0"));
-        const AbstractError error = download->lastError();
-        QVERIFY(error.isSet());
-        if (!garbage) {
-            QCOMPARE(error.category, std::string(AbstractError::GenericError));
-            QCOMPARE(error.code, int(Media::MergeFailedCode));
-            QCOMPARE(QString::fromStdString(error.description), text);
+            QVERIFY2(logged(row.text), qPrintable(m_logger->lines().join(u'\n')));
+            QCOMPARE(stages(), words("1 4 0"));
+            const AbstractError error = download->lastError();
+            QVERIFY(error.isSet());
+            if (!row.garbage) {
+                QCOMPARE(error.category, std::string(AbstractError::GenericError));
+                QCOMPARE(error.code, int(Media::MergeFailedCode));
+                QCOMPARE(QString::fromStdString(error.description), row.text);
+            }
+            QVERIFY(!download->info().isFinished());
+            QCOMPARE(download->childDownloads().size(), 2);
         }
-        QVERIFY(!download->info().isFinished());
-        QCOMPARE(download->childDownloads().size(), 2);
     }
 
     // A record with "childDownloadsInit" is not parsed again, and a finished child is not run.
@@ -320,8 +316,7 @@ private Q_SLOTS:
         QCOMPARE(audio->commands(), QList<AbstractDownloadCommand>{AbstractDownloadCommand::Start});
         QCOMPARE(m_factory->requests().size(), 0);
         QVERIFY(download->info().isFinished());
-        QCOMPARE(manager->removals().size(), 1);
-        QCOMPARE(manager->removals().constFirst().second, true);
+        QCOMPARE(manager->removals(), (QList<std::pair<QList<qint64>, bool>>{{{11, 12}, true}}));
         QVERIFY(exists("dst/clip.mp4") && !exists("children/clip.audio.m4a"));
     }
 

@@ -59,14 +59,7 @@ QStringList events(std::initializer_list<const char*> texts) {
     return list;
 }
 
-NetworkUsageSettings limits(qint64 down, qint64 up, qint32 connections, qint32 perServer = 0,
-                            bool flag = false) {
-    return {down, up, connections, perServer, flag};
-}
-
-QtHostAndPort endpoint(const char* host, int port) {
-    return {QString::fromLatin1(host), port};
-}
+using limits = NetworkUsageSettings;
 
 QtConnectionsMap mapOf(std::initializer_list<std::pair<QtHostAndPort, int>> entries) {
     QtConnectionsMap map;
@@ -106,70 +99,60 @@ private Q_SLOTS:
         QVERIFY(pack.item(4).isNull());
     }
 
-    void limitsAreDividedAmongActiveItems_data() {
-        QTest::addColumn<NetworkUsageSettings>("packLimits");
-        QTest::addColumn<QList<qint64>>("downSpeeds");
-        QTest::addColumn<QList<qint64>>("upSpeeds");
-        QTest::addColumn<NetworkUsageSettings>("share");
-        const auto row = [](const char* name, NetworkUsageSettings pack, QList<qint64> down,
-                            QList<qint64> up, NetworkUsageSettings share) {
-            QTest::newRow(name) << pack << down << up << share;
-        };
-        // Threshold min(500, 100): the idle item does not count but gets the same share.
-        row("50000 among three, two active", limits(50000, 0, 0), {600, 400, 0}, {0, 0, 0},
-            limits(25000, 0, 0));
-        row("a speed at the threshold is idle", limits(50000, 0, 0), {600, 400, 100}, {0, 0, 0},
-            limits(25000, 0, 0));
-        // Threshold 1 / 100 = 0: any speed counts; 1 / 2 is raised to 1.
-        row("limit 1 raised to 1", limits(1, 0, 0), {5, 5}, {0, 0}, limits(1, 0, 0));
-        row("connections by the larger count", limits(0, 0, 8), {200, 200, 200}, {200, 0, 0},
-            limits(0, 0, 2));
-        row("each direction by its own count", limits(1000, 1000, 8), {50, 0, 0}, {50, 50, 0},
-            limits(1000, 500, 4));
-        row("one active item gets the pack's settings unchanged", limits(50000, 3000, 8, 2, true),
-            {600, 0}, {0, 0}, limits(50000, 3000, 8, 2, true));
-        row("per-server limit and flag never divided", limits(400, 0, 0, 3, true), {200, 200},
-            {0, 0}, limits(200, 0, 0, 3, true));
-    }
-
     void limitsAreDividedAmongActiveItems() {
-        QFETCH(NetworkUsageSettings, packLimits);
-        QFETCH(QList<qint64>, downSpeeds);
-        QFETCH(QList<qint64>, upSpeeds);
-        QFETCH(NetworkUsageSettings, share);
-
-        Pack pack;
-        QList<FakePtr> items;
-        for (qsizetype i = 0; i < downSpeeds.size(); ++i)
-            items.append(activeItem(i + 1, downSpeeds.at(i), upSpeeds.at(i)));
-        pack.addItems({items.cbegin(), items.cend()});
-        pack.setNetworkUsageSettings(packLimits);
-        for (const FakePtr& item : std::as_const(items))
-            QCOMPARE(item->networkUsageSettings(), share);
+        struct Row {
+            limits pack;
+            QList<std::pair<qint64, qint64>> speeds; // down and up, one item each
+            limits share;
+        };
+        const Row rows[] = {
+            // Threshold min(500, 100): idle items (at the threshold too) get the same share.
+            {{50000, 0, 0}, {{600, 0}, {400, 0}, {0, 0}}, {25000, 0, 0}},
+            {{50000, 0, 0}, {{600, 0}, {400, 0}, {100, 0}}, {25000, 0, 0}},
+            // Threshold 1 / 100 = 0: any speed counts; 1 / 2 is raised to 1.
+            {{1, 0, 0}, {{5, 0}, {5, 0}}, {1, 0, 0}},
+            // Connections by the larger count, each direction by its own count.
+            {{0, 0, 8}, {{200, 200}, {200, 0}, {200, 0}}, {0, 0, 2}},
+            {{1000, 1000, 8}, {{50, 50}, {0, 50}, {0, 0}}, {1000, 500, 4}},
+            {{1000, 1000, 8}, {{50, 50}, {50, 0}, {0, 0}}, {500, 1000, 4}},
+            // One active item gets the pack's settings; per-server limit and flag never divided.
+            {{50000, 3000, 8, 2, true}, {{600, 0}, {0, 0}}, {50000, 3000, 8, 2, true}},
+            {{400, 0, 0, 3, true}, {{200, 0}, {200, 0}}, {200, 0, 0, 3, true}},
+        };
+        for (const Row& row : rows) {
+            Pack pack;
+            QList<FakePtr> items;
+            for (const auto& [down, up] : row.speeds)
+                items.append(activeItem(items.size() + 1, down, up));
+            pack.addItems({items.cbegin(), items.cend()});
+            pack.setNetworkUsageSettings(row.pack);
+            for (const FakePtr& item : std::as_const(items))
+                QCOMPARE(item->networkUsageSettings(), row.share);
+        }
     }
 
     void sharesReplaceOnlyWhatDiffersAndLeaveWithTheirLimit() {
         Pack pack;
         // Own limits that already match the share where it sets one: left alone.
         const FakePtr holding = activeItem(1, 0);
-        holding->setNetworkUsageSettings(limits(1000, 777, 0, 0, true));
+        holding->setNetworkUsageSettings(limits{1000, 777, 0, 0, true});
         // Differs in the download limit: receives the share whole, zero fields and flag too.
         const FakePtr differing = activeItem(2, 0);
-        differing->setNetworkUsageSettings(limits(0, 777, 0, 0, true));
+        differing->setNetworkUsageSettings(limits{0, 777, 0, 0, true});
         pack.addItems({holding, differing});
 
-        pack.setNetworkUsageSettings(limits(1000, 0, 0));
-        QCOMPARE(holding->networkUsageSettings(), limits(1000, 777, 0, 0, true));
-        QCOMPARE(differing->networkUsageSettings(), limits(1000, 0, 0, 0, false));
+        pack.setNetworkUsageSettings(limits{1000, 0, 0});
+        QCOMPARE(holding->networkUsageSettings(), (limits{1000, 777, 0, 0, true}));
+        QCOMPARE(differing->networkUsageSettings(), (limits{1000, 0, 0, 0, false}));
 
         // A lifted pack limit is lifted from every item, with connections or not.
         const FakePtr offline = FakePtr::create(3);
-        offline->setNetworkUsageSettings(limits(123, 0, 5));
+        offline->setNetworkUsageSettings(limits{123, 0, 5});
         pack.addItem(offline);
-        pack.setNetworkUsageSettings(limits(0, 0, 4));
-        QCOMPARE(holding->networkUsageSettings(), limits(0, 0, 4)); // lacked the new share
-        QCOMPARE(differing->networkUsageSettings(), limits(0, 0, 4));
-        QCOMPARE(offline->networkUsageSettings(), limits(0, 0, 5));
+        pack.setNetworkUsageSettings(limits{0, 0, 4});
+        QCOMPARE(holding->networkUsageSettings(), (limits{0, 0, 4})); // lacked the new share
+        QCOMPARE(differing->networkUsageSettings(), (limits{0, 0, 4}));
+        QCOMPARE(offline->networkUsageSettings(), (limits{0, 0, 5}));
     }
 
     void redivisionTimerRunsOnlyWhileNeeded() {
@@ -181,20 +164,20 @@ private Q_SLOTS:
         pack.applySettingsToRunningItems();
         QVERIFY(!pack.isRedivisionScheduled()); // no limits
 
-        pack.setNetworkUsageSettings(limits(1000, 0, 0));
+        pack.setNetworkUsageSettings(limits{1000, 0, 0});
         QVERIFY(pack.isRedivisionScheduled());
-        QCOMPARE(first->networkUsageSettings(), limits(1000, 0, 0));
+        QCOMPARE(first->networkUsageSettings(), (limits{1000, 0, 0}));
 
         // The second item starts using the network: the shares follow at once.
         second->setConnections(http, 2);
-        QCOMPARE(first->networkUsageSettings(), limits(500, 0, 0));
-        QCOMPARE(second->networkUsageSettings(), limits(500, 0, 0));
+        QCOMPARE(first->networkUsageSettings(), (limits{500, 0, 0}));
+        QCOMPARE(second->networkUsageSettings(), (limits{500, 0, 0}));
 
         // Speeds change without any signal; the timer's next tick re-divides.
         pack.setRedivisionInterval(5);
         pack.applySettingsToRunningItems();
         second->setSpeed(Down, 0);
-        QTRY_COMPARE(first->networkUsageSettings(), limits(1000, 0, 0));
+        QTRY_COMPARE(first->networkUsageSettings(), (limits{1000, 0, 0}));
 
         // Once no item uses the network the last tick does not re-arm.
         first->setConnections(https, 0);
@@ -216,8 +199,7 @@ private Q_SLOTS:
         pack.addItems({offline, second, first});
         QCOMPARE(pack.speed(Down, false), 300);
         QCOMPARE(pack.speed(Up, false), 30);
-        QCOMPARE(pack.connectionsMap().value(https).count, 2);
-        QCOMPARE(pack.connectionsMap().value(http).count, 3);
+        QCOMPARE(pack.connectionsMap(), mapOf({{https, 2}, {http, 3}}));
 
         offline->setConnections(https, 1);
         QCOMPARE(pack.speed(Down, true), 5300);
@@ -312,45 +294,45 @@ private Q_SLOTS:
         AbstractNetworkConsumersStats stats;
         QSignalSpy deltas(&stats, &AbstractNetworkConsumersStats::connectionsMapChangedDelta);
         FakeNetworkConsumer first(1), second(2), idle(3);
-        first.setConnections(endpoint("a", 443), 2);
-        second.setConnections(endpoint("a", 443), 3);
+        const QtHostAndPort a{u"a"_s, 443}, b{u"b"_s, 80}, c{u"c"_s, 21}, z{u"z"_s, 1};
+        first.setConnections(a, 2);
+        second.setConnections(a, 3);
 
         stats.registerConsumer(&idle, true);
         QCOMPARE(deltas.count(), 0);
         stats.registerConsumer(&first, true);
         stats.registerConsumer(&second, true);
-        QCOMPARE(stats.connectionsMap(), mapOf({{endpoint("a", 443), 5}}));
+        QCOMPARE(stats.connectionsMap(), mapOf({{a, 5}}));
 
         stats.registerConsumer(&first, false);
-        QCOMPARE(deltas.last().at(0).value<QtConnectionsMap>(), mapOf({{endpoint("a", 443), -2}}));
-        QCOMPARE(stats.connectionsMap(), mapOf({{endpoint("a", 443), 3}}));
+        QCOMPARE(deltas.last().at(0).value<QtConnectionsMap>(), mapOf({{a, -2}}));
+        QCOMPARE(stats.connectionsMap(), mapOf({{a, 3}}));
 
         // An unregistered consumer no longer reaches the merged map.
-        first.setConnections(endpoint("z", 1), 4);
-        QVERIFY(!stats.connectionsMap().contains(endpoint("z", 1)));
+        first.setConnections(z, 4);
+        QVERIFY(!stats.connectionsMap().contains(z));
 
         // Live deltas pass through unchanged; zero erases, negatives are kept.
-        second.setConnections(endpoint("b", 80), 1);
-        QCOMPARE(deltas.last().at(0).value<QtConnectionsMap>(), mapOf({{endpoint("b", 80), 1}}));
-        second.setConnections(endpoint("b", 80), 0);
-        QVERIFY(!stats.connectionsMap().contains(endpoint("b", 80)));
+        second.setConnections(b, 1);
+        QCOMPARE(deltas.last().at(0).value<QtConnectionsMap>(), mapOf({{b, 1}}));
+        second.setConnections(b, 0);
+        QVERIFY(!stats.connectionsMap().contains(b));
 
-        QtConnectionsMap map = mapOf({{endpoint("b", 80), 1}});
-        terncl::applyConnectionsDelta(map,
-                                      mapOf({{endpoint("b", 80), -1}, {endpoint("c", 21), -1}}));
-        QCOMPARE(map, mapOf({{endpoint("c", 21), -1}}));
+        QtConnectionsMap map = mapOf({{b, 1}});
+        terncl::applyConnectionsDelta(map, mapOf({{b, -1}, {c, -1}}));
+        QCOMPARE(map, mapOf({{c, -1}}));
     }
 
     // Hosts are keys of accepted certificates and scopes keys of stored credentials: every
     // field must take part.
-    void keysCompareEveryField() {
+    void keysAndMetaTypes() {
         const QtSslHostPublicKey rsa{QByteArrayLiteral("key"), 1};
-        const QtSslHost host(endpoint("h", 443), rsa);
-        QCOMPARE(host, QtSslHost(endpoint("h", 443), rsa));
-        QVERIFY(host != QtSslHost(endpoint("h", 443), {QByteArrayLiteral("key"), 2}));
-        QVERIFY(host != QtSslHost(endpoint("h", 443), {QByteArrayLiteral("other"), 1}));
-        QVERIFY(host != QtSslHost(endpoint("h", 8443), rsa));
-        QVERIFY(qHash(endpoint("h", 80)) != qHash(endpoint("h", 443)));
+        const QtSslHost host(https, rsa);
+        QCOMPARE(host, QtSslHost(https, rsa));
+        QVERIFY(host != QtSslHost(https, {QByteArrayLiteral("key"), 2}));
+        QVERIFY(host != QtSslHost(https, {QByteArrayLiteral("other"), 1}));
+        QVERIFY(host != QtSslHost({u"host"_s, 8443}, rsa));
+        QVERIFY(qHash(http) != qHash(https));
 
         const QtNetworkAuthScope a{0, QUrl(u"http://a/"_s), u"z"_s};
         const QtNetworkAuthScope b{0, QUrl(u"http://b/"_s), u"a"_s};
@@ -358,10 +340,8 @@ private Q_SLOTS:
         QtNetworkAuthScope otherRealm = a;
         otherRealm.realm = u"y"_s;
         QVERIFY(a < b && !(b < a) && b < proxy && otherRealm < a);
-    }
 
-    // Queued signals carry these types under these names.
-    void metaTypesUnderTheirNames() {
+        // Queued signals carry these types under these names.
         for (const char* name :
              {"QtConnectionsMap", "QtHostAndPort", "QtSslHost", "QtNetworkAuthScope",
               "NetworkTrafficDirection", "bool*", "AbstractNetworkConsumersPack::ItemPtr",
