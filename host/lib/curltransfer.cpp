@@ -5,6 +5,7 @@
 #include <terncl/core/sourceplace.h>
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QHash>
 #include <QNetworkReply>
 
@@ -60,9 +61,7 @@ void CurlTransfer::configure() {
         curl_easy_setopt(m_easy, CURLOPT_LOW_SPEED_TIME,
                          qMax(1L, long((m_request.lowSpeedTimeMs + 999) / 1000)));
     }
-    const long verify = m_request.verifyTls ? 1L : 0L;
-    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, verify);
-    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, verify * 2);
+    configureTls();
     // Some servers turn away requests that do not say who asks.
     QString agent = m_request.userAgent;
     if (agent.isEmpty())
@@ -83,10 +82,38 @@ void CurlTransfer::configure() {
     configureProxy();
 }
 
+void CurlTransfer::configureTls() {
+    const long verify = m_request.verifyTls ? 1L : 0L;
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYPEER, verify);
+    curl_easy_setopt(m_easy, CURLOPT_SSL_VERIFYHOST, verify * 2);
+    if (!m_request.pinnedPublicKey.isEmpty()) {
+        const QByteArray pin = "sha256//" + QCryptographicHash::hash(m_request.pinnedPublicKey,
+                                                                     QCryptographicHash::Sha256)
+                                                .toBase64();
+        curl_easy_setopt(m_easy, CURLOPT_PINNEDPUBLICKEY, pin.constData());
+    }
+    if (m_request.connectOnly) {
+        curl_easy_setopt(m_easy, CURLOPT_CONNECT_ONLY, 1L);
+        curl_easy_setopt(m_easy, CURLOPT_CERTINFO, 1L);
+        // Nothing is said over the connection, so the protocol it would speak does not matter.
+        curl_easy_setopt(m_easy, CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
+    }
+}
+
+QNetworkProxy CurlTransfer::resolvedProxy() const {
+    if (m_request.proxy.type() != QNetworkProxy::DefaultProxy)
+        return m_request.proxy;
+    return m_multi ? m_multi->applicationProxy() : QNetworkProxy::applicationProxy();
+}
+
+long CurlTransfer::proxyTunnelStatus() const {
+    long status = 0;
+    curl_easy_getinfo(m_easy, CURLINFO_HTTP_CONNECTCODE, &status);
+    return status;
+}
+
 void CurlTransfer::configureProxy() {
-    QNetworkProxy proxy = m_request.proxy;
-    if (proxy.type() == QNetworkProxy::DefaultProxy)
-        proxy = m_multi ? m_multi->applicationProxy() : QNetworkProxy::applicationProxy();
+    const QNetworkProxy proxy = resolvedProxy();
     switch (proxy.type()) {
     case QNetworkProxy::NoProxy:
         // Set on purpose, unlike the default: no proxy from the environment either.
@@ -105,9 +132,13 @@ void CurlTransfer::configureProxy() {
     default:
         return;
     }
-    if (!proxy.user().isEmpty()) {
-        curl_easy_setopt(m_easy, CURLOPT_PROXYUSERNAME, proxy.user().toUtf8().constData());
-        curl_easy_setopt(m_easy, CURLOPT_PROXYPASSWORD, proxy.password().toUtf8().constData());
+    const bool own = !m_request.proxyUser.isEmpty();
+    const QString user = own ? m_request.proxyUser : proxy.user();
+    if (!user.isEmpty()) {
+        const QString password = own ? m_request.proxyPassword : proxy.password();
+        curl_easy_setopt(m_easy, CURLOPT_PROXYUSERNAME, user.toUtf8().constData());
+        curl_easy_setopt(m_easy, CURLOPT_PROXYPASSWORD, password.toUtf8().constData());
+        curl_easy_setopt(m_easy, CURLOPT_PROXYAUTH, long(CURLAUTH_BASIC | CURLAUTH_DIGEST));
     }
 }
 
@@ -178,6 +209,26 @@ QList<QSslError> CurlTransfer::tlsErrors() const {
     long result = 0;
     curl_easy_getinfo(m_easy, CURLINFO_SSL_VERIFYRESULT, &result);
     return {QSslError(known.value(result, QSslError::UnspecifiedError))};
+}
+
+bool CurlTransfer::failedVerification() const {
+    return m_result == CURLE_PEER_FAILED_VERIFICATION ||
+           m_result == CURLE_SSL_PINNEDPUBKEYNOTMATCH || m_result == CURLE_SSL_INVALIDCERTSTATUS;
+}
+
+QList<QSslCertificate> CurlTransfer::certificates() const {
+    curl_certinfo* info = nullptr;
+    QList<QSslCertificate> chain;
+    if (curl_easy_getinfo(m_easy, CURLINFO_CERTINFO, &info) != CURLE_OK || !info)
+        return chain;
+    for (int i = 0; i < info->num_of_certs; ++i) {
+        for (curl_slist* field = info->certinfo[i]; field; field = field->next) {
+            const QByteArray text(field->data);
+            if (text.startsWith("Cert:"))
+                chain += QSslCertificate::fromData(text.mid(5), QSsl::Pem);
+        }
+    }
+    return chain;
 }
 
 size_t CurlTransfer::headerCallback(char* data, size_t size, size_t count, void* self) {
@@ -268,6 +319,7 @@ void CurlTransfer::fail(const AbstractError& error) {
 }
 
 void CurlTransfer::onDone(CURLcode code) {
+    m_result = code;
     m_active = false;
     m_idleTimer.stop();
     if (m_aborted || !onFinished)
@@ -325,6 +377,10 @@ AbstractError CurlTransfer::errorFor(CURLcode code) const {
         return networkError(
             int(QNetworkReply::SslHandshakeFailedError),
             QStringLiteral("the TLS certificate of %1 does not verify: %2").arg(host, said));
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        return networkError(
+            int(QNetworkReply::SslHandshakeFailedError),
+            QStringLiteral("the TLS key of %1 is not the one that was accepted").arg(host));
     case CURLE_SSL_CONNECT_ERROR:
         return networkError(int(QNetworkReply::SslHandshakeFailedError), said);
     case CURLE_UNSUPPORTED_PROTOCOL:

@@ -10,6 +10,7 @@
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
+#include <QSslCertificate>
 #include <QSslError>
 #include <QTimer>
 #include <QUrl>
@@ -38,11 +39,20 @@ public:
         QString networkInterface; // empty: any
         int maxRedirects = 10;    // 0: redirects are answers like any other
         bool verifyTls = true;
+        // With verifyTls off, the server must still present exactly this public key (DER
+        // SubjectPublicKeyInfo): a host the user accepted despite its certificate.
+        QByteArray pinnedPublicKey;
+        // Only connect (and shake hands), then finish: no request is sent. Collects the
+        // server's certificates.
+        bool connectOnly = false;
         // DefaultProxy: the application proxy, or libcurl's own choice (the environment's
         // *_proxy variables) when there is none. NoProxy: none at all.
         QNetworkProxy proxy = QNetworkProxy(QNetworkProxy::DefaultProxy);
         QString user; // credentials for the server; those in the URL work as well
         QString password;
+        // Credentials for the proxy; when empty, those of the proxy itself (QNetworkProxy's).
+        QString proxyUser;
+        QString proxyPassword;
         int connectTimeoutMs = 30000;
         int firstByteTimeoutMs = 30000;
         int stallTimeoutMs = 30000;
@@ -74,7 +84,15 @@ public:
     long httpVersion() const; // CURL_HTTP_VERSION_1_1, CURL_HTTP_VERSION_2_0...
     // Why the server's certificate did not verify, after a failed TLS handshake.
     QList<QSslError> tlsErrors() const;
+    // The server did not prove who it is: its certificate or its key did not verify.
+    bool failedVerification() const;
+    // The server's chain, leaf first, after a connectOnly transfer.
+    QList<QSslCertificate> certificates() const;
     const Request& request() const { return m_request; }
+    // The proxy the transfer goes through (NoProxy for none or one from the environment).
+    QNetworkProxy resolvedProxy() const;
+    // The proxy's answer to a tunnel (CONNECT) request, 0 without one.
+    long proxyTunnelStatus() const;
 
     // Failures that may pass if the same request is made again later.
     static bool isTransient(const AbstractError& error);
@@ -92,6 +110,7 @@ private:
     static size_t writeCallback(char* data, size_t size, size_t count, void* self);
     void configure();
     void configureProxy();
+    void configureTls();
     void fail(const AbstractError& error);
     void onIdle();
     void noteTraffic();
@@ -104,6 +123,7 @@ private:
     curl_slist* m_headerList = nullptr;
     char m_errorText[CURL_ERROR_SIZE] = {};
     HttpHeaders m_headers;
+    CURLcode m_result = CURLE_OK;
     AbstractError m_ownError; // why the transfer was cut short from this side
     QTimer m_idleTimer;
     QElapsedTimer m_clock;

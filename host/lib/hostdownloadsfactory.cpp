@@ -94,5 +94,6 @@ HostDownloadsFactory::createHttpDownload(qint64 id, const AbstractDownloadPersis
     download->setTokenBucket(m_bucket);
     download->setProxyFactory(m_proxyFactory);
     download->setAuth(m_passwords, m_authRequestor);
+    download->setKnownSslHosts(m_knownHosts);
     return download;
 }

@@ -58,6 +58,9 @@ public:
         m_authRequestor = requestor;
     }
 
+    // The TLS hosts the user accepted (see HttpDownload::setKnownSslHosts); may be null.
+    void setKnownSslHosts(QtAbstractKnownSslHostsKeeper* keeper) { m_knownHosts = keeper; }
+
     // What the media children share with the rest of the program; set before a media download
     // starts.
     void setMediaServices(const QSharedPointer<AbstractDownloadsSpeedMeter>& speedMeter,
@@ -78,6 +81,7 @@ private:
     QNetworkProxyFactory* m_proxyFactory = nullptr;
     QtAbstractNetworkPasswordsKeeper* m_passwords = nullptr;
     QtAbstractNetworkAuthRequestor* m_authRequestor = nullptr;
+    QtAbstractKnownSslHostsKeeper* m_knownHosts = nullptr;
     qint64 m_nextId = 1;
     HttpDownload::Options m_options;
     HttpDownload::ExpectedContent m_segmentContent = HttpDownload::ExpectedContent::Any;

@@ -6,6 +6,7 @@
 #include <terncl/core/qtappdefaultlogger.h>
 #include <terncl/core/sourceplace.h>
 #include <terncl/data/qt/filedataasyncwriter.h>
+#include <terncl/inet/qt/download/qtabstractknownsslhostskeeper.h>
 #include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
 #include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
 
@@ -14,6 +15,7 @@
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QRegularExpression>
+#include <QSslKey>
 #include <QThread>
 
 #include <utility>
@@ -176,6 +178,7 @@ void HttpDownload::clearLastError() {
     m_lastError = {};
     m_lastErrorTime = {};
     m_sslErrors.clear();
+    m_unknownHost = {};
 }
 
 // --- Running ---------------------------------------------------------------------------------
@@ -186,8 +189,10 @@ void HttpDownload::start() {
     const bool hadError = m_lastError.isSet();
     clearLastError();
     m_attempt = 0;
-    m_keeperAsked = false;
-    m_requestorAsked = false;
+    m_keeperAsked = 0;
+    m_requestorAsked = 0;
+    m_hostProbed = false;
+    m_acceptedKey.clear();
     setRunningState(true);
     if (hadError)
         Q_EMIT changed(false);
@@ -219,6 +224,11 @@ void HttpDownload::stop(const AbstractError& error) {
     if (m_authError.isSet() && m_authRequestor)
         m_authRequestor->cancelRequest(m_authScope);
     m_authError = {};
+    if (m_probe) {
+        m_probe->abort();
+        m_probe->deleteLater();
+        m_probe = nullptr;
+    }
     if (m_transfer && !m_draining)
         endAttempt(Outcome::Aborted, error);
     else if (!m_draining)
@@ -246,6 +256,7 @@ void HttpDownload::sendRequest() {
     m_outcomeError = {};
     m_transferDone = false;
     m_transferError = {};
+    m_tlsUnverified = false;
     m_buffer.clear();
     m_checkBuffer.clear();
     m_checkPending = false;
@@ -277,10 +288,16 @@ CurlTransfer* HttpDownload::makeTransfer(const AbstractDownloadSourceInfo& src, 
     }
     request.user = m_credentials.user;
     request.password = m_credentials.password;
+    request.proxyUser = m_proxyCredentials.user;
+    request.proxyPassword = m_proxyCredentials.password;
     request.userAgent = m_networkSettings.userAgent;
     request.networkInterface = m_networkSettings.networkInterface;
     request.maxRedirects = m_networkSettings.followRedirects ? m_options.maxRedirects : 0;
     request.verifyTls = !m_networkSettings.ignoreSslErrors;
+    if (request.verifyTls && !m_acceptedKey.isEmpty()) {
+        request.verifyTls = false;
+        request.pinnedPublicKey = m_acceptedKey;
+    }
     if (m_proxyFactory)
         request.proxy = m_proxyFactory->queryProxy(QNetworkProxyQuery(src.url))
                             .value(0, QNetworkProxy(QNetworkProxy::NoProxy));
@@ -348,13 +365,10 @@ bool HttpDownload::acceptResponse() {
 
 bool HttpDownload::acceptStatus(const HttpHeaders& head) {
     const int status = head.status();
-    if (status == 401) {
-        const QUrl url = source().url;
-        m_authScope.kind = QtNetworkAuthScope::Server;
-        m_authScope.url = url.adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath | QUrl::RemoveQuery |
-                                       QUrl::RemoveFragment);
-        m_authScope.realm = realmOf(head.value("WWW-Authenticate"));
-    }
+    if (status == 401)
+        setAuthScope(QtNetworkAuthScope::Server, head);
+    else if (status == 407)
+        setAuthScope(QtNetworkAuthScope::Proxy, head);
     if (status >= 400) {
         endAttempt(Outcome::Failed,
                    AbstractError(status, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
@@ -531,9 +545,20 @@ void HttpDownload::onTransferFinished(const AbstractError& error) {
         return;
     m_transferDone = true;
     m_transferError = error;
+    // A proxy that refuses to open a tunnel without credentials ends the transfer with an error
+    // of the transport; it is the 407 the proxy answered.
+    if (error.isSet() && m_transfer->proxyTunnelStatus() == 407) {
+        setAuthScope(QtNetworkAuthScope::Proxy, m_transfer->headers());
+        m_transferError = AbstractError(407, AbstractError::HttpError, TERNCL_SOURCE_PLACE,
+                                        "the proxy asks for credentials");
+    }
     if (error.category == AbstractError::QtNetworkError &&
-        error.code == int(QNetworkReply::SslHandshakeFailedError))
-        m_sslErrors = m_transfer->tlsErrors();
+        error.code == int(QNetworkReply::SslHandshakeFailedError)) {
+        m_tlsUnverified = m_transfer->failedVerification();
+        m_unverifiedUrl = m_transfer->effectiveUrl();
+        if (m_transfer->request().verifyTls)
+            m_sslErrors = m_transfer->tlsErrors();
+    }
     if (m_buffer.isEmpty())
         completeAttempt();
 }
@@ -645,7 +670,10 @@ void HttpDownload::retryOrStop(const AbstractError& error) {
     const bool transient =
         CurlTransfer::isTransient(error) ||
         (error.category == AbstractError::DownloadError && error.code == WrongContentError);
-    if (error.category == AbstractError::HttpError && error.code == 401 && answerChallenge(error))
+    if (error.category == AbstractError::HttpError && (error.code == 401 || error.code == 407) &&
+        answerChallenge(error))
+        return;
+    if (m_tlsUnverified && learnUnknownHost(error))
         return;
     if (transient && m_attempt < m_options.maxRetries) {
         const int delay = qMin(m_options.retryBaseDelayMs << m_attempt, 10000);
@@ -662,6 +690,70 @@ void HttpDownload::retryOrStop(const AbstractError& error) {
         return;
     }
     giveUp(error);
+}
+
+void HttpDownload::setKnownSslHosts(QtAbstractKnownSslHostsKeeper* keeper) {
+    m_knownHosts = keeper;
+}
+
+// The failed handshake shows nothing of the server, so a second connection, which sends no
+// request, learns its key without verifying it. Once per start, so a key that changes again
+// ends in the TLS error.
+bool HttpDownload::learnUnknownHost(const AbstractError& error) {
+    if (m_hostProbed || !m_multi)
+        return false;
+    m_hostProbed = true;
+    m_tlsError = error;
+    CurlTransfer::Request request;
+    request.url = m_unverifiedUrl;
+    request.verifyTls = false;
+    request.connectOnly = true;
+    request.userAgent = m_networkSettings.userAgent;
+    request.networkInterface = m_networkSettings.networkInterface;
+    if (m_proxyFactory)
+        request.proxy = m_proxyFactory->queryProxy(QNetworkProxyQuery(m_unverifiedUrl))
+                            .value(0, QNetworkProxy(QNetworkProxy::NoProxy));
+    request.connectTimeoutMs = m_options.connectTimeoutMs;
+    request.firstByteTimeoutMs = m_options.connectTimeoutMs;
+    m_probe = new CurlTransfer(m_multi, request, this);
+    m_probe->onFinished = [this](const AbstractError& probeError) {
+        onProbeFinished(probeError);
+    };
+    m_probe->start();
+    return true;
+}
+
+void HttpDownload::onProbeFinished(const AbstractError& probeError) {
+    const QList<QSslCertificate> chain =
+        m_probe ? m_probe->certificates() : QList<QSslCertificate>();
+    if (m_probe)
+        m_probe->deleteLater();
+    m_probe = nullptr;
+    const AbstractError error = std::exchange(m_tlsError, {});
+    if (!m_running || m_stopping)
+        return;
+    if (probeError.isSet() || chain.isEmpty() || chain.constFirst().publicKey().isNull()) {
+        giveUp(error);
+        return;
+    }
+    const QUrl& url = m_unverifiedUrl;
+    const QtSslHost host({url.host(), url.port(443)},
+                         QtSslHostPublicKey{chain.constFirst().publicKey().toDer(), SpkiDerKey});
+    if (!acceptHost(host)) {
+        m_unknownHost = host;
+        giveUp(error);
+        return;
+    }
+    m_acceptedKey = host.publicKey.key;
+    sendRequest();
+}
+
+bool HttpDownload::acceptHost(const QtSslHost& host) {
+    if (m_knownHosts && m_knownHosts->isKnown(host))
+        return true;
+    bool accept = false;
+    Q_EMIT sslAcceptUnknownHostRequired(host, &accept);
+    return accept;
 }
 
 void HttpDownload::giveUp(const AbstractError& error) {
@@ -682,19 +774,46 @@ void HttpDownload::setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
                 &HttpDownload::onAuthAnswered);
 }
 
-// Each source of credentials is tried once per start, so wrong ones end in the 401.
+void HttpDownload::setAuthScope(int kind, const HttpHeaders& head) {
+    m_authScope.kind = kind;
+    if (kind == QtNetworkAuthScope::Proxy) {
+        const QNetworkProxy proxy =
+            m_transfer ? m_transfer->resolvedProxy() : QNetworkProxy(QNetworkProxy::NoProxy);
+        const bool socks = proxy.type() == QNetworkProxy::Socks5Proxy;
+        m_authScope.url = QUrl();
+        if (proxy.type() != QNetworkProxy::NoProxy) {
+            m_authScope.url.setScheme(socks ? QStringLiteral("socks5") : QStringLiteral("http"));
+            m_authScope.url.setHost(proxy.hostName());
+            m_authScope.url.setPort(proxy.port());
+        }
+        m_authScope.realm = realmOf(head.value("Proxy-Authenticate"));
+        return;
+    }
+    m_authScope.url = source().url.adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath |
+                                            QUrl::RemoveQuery | QUrl::RemoveFragment);
+    m_authScope.realm = realmOf(head.value("WWW-Authenticate"));
+}
+
+QtNetworkAuthRecord& HttpDownload::credentialsFor(int kind) {
+    return kind == QtNetworkAuthScope::Proxy ? m_proxyCredentials : m_credentials;
+}
+
+// Each source of credentials is tried once per start and kind of scope, so wrong ones end in
+// the 401 or 407.
 bool HttpDownload::answerChallenge(const AbstractError& error) {
-    if (m_passwords && !m_keeperAsked) {
-        m_keeperAsked = true;
+    const int bit = 1 << m_authScope.kind;
+    QtNetworkAuthRecord& current = credentialsFor(m_authScope.kind);
+    if (m_passwords && !(m_keeperAsked & bit)) {
+        m_keeperAsked |= bit;
         const QtNetworkAuthRecord stored = m_passwords->find(m_authScope);
-        if (!stored.isEmpty() && stored != m_credentials) {
-            m_credentials = stored;
+        if (!stored.isEmpty() && stored != current) {
+            current = stored;
             sendRequest();
             return true;
         }
     }
-    if (m_authRequestor && !m_requestorAsked) {
-        m_requestorAsked = true;
+    if (m_authRequestor && !(m_requestorAsked & bit)) {
+        m_requestorAsked |= bit;
         m_authError = error;
         m_authRequestor->requestAuth(m_authScope);
         return true;
@@ -715,7 +834,7 @@ void HttpDownload::onAuthAnswered(const QtNetworkAuthScope& scope,
     }
     if (m_passwords)
         m_passwords->save(scope, record, remember);
-    m_credentials = record;
+    credentialsFor(scope.kind) = record;
     sendRequest();
 }
 

@@ -19,6 +19,7 @@ class CurlMulti;
 class CurlTransfer;
 class FileDataAsyncWriter;
 class QNetworkProxyFactory;
+class QtAbstractKnownSslHostsKeeper;
 class QtAbstractNetworkAuthRequestor;
 class QtAbstractNetworkPasswordsKeeper;
 
@@ -61,6 +62,10 @@ public:
         ExpectedContent expectedContent = ExpectedContent::Any;
     };
 
+    // The kind of the keys in the hosts this download reports and accepts: the DER bytes of the
+    // certificate's SubjectPublicKeyInfo, what a public-key pin is a hash of.
+    static constexpr int SpkiDerKey = 0;
+
     // An unexpected body: an error page, or bytes of another kind than the segment's container.
     static constexpr int WrongContentError = 1;
 
@@ -80,9 +85,16 @@ public:
     void setProxyFactory(QNetworkProxyFactory* factory) { m_proxyFactory = factory; }
     // Credentials for a server that asks (401, Basic or Digest): those in the URL, else the
     // keeper's for the server and realm, else the requestor's answer, which the keeper then
-    // stores as the requestor says. Either may be null.
+    // stores as the requestor says. Either may be null. A proxy that asks (407) goes the same
+    // way, after the credentials of the QNetworkProxy itself, with a scope of kind
+    // QtNetworkAuthScope::Proxy whose URL is the proxy's (scheme, host and port).
     void setAuth(QtAbstractNetworkPasswordsKeeper* passwords,
                  QtAbstractNetworkAuthRequestor* requestor);
+    // A server whose certificate does not verify is looked up by its key: a host the keeper
+    // knows, or one that the receiver of sslAcceptUnknownHostRequired accepts (storing it is the
+    // receiver's choice), is fetched again with exactly that key pinned. Otherwise the download
+    // fails with the TLS error and reports the host as lastUnknownSslHost. May be null.
+    void setKnownSslHosts(QtAbstractKnownSslHostsKeeper* keeper);
 
     // Why the body is refused, or an empty text. first holds the body's first bytes (what
     // arrived of them when it is shorter).
@@ -115,7 +127,7 @@ public:
     qint64 speed(NetworkTrafficDirection direction, bool currentOnly) const override;
     AbstractError lastError() const override { return m_lastError; }
     QList<QSslError> lastSslErrors() const override { return m_sslErrors; }
-    QtSslHost lastUnknownSslHost() const override { return {}; }
+    QtSslHost lastUnknownSslHost() const override { return m_unknownHost; }
     QDateTime lastErrorTime() const override { return m_lastErrorTime; }
     void clearLastError() override;
     bool isRunning() const override { return m_running; }
@@ -150,8 +162,13 @@ private:
     void finishSuccessfully();
     void retryOrStop(const AbstractError& error);
     bool answerChallenge(const AbstractError& error);
+    void setAuthScope(int kind, const HttpHeaders& head);
+    QtNetworkAuthRecord& credentialsFor(int kind);
     void onAuthAnswered(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record,
                         bool remember);
+    bool learnUnknownHost(const AbstractError& error);
+    void onProbeFinished(const AbstractError& probeError);
+    bool acceptHost(const QtSslHost& host);
     void giveUp(const AbstractError& error);
     void setRunningState(bool running);
     void setConnected(bool connected);
@@ -173,9 +190,19 @@ private:
     QPointer<QtAbstractNetworkAuthRequestor> m_authRequestor;
     QtNetworkAuthScope m_authScope;
     QtNetworkAuthRecord m_credentials;
-    AbstractError m_authError; // the 401 that waits for the requestor's answer
-    bool m_keeperAsked = false;
-    bool m_requestorAsked = false;
+    QtNetworkAuthRecord m_proxyCredentials;
+    AbstractError m_authError; // the 401 or 407 that waits for the requestor's answer
+    // Scope kinds (bit 1 << kind) whose keeper or requestor was asked since the start.
+    int m_keeperAsked = 0;
+    int m_requestorAsked = 0;
+    QPointer<QtAbstractKnownSslHostsKeeper> m_knownHosts;
+    QPointer<CurlTransfer> m_probe; // learns the key of a server whose certificate failed
+    QUrl m_unverifiedUrl;           // where the certificate failed, after any redirects
+    bool m_tlsUnverified = false;
+    bool m_hostProbed = false;
+    AbstractError m_tlsError; // the failure that waits for the probe
+    QByteArray m_acceptedKey; // pinned once a host is accepted, until the next start
+    QtSslHost m_unknownHost;
     Options m_options;
     AbstractDownloadPersistentInfo m_info;
     AbstractDownloadSettings m_settings;

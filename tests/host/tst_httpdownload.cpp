@@ -1,9 +1,11 @@
 #include "curlmulti.h"
+#include "curltransfer.h"
 #include "httpdownload.h"
 #include "support/faultyhttpserver.h"
 #include "support/nginxserver.h"
 #include "support/testfiles.h"
 
+#include <terncl/inet/qt/download/qtabstractknownsslhostskeeper.h>
 #include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
 #include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
 
@@ -15,6 +17,7 @@
 #include <QProcess>
 #include <QSemaphore>
 #include <QSignalSpy>
+#include <QSslKey>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -132,6 +135,14 @@ public:
 
 private:
     QMap<QtNetworkAuthScope, QtNetworkAuthRecord> m_records;
+};
+
+class KnownHosts : public QtAbstractKnownSslHostsKeeper {
+public:
+    bool isKnown(const QtSslHost& host) const override { return hosts.contains(host); }
+    void addHost(const QtSslHost& host) override { hosts.append(host); }
+    void removeHost(const QtSslHost& host) override { hosts.removeAll(host); }
+    QList<QtSslHost> hosts;
 };
 
 // Answers every request with the same credentials, later, as a dialog would.
@@ -482,8 +493,14 @@ private Q_SLOTS:
         QStringList statusLines;
         AbstractNetworkConsumerSettings settings;
         settings.ignoreSslErrors = true;
+        KnownHosts keeper;
+        QList<QtSslHost> asked;
         const auto watch = [&](HttpDownload* download) {
             download->setNetworkSettings(settings);
+            download->setKnownSslHosts(&keeper);
+            connect(
+                download, &AbstractNetworkConsumer::sslAcceptUnknownHostRequired, download,
+                [&](const QtSslHost& host, bool*) { asked << host; }, Qt::DirectConnection);
             connect(download, &AbstractDownload::gotResponseHeaders, download,
                     [&](qint64, const QList<QString>& lines) { statusLines << lines.value(0); });
         };
@@ -499,6 +516,33 @@ private Q_SLOTS:
         QVERIFY(errorText(download).contains(QStringLiteral("does not verify")));
         QCOMPARE(download->lastSslErrors().value(0).error(), QSslError::SelfSignedCertificate);
         QVERIFY(!QFile::exists(target()));
+        // Reported by its key, which a keeper may know: then it is fetched with that key pinned.
+        const QtSslHost unknown = download->lastUnknownSslHost();
+        QCOMPARE(asked, QList<QtSslHost>{unknown});
+        QCOMPARE(unknown.hostAndPort.host, QStringLiteral("127.0.0.1"));
+        QCOMPARE(unknown.hostAndPort.port, nginx.url(QStringLiteral("/")).port());
+        QCOMPARE(unknown.publicKey.key,
+                 QSslCertificate::fromPath(cert).value(0).publicKey().toDer());
+        keeper.hosts = {QtSslHost(unknown.hostAndPort, {unknown.publicKey.key + 'x', 0})};
+        QCOMPARE(run(info, watch)->lastError().code, int(QNetworkReply::SslHandshakeFailedError));
+        keeper.hosts = {unknown};
+        download = run(info, watch);
+        QCOMPARE(download->lastError().code, 0);
+        QVERIFY(download->lastUnknownSslHost().empty());
+        QCOMPARE(readFile(target()), body);
+        // The pin holds on its own: another key is refused even without verification.
+        CurlTransfer::Request pinned;
+        pinned.url = QUrl(info.resourceUrl);
+        pinned.verifyTls = false;
+        pinned.pinnedPublicKey = unknown.publicKey.key + 'x';
+        CurlTransfer transfer(&m_network, pinned);
+        AbstractError pinError;
+        transfer.onFinished = [&](const AbstractError& error) {
+            pinError = error;
+        };
+        transfer.start();
+        QTRY_VERIFY(pinError.isSet());
+        QVERIFY(QString::fromStdString(pinError.description).contains(QStringLiteral("accepted")));
     }
 
     void throughHttpAndSocksProxies() {
@@ -545,6 +589,35 @@ private Q_SLOTS:
             QCOMPARE(readFile(target()), body);
             QCOMPARE(m_server->requestCount(QStringLiteral("/p")), before + 1);
         }
+        // A proxy that asks for credentials gets them from the requestor, as a server would.
+        const int authPort = freePort();
+        const QString authConf = m_dir->filePath(QStringLiteral("authproxy.conf"));
+        QVERIFY(writeFile(authConf, QStringLiteral("Port %1\nListen 127.0.0.1\nAllow 127.0.0.1\n"
+                                                   "BasicAuth ann s3cret\n")
+                                        .arg(authPort)
+                                        .toUtf8()));
+        ProxyProgram authProxy;
+        QVERIFY2(authProxy.start(QStringLiteral("tinyproxy"),
+                                 {QStringLiteral("-d"), QStringLiteral("-c"), authConf}, authPort),
+                 qPrintable(authProxy.output()));
+        FixedProxy asking(QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"),
+                                        quint16(authPort)));
+        AnsweringRequestor requestor({QStringLiteral("ann"), QStringLiteral("s3cret")});
+        QFile::remove(target());
+        QCOMPARE(run(record(QStringLiteral("/p")),
+                     [&](HttpDownload* starting) { starting->setProxyFactory(&asking); })
+                     ->lastError()
+                     .code,
+                 407);
+        const auto authed = run(record(QStringLiteral("/p")), [&](HttpDownload* starting) {
+            starting->setProxyFactory(&asking);
+            starting->setAuth(nullptr, &requestor);
+        });
+        QCOMPARE(authed->lastError().code, 0);
+        QCOMPARE(readFile(target()), body);
+        QCOMPARE(requestor.asked.size(), 1);
+        QCOMPARE(requestor.asked.constFirst().kind, int(QtNetworkAuthScope::Proxy));
+        QCOMPARE(requestor.asked.constFirst().url.port(), authPort);
         // A proxy that is not there: a clear error, and the server never asked.
         FixedProxy gone(QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"),
                                       quint16(freePort())));
