@@ -530,6 +530,28 @@ private Q_SLOTS:
         QCOMPARE(download->lastError().code, 0);
         QVERIFY(download->lastUnknownSslHost().empty());
         QCOMPARE(readFile(target()), body);
+        // Through an HTTP proxy the TLS session is tunnelled: the same key, the same bytes.
+        const int tunnelPort = freePort();
+        const QString tunnelConf = m_dir->filePath(QStringLiteral("tunnel.conf"));
+        QVERIFY(writeFile(tunnelConf, QStringLiteral("Port %1\nListen 127.0.0.1\nAllow 127.0.0.1\n")
+                                          .arg(tunnelPort)
+                                          .toUtf8()));
+        ProxyProgram tunnel;
+        QVERIFY2(tunnel.start(QStringLiteral("tinyproxy"),
+                              {QStringLiteral("-d"), QStringLiteral("-c"), tunnelConf}, tunnelPort),
+                 qPrintable(tunnel.output()));
+        FixedProxy viaTunnel(QNetworkProxy(QNetworkProxy::HttpProxy, QStringLiteral("127.0.0.1"),
+                                           quint16(tunnelPort)));
+        QFile::remove(target());
+        download = run(info, [&](HttpDownload* starting) {
+            watch(starting);
+            starting->setProxyFactory(&viaTunnel);
+        });
+        QCOMPARE(download->lastError().code, 0);
+        QCOMPARE(readFile(target()), body);
+        QString tunnelLog;
+        QTRY_VERIFY2((tunnelLog += tunnel.output()).contains(QStringLiteral("CONNECT 127.0.0.1")),
+                     qPrintable(tunnelLog));
         // The pin holds on its own: another key is refused even without verification.
         CurlTransfer::Request pinned;
         pinned.url = QUrl(info.resourceUrl);
