@@ -56,9 +56,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.write(body)
 
 
+class Server(http.server.ThreadingHTTPServer):
+    # The default backlog of 5 drops the connections of a burst beyond it, and their clients
+    # retry a second later: that second would be the server's, not the client's.
+    request_queue_size = 128
+
+
 def main():
     root, port, delay = sys.argv[1], int(sys.argv[2]), float(sys.argv[3])
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
+    server = Server(("127.0.0.1", port), Handler)
     server.root, server.delay = root, delay
     server.daemon_threads = True
     server.serve_forever()
