@@ -449,6 +449,7 @@ cp "$1/big.bin" "$5/result.bin"
         result = run(args(url, unlogged, u"--log-requests %1/logs --quiet"_s.arg(output)));
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QCOMPARE(readFile(unlogged), body);
+        QVERIFY(QDir::root().entryList({u"R_*.log"_s}, QDir::Files).isEmpty()); // not beside "/"
         QCOMPARE(result.err.count("no request log is written"), 1);
         QVERIFY2(result.err.count('\n') == 1, result.err.constData()); // --quiet: nothing else
         QVERIFY(result.out.isEmpty());
