@@ -99,7 +99,7 @@ private Q_SLOTS:
         rig.launch(1, "streams,out,err");
         rig.launch(2, "streams,out,err", true);
         // A line split over several writes arrives whole, once.
-        rig.launch(3, "chunks,20,ti,me=1,\\n");
+        rig.launch(3, "chunks,20,ti,me=1,\n");
         rig.launch(4, "large,4194304");
         rig.launch(5, "crash");
         QTRY_COMPARE(rig.list.filter(u"finished"_s).size(), 5);
