@@ -1,7 +1,6 @@
 // Finding and checking Python and Deno: fake interpreters that answer right, wrong or never,
 // the search path, and the real programs run in the sandbox; and the manager that asks several
 // dependency managers.
-#include <terncl/qt/misc/abstractdependencyinstallmanager.h>
 #include <terncl/qt/misc/complexdependencymanager.h>
 #include <terncl/qt/misc/qtdenomanager.h>
 #include <terncl/qt/misc/qtpythonmanager.h>
@@ -57,12 +56,11 @@ public:
     TaggedManager(const QStringList& names, const QString& tag)
         : m_names(names)
         , m_tag(tag) {}
-    void announceInstall() { Q_EMIT dependencyInstalled(); }
 
     bool isKnownDependency(const DependencyInfo& info) const override {
         return m_names.contains(info.name);
     }
-    bool checkDependency(const DependencyInfo&) const override { return m_tag == m_present; }
+    bool checkDependency(const DependencyInfo&) const override { return m_tag == u"first"_s; }
     QSharedPointer<AbstractDependencyInstallManager>
     installer(const DependencyInfo&) const override {
         return nullptr;
@@ -74,8 +72,6 @@ public:
     QUrl dependencyWebPageUrl(const DependencyInfo&) const override {
         return QUrl(u"page:"_s + m_tag);
     }
-
-    QString m_present = u"first"_s;
 
 private:
     QStringList m_names;
@@ -227,7 +223,7 @@ private Q_SLOTS:
         QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
         QVERIFY(complex.dependencyDescription(unknown).isEmpty());
 
-        second->announceInstall();
+        Q_EMIT second->dependencyInstalled();
         QCOMPARE(installed.size(), 1);
     }
 };
