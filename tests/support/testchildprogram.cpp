@@ -7,7 +7,7 @@
 //   echo TEXT...           write each TEXT and a line feed to standard output
 //   streams OUT ERR        write OUT to standard output and ERR to standard error
 //   chunks DELAY_MS PART...  write each PART, pausing between them
-//   large BYTES            write BYTES bytes of text to standard output
+//   large BYTES            write BYTES bytes to standard output
 //   crash                  write a line, then abort
 //   hang                   write "pid N", then sleep until killed
 //   waitfile PATH          exit 0 once PATH exists
@@ -43,17 +43,6 @@ void sleepMs(int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-int writeLarge(long long bytes) {
-    const std::string line = "abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqrstuvwxyz\n";
-    while (bytes > 0) {
-        const auto n = static_cast<size_t>(std::min<long long>(bytes, line.size()));
-        std::fwrite(line.data(), 1, n, stdout);
-        bytes -= static_cast<long long>(n);
-    }
-    std::fflush(stdout);
-    return 0;
-}
-
 int run(const std::string& mode, const std::vector<std::string>& args) {
     const auto arg = [&](size_t i) {
         return i < args.size() ? args[i] : std::string();
@@ -79,8 +68,10 @@ int run(const std::string& mode, const std::vector<std::string>& args) {
         }
         return 0;
     }
-    if (mode == "large")
-        return writeLarge(std::atoll(arg(0).c_str()));
+    if (mode == "large") {
+        write(stdout, std::string(static_cast<size_t>(std::atoll(arg(0).c_str())), 'x'));
+        return 0;
+    }
     if (mode == "crash") {
         write(stdout, "about to crash\n");
         std::abort();
