@@ -43,13 +43,6 @@ bool hasPath(const Sandbox& sandbox, const QString& path) {
     return false;
 }
 
-// The Deno that scripts/install-deps installs from npm.
-QString installedDenoFolder() {
-    QString tools = qEnvironmentVariable("TERNCL_TOOLS_DIR");
-    if (tools.isEmpty())
-        tools = QDir::homePath() + s("/.local/share/ternclshared-tools");
-    return QFileInfo::exists(tools + s("/bin/deno")) ? tools + s("/bin") : QString();
-}
 // Knows the dependencies named in its list and answers every question with its own tag.
 class TaggedManager : public AbstractDependencyManager {
 public:
@@ -175,8 +168,12 @@ private Q_SLOTS:
     }
 
     void realDenoRunsInTheSandbox() {
-        const QString folder = installedDenoFolder();
-        if (folder.isEmpty())
+        // The Deno that scripts/install-deps installs from npm.
+        QString tools = qEnvironmentVariable("TERNCL_TOOLS_DIR");
+        if (tools.isEmpty())
+            tools = QDir::homePath() + s("/.local/share/ternclshared-tools");
+        const QString folder = tools + s("/bin");
+        if (!QFileInfo::exists(folder + s("/deno")))
             QSKIP("Deno is not installed: scripts/install-deps installs it from npm into "
                   "$TERNCL_TOOLS_DIR (default ~/.local/share/ternclshared-tools)");
         const QByteArray path = qgetenv("PATH");

@@ -17,7 +17,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 using Settings = QtProcessSandboxManager::SandboxSettings;
-using Step = WinSandboxApi::IntegrityStep;
 
 QString logLine(const char* text) {
     return u"[QtProcessSandboxManager]: "_s + QString::fromUtf8(text);
@@ -117,7 +116,7 @@ private Q_SLOTS:
         lowOnly.kind = 1;
         for (bool fallback : {false, true}) {
             Rig rig;
-            rig.api->integrityFailure = Step::SetLevel;
+            rig.api->integrityFailure = WinSandboxApi::IntegrityStep::SetLevel;
             QCOMPARE(rig.start(lowOnly, fallback), fallback);
             QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
             // A child left suspended runs only when it may run unconfined.
