@@ -6,8 +6,8 @@
 //   exit N                 exit with code N
 //   echo TEXT...           write each TEXT and a line feed to standard output
 //   streams OUT ERR        write OUT to standard output and ERR to standard error
-//   chunks DELAY_MS PART...  write each PART ("\r" and "\n" understood), pausing between them
-//   large BYTES            write BYTES bytes of text to standard output
+//   chunks DELAY_MS PART...  write each PART, pausing between them
+//   large BYTES            write BYTES bytes to standard output
 //   crash                  write a line, then abort
 //   hang                   write "pid N", then sleep until killed
 //   waitfile PATH          exit 0 once PATH exists
@@ -15,7 +15,7 @@
 //
 // Copied under the name "fake-MODE" (for example "fake-hang"), it plays a tool that is run by
 // its name with the tool's own arguments: the mode comes from the name, every argument is
-// passed on (cwd prints them; exitN exits with N).
+// passed on (cwd prints them).
 
 #include <chrono>
 #include <cstdio>
@@ -43,57 +43,12 @@ void sleepMs(int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-std::string unescaped(const std::string& text) {
-    std::string result;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 1 < text.size() && (text[i + 1] == 'r' || text[i + 1] == 'n')) {
-            result += text[i + 1] == 'r' ? '\r' : '\n';
-            ++i;
-        } else {
-            result += text[i];
-        }
-    }
-    return result;
-}
-
-[[noreturn]] void hang() {
-    write(stdout, "pid " + std::to_string(getpid()) + "\n");
-    for (;;)
-        sleepMs(1000);
-}
-
-int printWorkingDirectory(const std::vector<std::string>& args) {
-    write(stdout, "cwd: " + std::filesystem::current_path().string() + "\n");
-    for (const auto& arg : args)
-        write(stdout, "arg: " + arg + "\n");
-    return 0;
-}
-
-int writeLarge(long long bytes) {
-    const std::string line = "abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqrstuvwxyz\n";
-    while (bytes > 0) {
-        const auto n = static_cast<size_t>(std::min<long long>(bytes, line.size()));
-        std::fwrite(line.data(), 1, n, stdout);
-        bytes -= static_cast<long long>(n);
-    }
-    std::fflush(stdout);
-    return 0;
-}
-
-int waitForFile(const std::string& path) {
-    while (!std::filesystem::exists(path))
-        sleepMs(10);
-    return 0;
-}
-
 int run(const std::string& mode, const std::vector<std::string>& args) {
     const auto arg = [&](size_t i) {
         return i < args.size() ? args[i] : std::string();
     };
     if (mode == "exit")
         return std::atoi(arg(0).c_str());
-    if (mode.rfind("exit", 0) == 0)
-        return std::atoi(mode.c_str() + 4);
     if (mode == "echo") {
         for (const auto& text : args)
             write(stdout, text + "\n");
@@ -109,22 +64,34 @@ int run(const std::string& mode, const std::vector<std::string>& args) {
         for (size_t i = 1; i < args.size(); ++i) {
             if (i > 1)
                 sleepMs(delay);
-            write(stdout, unescaped(args[i]));
+            write(stdout, args[i]);
         }
         return 0;
     }
-    if (mode == "large")
-        return writeLarge(std::atoll(arg(0).c_str()));
+    if (mode == "large") {
+        write(stdout, std::string(static_cast<size_t>(std::atoll(arg(0).c_str())), 'x'));
+        return 0;
+    }
     if (mode == "crash") {
         write(stdout, "about to crash\n");
         std::abort();
     }
-    if (mode == "hang")
-        hang();
-    if (mode == "waitfile")
-        return waitForFile(arg(0));
-    if (mode == "cwd")
-        return printWorkingDirectory(args);
+    if (mode == "hang") {
+        write(stdout, "pid " + std::to_string(getpid()) + "\n");
+        for (;;)
+            sleepMs(1000);
+    }
+    if (mode == "waitfile") {
+        while (!std::filesystem::exists(arg(0)))
+            sleepMs(10);
+        return 0;
+    }
+    if (mode == "cwd") {
+        write(stdout, "cwd: " + std::filesystem::current_path().string() + "\n");
+        for (const auto& text : args)
+            write(stdout, "arg: " + text + "\n");
+        return 0;
+    }
     write(stderr, "unknown mode: " + mode + "\n");
     return 125;
 }

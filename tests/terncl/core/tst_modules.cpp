@@ -7,7 +7,6 @@
 
 #include <QSignalSpy>
 #include <QTest>
-#include <QThread>
 
 #include <thread>
 
@@ -111,10 +110,7 @@ private:
     bool m_failInit;
 };
 
-QSharedPointer<FakeDownloadModule> downloadModule(const char* uid, int priority,
-                                                  bool failInit = false) {
-    return QSharedPointer<FakeDownloadModule>::create(QString::fromLatin1(uid), priority, failInit);
-}
+using Module = QSharedPointer<FakeDownloadModule>;
 } // namespace
 
 class TestModules : public QObject {
@@ -175,9 +171,9 @@ private Q_SLOTS:
     void keeperOrdersModulesAndKeepsFailedOnesOut() {
         RecordingLogger logger;
         AbstractDownloadsModulesKeeper keeper;
-        keeper.addModule(downloadModule("low", 1));
-        keeper.addModule(downloadModule("high", 9));
-        keeper.addModule(downloadModule("broken", 5, true));
+        keeper.addModule(Module::create(u"low"_s, 1));
+        keeper.addModule(Module::create(u"high"_s, 9));
+        keeper.addModule(Module::create(u"broken"_s, 5, true));
         keeper.onFinishedAddingModules();
         QCOMPARE(keeper.modulesUids(), words("high broken low"));
 
@@ -211,10 +207,10 @@ private Q_SLOTS:
         AbstractDownloadsModulesKeeper left, right;
         std::thread adder([&left] {
             for (int i = 0; i < 40; i += 2)
-                left.addModule(downloadModule(qPrintable(u"m%1"_s.arg(i)), i));
+                left.addModule(Module::create(u"m%1"_s.arg(i), i));
         });
         for (int i = 1; i < 40; i += 2) {
-            right.addModule(downloadModule(qPrintable(u"m%1"_s.arg(i)), i));
+            right.addModule(Module::create(u"m%1"_s.arg(i), i));
             left.unite(&right);
             right.unite(&left);
         }

@@ -1,4 +1,5 @@
 #include "support/signalrecorder.h"
+#include "support/testfiles.h"
 
 #include <terncl/data/qt/filedataasyncwriter.h>
 #include <terncl/data/qt/memorydataasyncwriter.h>
@@ -35,23 +36,11 @@ auto fileSizeLimit(rlim_t bytes) {
     });
 }
 
-QByteArray readAll(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray pattern(qint64 size, char seed) {
     QByteArray data(size, Qt::Uninitialized);
     for (qint64 i = 0; i < size; ++i)
         data[i] = char(seed + i % 97);
     return data;
-}
-
-void writeFile(const QString& path, const QByteArray& data, qint64 size) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(data), data.size());
-    QVERIFY(file.resize(size));
 }
 
 } // namespace
@@ -143,12 +132,12 @@ private Q_SLOTS:
         m_writer->close();
         m_writer->close();
         expectEvents("data(2) closed()");
-        QCOMPARE(readAll(file), QByteArray(5, '\0') + "abcde");
+        QCOMPARE(readFile(file), QByteArray(5, '\0') + "abcde");
 
         // Opening keeps the pending data, so a reopening writes it again at its offset.
         m_writer->open(file, 1);
         expectEvents("opened() data(3)");
-        QCOMPARE(readAll(file), QByteArray(1, '\0') + "abc" + QByteArray(1, '\0') + "abcde");
+        QCOMPARE(readFile(file), QByteArray(1, '\0') + "abc" + QByteArray(1, '\0') + "abcde");
         // A successful seek drops it.
         m_writer->seek(2);
         m_writer->close();
@@ -165,7 +154,7 @@ private Q_SLOTS:
         QVERIFY(m_writer->lastErrorTime().isValid());
 
         // Running as root, permissions stop nothing; a file used as a folder does.
-        writeFile(path("plain"), {}, 0);
+        QVERIFY(writeFile(path("plain"), {}));
         m_writer->clearLastError();
         m_writer->processData(QByteArrayLiteral("kept"));
         m_writer->open(path("plain/sub/x.bin"), 0);
@@ -214,7 +203,7 @@ private Q_SLOTS:
         m_writer->processData(data);
         expectEvents("opened() failed() closed()");
         expectFailure(140, QFileDevice::WriteError);
-        QCOMPARE(readAll(path("limited.bin")), data.left(100 * KiB));
+        QCOMPARE(readFile(path("limited.bin")), data.left(100 * KiB));
         // A small write that the limit cuts short names the cause too.
         m_writer->open(path("limited-small.bin"), 0);
         m_writer->processData(data.left(96 * KiB));
@@ -231,7 +220,8 @@ private Q_SLOTS:
     }
 
     void largerFileIsCutDownToTheTarget() {
-        writeFile(path("large.bin"), {}, 3 * 1024 * KiB);
+        QVERIFY(writeFile(path("large.bin"), {}) &&
+                QFile::resize(path("large.bin"), 3 * 1024 * KiB));
         m_writer->schedulePreallocateOnOpen(1024 * KiB);
         m_writer->open(path("large.bin"), 0);
         expectEvents("opened() finished(1048576)");
@@ -241,7 +231,7 @@ private Q_SLOTS:
     void preallocationClaimsTheSpaceAroundTheData() {
         const QString file = path("resumed.bin");
         const QByteArray existing = pattern(300 * KiB, 'r');
-        writeFile(file, existing, existing.size());
+        QVERIFY(writeFile(file, existing));
         const qint64 target = 9 * 1024 * KiB + 123;
         m_writer->schedulePreallocateOnOpen(target);
         m_writer->open(file, existing.size());
@@ -260,7 +250,7 @@ private Q_SLOTS:
             if (event.startsWith(s("progress(")))
                 fillBytes.insert(event.mid(9).chopped(1).toLongLong() - 1);
         }
-        const QByteArray content = readAll(file);
+        const QByteArray content = readFile(file);
         QCOMPARE(content.size(), target);
         QCOMPARE(content.left(existing.size()), existing);
         QCOMPARE(content.mid(existing.size(), appended.size()), appended);

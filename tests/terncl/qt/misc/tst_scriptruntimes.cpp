@@ -1,7 +1,6 @@
 // Finding and checking Python and Deno: fake interpreters that answer right, wrong or never,
 // the search path, and the real programs run in the sandbox; and the manager that asks several
 // dependency managers.
-#include <terncl/qt/misc/abstractdependencyinstallmanager.h>
 #include <terncl/qt/misc/complexdependencymanager.h>
 #include <terncl/qt/misc/qtdenomanager.h>
 #include <terncl/qt/misc/qtpythonmanager.h>
@@ -44,25 +43,17 @@ bool hasPath(const Sandbox& sandbox, const QString& path) {
     return false;
 }
 
-// The Deno that scripts/install-deps installs from npm.
-QString installedDenoFolder() {
-    QString tools = qEnvironmentVariable("TERNCL_TOOLS_DIR");
-    if (tools.isEmpty())
-        tools = QDir::homePath() + s("/.local/share/ternclshared-tools");
-    return QFileInfo::exists(tools + s("/bin/deno")) ? tools + s("/bin") : QString();
-}
 // Knows the dependencies named in its list and answers every question with its own tag.
 class TaggedManager : public AbstractDependencyManager {
 public:
     TaggedManager(const QStringList& names, const QString& tag)
         : m_names(names)
         , m_tag(tag) {}
-    void announceInstall() { Q_EMIT dependencyInstalled(); }
 
     bool isKnownDependency(const DependencyInfo& info) const override {
         return m_names.contains(info.name);
     }
-    bool checkDependency(const DependencyInfo&) const override { return m_tag == m_present; }
+    bool checkDependency(const DependencyInfo&) const override { return m_tag == u"first"_s; }
     QSharedPointer<AbstractDependencyInstallManager>
     installer(const DependencyInfo&) const override {
         return nullptr;
@@ -74,8 +65,6 @@ public:
     QUrl dependencyWebPageUrl(const DependencyInfo&) const override {
         return QUrl(u"page:"_s + m_tag);
     }
-
-    QString m_present = u"first"_s;
 
 private:
     QStringList m_names;
@@ -179,8 +168,12 @@ private Q_SLOTS:
     }
 
     void realDenoRunsInTheSandbox() {
-        const QString folder = installedDenoFolder();
-        if (folder.isEmpty())
+        // The Deno that scripts/install-deps installs from npm.
+        QString tools = qEnvironmentVariable("TERNCL_TOOLS_DIR");
+        if (tools.isEmpty())
+            tools = QDir::homePath() + s("/.local/share/ternclshared-tools");
+        const QString folder = tools + s("/bin");
+        if (!QFileInfo::exists(folder + s("/deno")))
             QSKIP("Deno is not installed: scripts/install-deps installs it from npm into "
                   "$TERNCL_TOOLS_DIR (default ~/.local/share/ternclshared-tools)");
         const QByteArray path = qgetenv("PATH");
@@ -227,7 +220,7 @@ private Q_SLOTS:
         QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
         QVERIFY(complex.dependencyDescription(unknown).isEmpty());
 
-        second->announceInstall();
+        Q_EMIT second->dependencyInstalled();
         QCOMPARE(installed.size(), 1);
     }
 };

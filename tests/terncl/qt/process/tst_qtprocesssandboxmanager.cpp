@@ -57,26 +57,21 @@ for name in ('TMPDIR', 'TEMP', 'TMP', 'XDG_CACHE_HOME', 'PYTHONPYCACHEPREFIX'):
 struct Run {
     QByteArray output;
     AbstractError error;
-    int exitCode = -1;
 };
 
 // Runs program in the sandbox through a launch manager and waits for its end.
 Run runSandboxed(QtProcessLaunchManager& manager, const QString& program, const QStringList& args,
                  const Sandbox& sandbox) {
     Run run;
-    bool done = false;
     QObject context;
     QObject::connect(&manager, &QtProcessLaunchManager::dataFromProcess, &context,
                      [&](int, const QByteArray& data) { run.output += data; });
-    QObject::connect(&manager, &QtProcessLaunchManager::finished, &context,
-                     [&](int, const AbstractError& error, int exitCode) {
-                         run.error = error;
-                         run.exitCode = exitCode;
-                         done = true;
-                     });
+    QSignalSpy finished(&manager, &QtProcessLaunchManager::finished);
     manager.launch(manager.nextId(), program, args, QString(), true, false, sandbox, 0);
-    if (!QTest::qWaitFor([&] { return done; }, 60000))
+    if (!finished.wait(60000))
         run.error.description = "no end within a minute";
+    else
+        run.error = finished.at(0).at(1).value<AbstractError>();
     return run;
 }
 } // namespace

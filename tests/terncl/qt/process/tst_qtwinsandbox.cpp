@@ -17,7 +17,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 using Settings = QtProcessSandboxManager::SandboxSettings;
-using Step = WinSandboxApi::IntegrityStep;
 
 QString logLine(const char* text) {
     return u"[QtProcessSandboxManager]: "_s + QString::fromUtf8(text);
@@ -29,14 +28,15 @@ QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, 
 }
 
 struct Rig {
-    Rig() {
+    explicit Rig(int kind = 2) {
+        settings.kind = kind;
         api->containerFolder = (dir.path() + u"/container"_s).toStdWString();
         api->lowFolder = (dir.path() + u"/low"_s).toStdWString();
         process.setProgram(TestChild::program());
         process.setArguments({u"exit"_s, u"0"_s});
     }
     // Starts the helper in the sandbox; when it started, waits for its end.
-    bool start(const Settings& settings, bool fallback = true) {
+    bool start(bool fallback = true) {
         const bool started =
             manager.startInSandbox(settings, fallback, &process, QIODeviceBase::ReadOnly);
         if (process.state() != QProcess::NotRunning)
@@ -52,6 +52,7 @@ struct Rig {
         return values;
     }
 
+    Settings settings;
     QTemporaryDir dir;
     RecordingLogger log;
     std::shared_ptr<FakeWinSandboxApi> api = std::make_shared<FakeWinSandboxApi>();
@@ -71,40 +72,33 @@ private Q_SLOTS:
         }
     }
 
-    void kindPicksTheMechanism_data() {
-        QTest::addColumn<int>("kind");
-        QTest::addColumn<bool>("noProfile");
-        QTest::addColumn<bool>("noCapabilities");
-        QTest::addColumn<QString>("calls");
-        QTest::addColumn<QString>("logged");
+    void kindPicksTheMechanism() {
         const QString container = QStringLiteral("sid ternAppContainerSandbox,folder S-1-15-2-7,"
                                                  "capabilities S-1-15-2-7 internet");
         const QString low = u"lowfolder,lower,resume"_s;
-        QTest::newRow("2") << 2 << false << false << container << "using AppContainer sandbox";
-        QTest::newRow("0") << 0 << false << false << container << "using AppContainer sandbox";
-        QTest::newRow("1") << 1 << false << false << low << "using LowIntegrityLevel sandbox";
-        QTest::newRow("no profile") << 2 << true << false << u"sid ternAppContainerSandbox,"_s + low
-                                    << "CreateAppContainerProfile failed with error: 5";
-        QTest::newRow("no capabilities") << 2 << false << true << container + QLatin1Char(',') + low
-                                         << "using LowIntegrityLevel sandbox";
-    }
-
-    void kindPicksTheMechanism() {
-        QFETCH(int, kind);
-        QFETCH(bool, noProfile);
-        QFETCH(bool, noCapabilities);
-        QFETCH(QString, calls);
-        QFETCH(QString, logged);
-        Rig rig;
-        if (noProfile)
-            rig.api->sid.clear();
-        rig.api->capabilitiesFail = noCapabilities;
-        Settings settings;
-        settings.kind = kind;
-        QVERIFY(rig.start(settings, false));
-        QCOMPARE(rig.api->calls.join(QLatin1Char(',')), calls);
-        QVERIFY(rig.log.contains(logLine(logged.toUtf8().constData())));
-        QCOMPARE(rig.process.exitCode(), 0);
+        const struct {
+            int kind;
+            bool noProfile, noCapabilities;
+            QString calls;
+            const char* logged;
+        } cases[] = {
+            {2, false, false, container, "using AppContainer sandbox"},
+            {0, false, false, container, "using AppContainer sandbox"},
+            {1, false, false, low, "using LowIntegrityLevel sandbox"},
+            {2, true, false, u"sid ternAppContainerSandbox,"_s + low,
+             "CreateAppContainerProfile failed with error: 5"},
+            {2, false, true, container + QLatin1Char(',') + low, "using LowIntegrityLevel sandbox"},
+        };
+        for (const auto& c : cases) {
+            Rig rig(c.kind);
+            if (c.noProfile)
+                rig.api->sid.clear();
+            rig.api->capabilitiesFail = c.noCapabilities;
+            QVERIFY(rig.start(false));
+            QCOMPARE(rig.api->calls.join(QLatin1Char(',')), c.calls);
+            QVERIFY2(rig.log.contains(logLine(c.logged)), c.logged);
+            QCOMPARE(rig.process.exitCode(), 0);
+        }
     }
 
     void failuresFollowTheFallbackRule() {
@@ -114,30 +108,29 @@ private Q_SLOTS:
             QtProcessSandboxManager unnamed(QString(), rig.api);
             QVERIFY(
                 !unnamed.startInSandbox(Settings(), false, &rig.process, QIODeviceBase::ReadOnly));
+            QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
+            QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());
             QVERIFY(rig.api->calls.isEmpty() && rig.process.state() == QProcess::NotRunning);
         }
-        Settings lowOnly;
-        lowOnly.kind = 1;
         for (bool fallback : {false, true}) {
-            Rig rig;
-            rig.api->integrityFailure = Step::SetLevel;
-            QCOMPARE(rig.start(lowOnly, fallback), fallback);
+            Rig rig(1);
+            rig.api->integrityFailure = WinSandboxApi::IntegrityStep::SetLevel;
+            QCOMPARE(rig.start(fallback), fallback);
             QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
             // A child left suspended runs only when it may run unconfined.
             QCOMPARE(rig.api->calls.endsWith(u"resume"_s), fallback);
         }
-        Rig rig;
+        Rig rig(1);
         rig.api->lowFolder.clear();
-        QVERIFY(!rig.start(lowOnly, false));
+        QVERIFY(!rig.start(false));
         QVERIFY(rig.log.contains(logLine("SHGetKnownFolderPath failed with error: 5")));
         QVERIFY(!rig.api->calls.contains(u"lower"_s));
     }
 
     void childEnvironment() {
         Rig rig;
-        Settings settings;
-        settings.overrideUserProfile = settings.overrideAppData = true;
-        QVERIFY(rig.start(settings));
+        rig.settings.overrideUserProfile = rig.settings.overrideAppData = true;
+        QVERIFY(rig.start());
         const QString base = QString::fromStdWString(rig.api->containerFolder);
         const QString temp = base + u"\\AppData\\Local\\Temp"_s;
         QCOMPARE(rig.env(),
@@ -145,11 +138,10 @@ private Q_SLOTS:
                               base + u"\\AppData\\Roaming"_s, base + u"\\AppData\\Local"_s}));
         QVERIFY(QFileInfo(temp).isDir());
 
-        Rig low;
-        Settings bare;
-        bare.kind = 1;
-        bare.setXdgCacheHome = bare.setPythonPycachePrefix = bare.overrideLocalAppData = false;
-        QVERIFY(low.start(bare));
+        Rig low(1);
+        low.settings.setXdgCacheHome = low.settings.setPythonPycachePrefix =
+            low.settings.overrideLocalAppData = false;
+        QVERIFY(low.start());
         const QString lowTemp =
             QString::fromStdWString(low.api->lowFolder) + u"\\Temp\\tern\\AppData\\Local\\Temp"_s;
         const QString unset = u"-"_s;
@@ -162,31 +154,28 @@ private Q_SLOTS:
         const QString folder = rig.dir.path(), file = TestChild::program();
         const QString missing = folder + u"/missing"_s;
         rig.api->failingGrants << missing;
-        Settings settings;
-        settings.allowedPaths = {allowed(folder, false, true, false),
-                                 allowed(missing, false, false, true),
-                                 allowed(file, true, true, false)};
-        QVERIFY(rig.start(settings, false));
-        QVERIFY(rig.api->calls.contains(u"grant %1 80000000"_s.arg(folder)));
-        QVERIFY(rig.api->calls.contains(u"grant %1 40000000"_s.arg(missing)));
-        QVERIFY(rig.api->calls.contains(u"grant %1 a0000000"_s.arg(file)));
-        QVERIFY(rig.log.contains(logLine("using AppContainer sandbox")));
+        rig.settings.allowedPaths = {allowed(folder, false, true, false),
+                                     allowed(missing, false, false, true),
+                                     allowed(file, true, true, false)};
+        const QStringList grants{u"grant %1 80000000"_s.arg(folder),
+                                 u"grant %1 40000000"_s.arg(missing),
+                                 u"grant %1 a0000000"_s.arg(file)};
+        QVERIFY(rig.start(false));
+        QCOMPARE(rig.api->calls.mid(2, 3), grants);
         QTRY_VERIFY(rig.api->granted.isEmpty());
         QVERIFY(!rig.api->calls.contains(u"revoke "_s + missing));
 
         // A grant that fails on an existing path undoes this child's grants and the container.
         rig.api->calls.clear();
         rig.api->failingGrants = {missing, file};
-        QVERIFY(rig.start(settings, false));
-        QCOMPARE(
-            rig.api->calls.mid(2, 5),
-            QStringList({u"grant %1 80000000"_s.arg(folder), u"grant %1 40000000"_s.arg(missing),
-                         u"grant %1 a0000000"_s.arg(file), u"revoke "_s + folder, u"lowfolder"_s}));
+        QVERIFY(rig.start(false));
+        QCOMPARE(rig.api->calls.mid(2, 5),
+                 grants + QStringList({u"revoke "_s + folder, u"lowfolder"_s}));
         QVERIFY(rig.api->granted.isEmpty());
 
         rig.api->failingGrants.clear();
-        settings.revokeAllowedPathsOnFinish = false;
-        QVERIFY(rig.start(settings, false));
+        rig.settings.revokeAllowedPathsOnFinish = false;
+        QVERIFY(rig.start(false));
         QCoreApplication::processEvents();
         QCOMPARE(rig.api->granted.value(folder), WinSandboxApi::GenericRead);
     }
@@ -219,9 +208,8 @@ private Q_SLOTS:
         const bool listed = rig.manager.isGlobalLoopbackAccessEnabled();
         QVERIFY(writeFile(listing, "Name: otherappcontainersandbox\n"));
         const bool unlisted = rig.manager.isGlobalLoopbackAccessEnabled();
-        Settings settings;
-        settings.requireLoopbackExemption = true;
-        QVERIFY(rig.start(settings));
+        rig.settings.requireLoopbackExemption = true;
+        QVERIFY(rig.start());
         qputenv("PATH", path);
         QVERIFY(listed && !unlisted);
         QVERIFY(rig.log.contains(logLine("the AppContainer has no loopback exemption")));
@@ -233,9 +221,6 @@ private Q_SLOTS:
         rig.api->shellSucceeds = false;
         QVERIFY(!rig.manager.enableGlobalLoopbackAccess(false));
         QVERIFY(rig.api->calls.last().contains(u"LoopbackExempt -d -n="_s));
-        QtProcessSandboxManager unnamed(QString(), rig.api);
-        QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
-        QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());
     }
 };
 

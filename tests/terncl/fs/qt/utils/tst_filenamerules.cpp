@@ -96,9 +96,8 @@ private Q_SLOTS:
         expectUnique("x.txt", "x (3).txt", 3, ".part"); // no suffix added
         touch("y.txt");
         expectUnique("y.txt.PART", "y (1).txt.PART", 1, ".part");
-    }
 
-    void uniqueNamesContinueNumberingOnlyWhenLowerNumbersAreTaken() {
+        // A number already in the name is continued only when the lower numbers are taken.
         touch("report (1).txt");
         expectUnique("report (1).txt", "report (2).txt", 2);
         touch("report (3).txt");

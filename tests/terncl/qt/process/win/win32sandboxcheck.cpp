@@ -20,26 +20,32 @@ namespace {
 const std::wstring someSid = L"S-1-15-2-1";
 std::wstring self;
 
-// Starts this program as "child 7", suspended, optionally with extended startup information.
-bool startChild(PROCESS_INFORMATION* info, WinSandboxApi::StartupAttributes* attributes) {
+// Starts this program as "child 7", suspended and optionally with extended startup information,
+// lowers its integrity level when asked, resumes it and checks that it exits with 7.
+bool runChild(WinSandboxApi& api, std::uint32_t* error,
+              WinSandboxApi::StartupAttributes* attributes = nullptr, bool lower = false) {
     std::wstring commandLine = L"\"" + self + L"\" child 7";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     unsigned long flags = CREATE_SUSPENDED;
     void* startupInfo = attributes ? attributes->extend(&startup, &flags) : &startup;
-    return CreateProcessW(self.c_str(), &commandLine[0], nullptr, nullptr, FALSE, flags, nullptr,
-                          nullptr, static_cast<STARTUPINFOW*>(startupInfo), info);
-}
-
-bool endsWithSeven(const PROCESS_INFORMATION& info) {
+    PROCESS_INFORMATION info = {};
+    if (!CreateProcessW(self.c_str(), &commandLine[0], nullptr, nullptr, FALSE, flags, nullptr,
+                        nullptr, static_cast<STARTUPINFOW*>(startupInfo), &info)) {
+        *error = GetLastError();
+        return false;
+    }
+    const bool lowered = !lower || api.lowerIntegrityLevel(info.dwProcessId, error) ==
+                                       WinSandboxApi::IntegrityStep::Done;
     DWORD code = 0;
-    const bool ended = WaitForSingleObject(info.hProcess, 30000) == WAIT_OBJECT_0 &&
+    const bool ended = api.resumeProcess(info.dwProcessId, error) &&
+                       WaitForSingleObject(info.hProcess, 30000) == WAIT_OBJECT_0 &&
                        GetExitCodeProcess(info.hProcess, &code) && code == 7;
     if (!ended)
         TerminateProcess(info.hProcess, 1);
     CloseHandle(info.hThread);
     CloseHandle(info.hProcess);
-    return ended;
+    return ended && lowered;
 }
 
 // Whether the folder's access list holds an entry for sid.
@@ -79,37 +85,12 @@ bool checkGrantAndRevoke(WinSandboxApi& api, std::uint32_t* error) {
     return granted && revoked;
 }
 
-bool checkResume(WinSandboxApi& api, std::uint32_t* error) {
-    PROCESS_INFORMATION info = {};
-    if (!startChild(&info, nullptr)) {
-        *error = GetLastError();
-        return false;
-    }
-    return api.resumeProcess(info.dwProcessId, error) && endsWithSeven(info);
-}
-
-bool checkLowIntegrity(WinSandboxApi& api, std::uint32_t* error) {
-    PROCESS_INFORMATION info = {};
-    if (!startChild(&info, nullptr)) {
-        *error = GetLastError();
-        return false;
-    }
-    const bool lowered =
-        api.lowerIntegrityLevel(info.dwProcessId, error) == WinSandboxApi::IntegrityStep::Done;
-    return api.resumeProcess(info.dwProcessId, error) && endsWithSeven(info) && lowered;
-}
-
 bool checkAppContainerChild(WinSandboxApi& api, std::uint32_t* error) {
     const std::wstring sid = api.appContainerSid(L"terncheckAppContainerSandbox", error);
     if (sid.rfind(L"S-1-15-2-", 0) != 0 || api.appContainerFolder(sid, error).empty())
         return false;
     const auto attributes = api.securityCapabilities(sid, true, error);
-    PROCESS_INFORMATION info = {};
-    if (!attributes || !startChild(&info, attributes.get())) {
-        *error = attributes ? GetLastError() : *error;
-        return false;
-    }
-    return api.resumeProcess(info.dwProcessId, error) && endsWithSeven(info);
+    return attributes && runChild(api, error, attributes.get());
 }
 
 bool named(const std::string& names, const char* name) {
@@ -148,8 +129,14 @@ int main(int argc, char** argv) {
              return a.securityCapabilities(someSid, true, e) != nullptr;
          }},
         {"grant-revoke", checkGrantAndRevoke},
-        {"resume", checkResume},
-        {"low-integrity", checkLowIntegrity},
+        {"resume",
+         [](WinSandboxApi& a, std::uint32_t* e) {
+             return runChild(a, e);
+         }},
+        {"low-integrity",
+         [](WinSandboxApi& a, std::uint32_t* e) {
+             return runChild(a, e, nullptr, true);
+         }},
         {"appcontainer-child", checkAppContainerChild},
         {"shell", checkShell},
     };
