@@ -12,7 +12,20 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-bool run(const QString& program, const QStringList& args, QByteArray* output, QString* error) {
+// ffmpeg's arguments from one line, its parts separated by single blanks.
+QStringList words(const QString& line) {
+    return line.split(u' ');
+}
+
+const QString quiet = u"-hide_banner -loglevel error -y "_s;
+const QString videoAndAudio =
+    u"-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
+    "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
+    "expr:gte(t,n_forced*%2) -c:a aac "_s;
+} // namespace
+
+bool FfmpegTestMedia::run(const QString& program, const QStringList& args, QByteArray* output,
+                          QString* error) {
     QProcess process;
     process.start(program, args);
     const bool ok = process.waitForFinished(120000) &&
@@ -25,18 +38,6 @@ bool run(const QString& program, const QStringList& args, QByteArray* output, QS
         *output = process.readAllStandardOutput();
     return ok;
 }
-
-// ffmpeg's arguments from one line, its parts separated by single blanks.
-QStringList words(const QString& line) {
-    return line.split(u' ');
-}
-
-const QString quiet = u"-hide_banner -loglevel error -y "_s;
-const QString videoAndAudio =
-    u"-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
-    "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
-    "expr:gte(t,n_forced*%2) -c:a aac "_s;
-} // namespace
 
 QString FfmpegTestMedia::ffmpeg() {
     return QStandardPaths::findExecutable(u"ffmpeg"_s);

@@ -9,6 +9,10 @@ class FfmpegTestMedia {
 public:
     static QString ffmpeg();  // empty when ffmpeg is not installed
     static QString ffprobe(); // empty when ffprobe is not installed
+    // Runs program to its end; on success its stdout goes to output, on failure the end of its
+    // stderr to error (either may be null).
+    static bool run(const QString& program, const QStringList& args, QByteArray* output,
+                    QString* error);
 
     // An MP4 file with one video stream and no audio.
     static bool makeVideoOnly(const QString& path, int seconds, QString* error);
