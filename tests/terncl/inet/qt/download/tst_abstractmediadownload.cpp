@@ -22,10 +22,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-QStringList words(const char* text) {
-    return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 using Media = AbstractMediaDownload;
 using Selector = AbstractDownloadResourceVersionSelector;
 using Plan = WritingFakeDownload::Plan;
@@ -114,14 +110,15 @@ private:
         return QTest::qWaitFor([&] { return !download.isRunning(); }, 30000) && !running.isEmpty();
     }
 
-    QStringList stages() const {
+    // The stages the download ran through, in order and separated by blanks.
+    QString stages() const {
         QStringList result;
         static const QRegularExpression stage(u"run stage: (\\d)$"_s);
         for (const QString& line : m_logger->lines()) {
             if (const auto match = stage.match(line); match.hasMatch())
                 result.append(match.captured(1));
         }
-        return result;
+        return result.join(u' ');
     }
 
     bool logged(const QString& text) const {
@@ -222,12 +219,12 @@ private Q_SLOTS:
         auto download = makeDownload(record());
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
         QCOMPARE(download->lastError(), AbstractError());
-        QCOMPARE(stages(), words("1 3 4 0"));
+        QCOMPARE(stages(), u"1 3 4 0"_s);
 
         const auto requests = m_factory->requests();
         QCOMPARE(requests.size(), 2);
         QCOMPARE((QStringList{requests.at(0).info.name, requests.at(1).info.name}),
-                 words("clip.video.mp4 clip.audio.m4a"));
+                 (QStringList{u"clip.video.mp4"_s, u"clip.audio.m4a"_s}));
         QVERIFY(requests.at(0).info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload));
 
         const auto& info = download->info();
@@ -246,7 +243,7 @@ private Q_SLOTS:
         m_logger->clear();
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Restart));
         QCOMPARE(download->parses, 2);
-        QCOMPARE(stages(), words("1 3 4 0"));
+        QCOMPARE(stages(), u"1 3 4 0"_s);
         QCOMPARE(m_factory->requests().size(), 4);
         QVERIFY(download->info().isFinished());
         QVERIFY(QFileInfo::exists(result));
@@ -276,7 +273,7 @@ private Q_SLOTS:
             QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
             QVERIFY2(logged(row.text), qPrintable(m_logger->lines().join(u'\n')));
-            QCOMPARE(stages(), words("1 4 0"));
+            QCOMPARE(stages(), u"1 4 0"_s);
             const AbstractError error = download->lastError();
             QVERIFY(error.isSet());
             if (!row.garbage) {
@@ -334,7 +331,7 @@ private Q_SLOTS:
 
         QCOMPARE(download->lastError(), forbidden);
         QCOMPARE(download->parses, 2);
-        QCOMPARE(stages(), words("1 3 1 3 0"));
+        QCOMPARE(stages(), u"1 3 1 3 0"_s);
         QVERIFY(logged(u"child download(s) failed with error: "_s));
         const auto children = download->childDownloads();
         QCOMPARE(children.size(), 2);
