@@ -26,8 +26,7 @@ class TestTernMedia : public QObject {
 private:
     struct Run {
         int exitCode = -1;
-        QString out;
-        QString err;
+        QString out, err;
     };
 
     QTemporaryDir m_dir;
@@ -108,8 +107,8 @@ private:
     static QStringList frames(const QString& file, const QString& kind) {
         QStringList hashes;
         const QByteArray md5 =
-            run(FfmpegTestMedia::ffmpeg(), QStringList{u"-v"_s, u"error"_s, u"-i"_s, file} +
-                                               args(u"-map 0:%1 -f framemd5 -"_s.arg(kind)));
+            run(FfmpegTestMedia::ffmpeg(),
+                args(u"-v error -i"_s) << file << args(u"-map 0:%1 -f framemd5 -"_s.arg(kind)));
         for (const QByteArray& line : md5.split('\n')) {
             if (!line.isEmpty() && !line.startsWith('#'))
                 hashes.append(QString::fromLatin1(line.split(',').constLast().trimmed()));
@@ -119,12 +118,9 @@ private:
 
     // ffprobe's entries of the file's first stream of a kind ("v", "a").
     static QString probe(const QString& file, const QString& kind, const QString& entries) {
+        const QString line = u"-v error -select_streams %1:0 -show_entries %2 -of csv=p=0"_s;
         return QString::fromLatin1(
-            run(FfmpegTestMedia::ffprobe(),
-                args(u"-v error -select_streams %1:0 -show_entries %2 -of csv=p=0"_s.arg(kind,
-                                                                                         entries))
-                    << file)
-                .trimmed());
+            run(FfmpegTestMedia::ffprobe(), args(line.arg(kind, entries)) << file).trimmed());
     }
 
     // Whether a child whose file name holds part ("audio", "video") has a finished record.
