@@ -46,16 +46,6 @@ protected:
     }
 };
 
-Selector::Version part(const char* url, int type, const char* format, qint64 size) {
-    Selector::Version version;
-    version.url = QUrl(QString::fromLatin1(url));
-    version.protocol = u"downloadswww"_s;
-    version.media.type = type;
-    version.media.format = QString::fromLatin1(format);
-    version.size = size;
-    version.title = QString::fromLatin1(url);
-    return version;
-}
 } // namespace
 
 class TestAbstractMediaDownload : public QObject {
@@ -74,14 +64,22 @@ private:
     bool exists(const char* name) const { return QFileInfo::exists(path(name)); }
 
     Selector::CompositeVersion avVersion() const {
+        const auto part = [this](const QString& url, int type, const QString& format) {
+            Selector::Version version;
+            version.url = QUrl(url);
+            version.title = url;
+            version.protocol = u"downloadswww"_s;
+            version.media.type = type;
+            version.media.format = format;
+            version.size = m_contents[url].size();
+            return version;
+        };
         Selector::CompositeVersion version;
         version.url = QUrl(u"http://media.test/master.m3u8"_s);
         version.title = u"240p + audio"_s;
         version.media.type = Selector::VideoWithAudio;
-        version.parts = {part("http://media.test/v.mp4", Selector::VideoOnly, "mp4",
-                              m_contents[videoUrl].size()),
-                         part("http://media.test/a.m4a", Selector::AudioOnly, "m4a",
-                              m_contents[audioUrl].size())};
+        version.parts = {part(videoUrl, Selector::VideoOnly, u"mp4"_s),
+                         part(audioUrl, Selector::AudioOnly, u"m4a"_s)};
         return version;
     }
 
