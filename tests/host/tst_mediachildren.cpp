@@ -83,8 +83,7 @@ private Q_SLOTS:
         QString error;
         const QString www = m_dir.filePath(u"www"_s);
         QVERIFY2(FfmpegTestMedia::makeHls(www + u"/ts"_s, 4, 1, false, &error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeDash(www + u"/dash"_s, 4, 1, false, &error),
-                 qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www + u"/dash"_s, 4, 1, &error), qPrintable(error));
         m_nginx.reset(new NginxServer(www));
         QVERIFY2(m_nginx->start(&error), qPrintable(error));
         m_writers.start();

@@ -171,10 +171,7 @@ private Q_SLOTS:
             QSKIP("ffmpeg and nginx are needed (scripts/install-deps installs them)");
         QString error;
         QVERIFY2(makeHlsMaster(&error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeDash(www(u"dash"_s), 4, 1, false, &error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeDash(www(u"dash-time"_s), 4, 1, true, &error),
-                 qPrintable(error));
-        QVERIFY(readFile(www(u"dash-time/manifest.mpd"_s)).contains("$Time$"));
+        QVERIFY2(FfmpegTestMedia::makeDash(www(u"dash"_s), 4, 1, &error), qPrintable(error));
         const QByteArray master = readFile(www(u"hls/master.m3u8"_s));
         const QByteArray encrypted =
             readFile(www(u"hls/v360.m3u8"_s))
@@ -282,10 +279,6 @@ private Q_SLOTS:
             << u"hls/a_en.m3u8"_s << u"eng"_s;
         QTest::newRow("default of a manifest")
             << u"/"_s + dash << QString() << u"160,120"_s << dash << dash << u"und"_s;
-        // ffmpeg's own reader drops the first segment of a $Time$ timeline; the stream is the
-        // same encoding as the one addressed by $Number$.
-        QTest::newRow("timeline manifest") << u"/dash-time/manifest.mpd"_s << QString()
-                                           << u"160,120"_s << dash << dash << u"und"_s;
     }
     void downloadsTheChosenVersion() {
         QFETCH(QString, path);

@@ -71,18 +71,11 @@ bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segment
 }
 
 bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
-                               bool timeline, QString* error) {
+                               QString* error) {
     QDir().mkpath(dir);
-    QString line =
+    const QString line =
         quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
-        u"-f dash -seg_duration %1 -use_template 1 -use_timeline %2"_s.arg(segmentSeconds)
-            .arg(timeline ? 1 : 0);
-    // Segments named by $Time$. The first AAC packet starts before zero, and ffmpeg names its
-    // file by that time while the timeline says 0: shifting the timestamps to zero keeps both
-    // the same.
-    if (timeline)
-        line += u" -avoid_negative_ts make_zero"
-                " -media_seg_name chunk-$RepresentationID$-$Time$.$ext$"_s;
+        u"-f dash -seg_duration %1 -use_template 1 -use_timeline 0"_s.arg(segmentSeconds);
     return run(ffmpeg(), words(line) << QDir(dir).filePath(u"manifest.mpd"_s), nullptr, error);
 }
 
