@@ -98,13 +98,10 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("expected");
         QTest::addColumn<int>("code");
-        const int malformed = MediaParse::Malformed;
-        const int forbidden = MediaParse::ForbiddenUri;
-        const int unsupported = MediaParse::Unsupported;
+        const int malformed = MediaParse::Malformed, forbidden = MediaParse::ForbiddenUri,
+                  unsupported = MediaParse::Unsupported;
         const struct {
-            const char* tag;
-            const char* text;
-            const char* expected;
+            const char *tag, *text, *expected;
             int code;
         } rows[] = {
             {"no header", "seg.ts\n", "Playlist line 1: not an HLS", malformed},
