@@ -93,27 +93,26 @@ private Q_SLOTS:
             return QByteArray("<Period><AdaptationSet mimeType=\"video/mp4\">") + inside +
                    "</AdaptationSet></Period>";
         };
-        const int malformed = MediaParse::Malformed;
+        const int malformed = MediaParse::Malformed, unsupported = MediaParse::Unsupported,
+                  forbidden = MediaParse::ForbiddenUri;
         QTest::newRow("not well-formed")
             << QByteArray("<MPD>\n<Period>\n</MPD>") << malformed
             << u"Manifest line 3, column 6: Opening and ending tag mismatch"_s;
         QTest::newRow("not a manifest") << QByteArray("<html/>") << malformed
-                                        << u"Manifest line 1, column 7: "
-                                           "not a DASH manifest"_s;
-        QTest::newRow("live") << mpd("<Period/>", "type=\"dynamic\"")
-                              << int(MediaParse::Unsupported)
+                                        << u"Manifest line 1, column 7: not a DASH manifest"_s;
+        QTest::newRow("live") << mpd("<Period/>", "type=\"dynamic\"") << unsupported
                               << u"live manifests (type=\"dynamic\")"_s;
         QTest::newRow("encrypted")
             << mpd(period("<ContentProtection schemeIdUri=\"urn:mpeg:dash:mp4protection:2011\" "
                           "value=\"cenc\"/><Representation id=\"1\" bandwidth=\"1\"/>"))
-            << int(MediaParse::Unsupported) << u"encrypted stream: cenc"_s;
+            << unsupported << u"encrypted stream: cenc"_s;
         QTest::newRow("local base")
-            << mpd("<BaseURL>file:///etc/</BaseURL><Period/>") << int(MediaParse::ForbiddenUri)
+            << mpd("<BaseURL>file:///etc/</BaseURL><Period/>") << forbidden
             << u"URI refused (only http and https are allowed): file:///etc/"_s;
         QTest::newRow("script segment")
             << mpd(period("<Representation id=\"1\" bandwidth=\"1\"><SegmentList>"
                           "<SegmentURL media=\"javascript:x()\"/></SegmentList></Representation>"))
-            << int(MediaParse::ForbiddenUri) << u"URI refused"_s;
+            << forbidden << u"URI refused"_s;
         QTest::newRow("unknown identifier")
             << mpd(period("<SegmentTemplate media=\"$Nmber$\" duration=\"1\"/>"
                           "<Representation id=\"1\" bandwidth=\"1\"/>"))
@@ -124,13 +123,13 @@ private Q_SLOTS:
             << mpd(period("<Representation id=\"r\" bandwidth=\"1\"><SegmentTemplate "
                           "media=\"$Time$\"><SegmentTimeline/></SegmentTemplate></Representation>"))
             << malformed << u"representation r lists no segments"_s;
-        QTest::newRow("two periods") << mpd("<Period/><Period/>") << int(MediaParse::Unsupported)
-                                     << u"manifests of 2 periods"_s;
+        QTest::newRow("two periods")
+            << mpd("<Period/><Period/>") << unsupported << u"manifests of 2 periods"_s;
         QTest::newRow("endless")
             << mpd(period(
                    "<SegmentTemplate media=\"$Number$\" duration=\"1\" timescale=\"1000000\"/>"
                    "<Representation id=\"1\" bandwidth=\"1\"/>"))
-            << int(MediaParse::Unsupported) << u"more than 300000 segments"_s;
+            << unsupported << u"more than 300000 segments"_s;
     }
     void refusedManifestsSayWhy() {
         QFETCH(QByteArray, text);

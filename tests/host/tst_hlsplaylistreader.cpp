@@ -17,7 +17,7 @@ class TestHlsPlaylistReader : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void mediaPlaylist() {
+    void mediaPlaylists() {
         AbstractError error;
         // A clear key is no encryption.
         const auto playlist = parse("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-KEY:METHOD=NONE\n"
@@ -26,8 +26,7 @@ private Q_SLOTS:
                                     "#EXTINF:2,\nhttps://cdn/seg2.ts?x=1\n#EXT-X-ENDLIST\n",
                                     &error);
         QCOMPARE(error.code, 0);
-        QVERIFY(playlist.complete);
-        QVERIFY(!playlist.isMaster && !playlist.hasInitSegment);
+        QVERIFY(playlist.complete && !playlist.isMaster && !playlist.hasInitSegment);
         QCOMPARE(playlist.segments.size(), 3);
         QCOMPARE(playlist.segments.at(0).url, QUrl(u"http://host/video/seg0.ts"_s));
         QCOMPARE(playlist.segments.at(1).url, QUrl(u"http://host/abs/seg1.ts"_s));
@@ -37,24 +36,21 @@ private Q_SLOTS:
         QCOMPARE(playlist.exactSize, -1);
 
         QVERIFY(!parse("#EXTM3U\n#EXTINF:2,\na.ts\n", &error).complete); // live
-    }
 
-    void initSegmentAndByteRanges() {
-        AbstractError error;
-        const auto playlist = parse("#EXTM3U\n#EXT-X-MAP:URI=\"init.mp4\",BYTERANGE=\"700@0\"\n"
-                                    "#EXTINF:2,\n#EXT-X-BYTERANGE:1000@700\nall.m4s\n"
-                                    "#EXTINF:2,\n#EXT-X-BYTERANGE:500\nall.m4s\n#EXT-X-ENDLIST\n",
-                                    &error);
+        const auto ranges = parse("#EXTM3U\n#EXT-X-MAP:URI=\"init.mp4\",BYTERANGE=\"700@0\"\n"
+                                  "#EXTINF:2,\n#EXT-X-BYTERANGE:1000@700\nall.m4s\n"
+                                  "#EXTINF:2,\n#EXT-X-BYTERANGE:500\nall.m4s\n#EXT-X-ENDLIST\n",
+                                  &error);
         QCOMPARE(error.code, 0);
-        QVERIFY(playlist.hasInitSegment);
-        QCOMPARE(playlist.segments.size(), 3);
-        QCOMPARE(playlist.segments.at(0).url, QUrl(u"http://host/video/init.mp4"_s));
-        QCOMPARE(playlist.segments.at(0).rangeSize, 700);
-        QCOMPARE(playlist.segments.at(1).rangeOffset, 700);
-        QCOMPARE(playlist.segments.at(2).rangeOffset, 1700);
-        QCOMPARE(playlist.segments.at(2).rangeSize, 500);
-        QCOMPARE(playlist.format, u"mp4"_s);
-        QCOMPARE(playlist.exactSize, 2200);
+        QVERIFY(ranges.hasInitSegment);
+        QCOMPARE(ranges.segments.size(), 3);
+        QCOMPARE(ranges.segments.at(0).url, QUrl(u"http://host/video/init.mp4"_s));
+        QCOMPARE(ranges.segments.at(0).rangeSize, 700);
+        QCOMPARE(ranges.segments.at(1).rangeOffset, 700);
+        QCOMPARE(ranges.segments.at(2).rangeOffset, 1700);
+        QCOMPARE(ranges.segments.at(2).rangeSize, 500);
+        QCOMPARE(ranges.format, u"mp4"_s);
+        QCOMPARE(ranges.exactSize, 2200);
     }
 
     void masterWithVariantsAndRenditions() {
@@ -102,13 +98,10 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("expected");
         QTest::addColumn<int>("code");
-        const int malformed = MediaParse::Malformed;
-        const int forbidden = MediaParse::ForbiddenUri;
-        const int unsupported = MediaParse::Unsupported;
+        const int malformed = MediaParse::Malformed, forbidden = MediaParse::ForbiddenUri,
+                  unsupported = MediaParse::Unsupported;
         const struct {
-            const char* tag;
-            const char* text;
-            const char* expected;
+            const char *tag, *text, *expected;
             int code;
         } rows[] = {
             {"no header", "seg.ts\n", "Playlist line 1: not an HLS", malformed},

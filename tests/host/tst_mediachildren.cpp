@@ -34,12 +34,7 @@ private:
     QSharedPointer<HostDownloadsFactory> m_factory;
     QSharedPointer<AbstractDownloadsSpeedMeter> m_speedMeter{new AbstractDownloadsSpeedMeter()};
     std::unique_ptr<NginxServer> m_nginx;
-    QSharedPointer<QtFfmpegManager> m_ffmpeg;
     QSharedPointer<QtFfmpegAvMerger> m_merger;
-
-    MediaChildren::Context context() {
-        return {m_factory, m_speedMeter, m_merger, m_factory->network(), &m_writers, 1, {}};
-    }
 
     AbstractDownloadPersistentInfo recordFor(const QString& name) const {
         AbstractDownloadPersistentInfo record;
@@ -57,7 +52,9 @@ private:
                                             const AbstractDownloadPersistentInfo& record,
                                             const QVariant& initData) {
         AbstractError error;
-        auto download = MediaChildren::creator(module, context())(record, initData, error);
+        const MediaChildren::Context context{
+            m_factory, m_speedMeter, m_merger, m_factory->network(), &m_writers, 1, {}};
+        auto download = MediaChildren::creator(module, context)(record, initData, error);
         if (!download)
             qWarning("%s", error.description.c_str());
         return download;
@@ -86,15 +83,13 @@ private Q_SLOTS:
         QString error;
         const QString www = m_dir.filePath(u"www"_s);
         QVERIFY2(FfmpegTestMedia::makeHls(www + u"/ts"_s, 4, 1, false, &error), qPrintable(error));
-        QVERIFY2(FfmpegTestMedia::makeDash(www + u"/dash"_s, 4, 1, false, &error),
-                 qPrintable(error));
+        QVERIFY2(FfmpegTestMedia::makeDash(www + u"/dash"_s, 4, 1, &error), qPrintable(error));
         m_nginx.reset(new NginxServer(www));
         QVERIFY2(m_nginx->start(&error), qPrintable(error));
         m_writers.start();
         m_factory.reset(new HostDownloadsFactory(&m_writers));
-        m_ffmpeg.reset(new QtFfmpegManager(QFileInfo(FfmpegTestMedia::ffmpeg()).absolutePath(),
-                                           u"ffmpeg"_s, {}));
-        m_merger.reset(new QtFfmpegAvMerger(m_ffmpeg));
+        m_merger.reset(new QtFfmpegAvMerger(QSharedPointer<QtFfmpegManager>::create(
+            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr)));
     }
 
     void cleanupTestCase() {
@@ -105,9 +100,10 @@ private Q_SLOTS:
     // Stopped after its first segment and restored from its record, an HLS child ends with the
     // segments byte for byte, none of them fetched twice.
     void hlsStreamResumesFromItsRecord() {
-        const QString playlist = m_dir.filePath(u"www/ts/index.m3u8"_s);
+        const QStringList segments =
+            FfmpegTestMedia::segmentFiles(m_dir.filePath(u"www/ts/index.m3u8"_s));
         QByteArray all;
-        for (const QString& segment : FfmpegTestMedia::segmentFiles(playlist))
+        for (const QString& segment : segments)
             all += readFile(segment);
         const QVariantHash initData{{u"source"_s, m_nginx->url(u"/ts/index.m3u8"_s)}};
         auto first = create(MediaVersions::HlsModule, recordFor(u"v.ts"_s), initData);
@@ -122,8 +118,7 @@ private Q_SLOTS:
         QVERIFY(run(second.data()));
         QVERIFY2(second->info().isFinished(), second->lastError().toText().toUtf8().constData());
         QCOMPARE(readFile(m_dir.filePath(u"out/v.ts"_s)), all);
-        const QString firstSegment =
-            u"/ts/"_s + QFileInfo(FfmpegTestMedia::segmentFiles(playlist).at(0)).fileName();
+        const QString firstSegment = u"/ts/"_s + QFileInfo(segments.at(0)).fileName();
         const auto log = m_nginx->accessLog();
         QCOMPARE(std::count_if(log.cbegin(), log.cend(),
                                [&](const auto& access) { return access.path == firstSegment; }),

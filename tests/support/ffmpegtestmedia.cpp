@@ -12,7 +12,20 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-bool run(const QString& program, const QStringList& args, QByteArray* output, QString* error) {
+// ffmpeg's arguments from one line, its parts separated by single blanks.
+QStringList words(const QString& line) {
+    return line.split(u' ');
+}
+
+const QString quiet = u"-hide_banner -loglevel error -y "_s;
+const QString videoAndAudio =
+    u"-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
+    "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
+    "expr:gte(t,n_forced*%2) -c:a aac "_s;
+} // namespace
+
+bool FfmpegTestMedia::run(const QString& program, const QStringList& args, QByteArray* output,
+                          QString* error) {
     QProcess process;
     process.start(program, args);
     const bool ok = process.waitForFinished(120000) &&
@@ -25,18 +38,6 @@ bool run(const QString& program, const QStringList& args, QByteArray* output, QS
         *output = process.readAllStandardOutput();
     return ok;
 }
-
-// ffmpeg's arguments from one line, its parts separated by single blanks.
-QStringList words(const QString& line) {
-    return line.split(u' ');
-}
-
-const QString quiet = u"-hide_banner -loglevel error -y "_s;
-const QString videoAndAudio =
-    u"-f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=frequency=1000 "
-    "-t %1 -c:v libx264 -preset ultrafast -force_key_frames "
-    "expr:gte(t,n_forced*%2) -c:a aac "_s;
-} // namespace
 
 QString FfmpegTestMedia::ffmpeg() {
     return QStandardPaths::findExecutable(u"ffmpeg"_s);
@@ -70,18 +71,11 @@ bool FfmpegTestMedia::makeHls(const QString& dir, double seconds, double segment
 }
 
 bool FfmpegTestMedia::makeDash(const QString& dir, double seconds, double segmentSeconds,
-                               bool timeline, QString* error) {
+                               QString* error) {
     QDir().mkpath(dir);
-    QString line =
+    const QString line =
         quiet + videoAndAudio.arg(seconds).arg(segmentSeconds) +
-        u"-f dash -seg_duration %1 -use_template 1 -use_timeline %2"_s.arg(segmentSeconds)
-            .arg(timeline ? 1 : 0);
-    // Segments named by $Time$. The first AAC packet starts before zero, and ffmpeg names its
-    // file by that time while the timeline says 0: shifting the timestamps to zero keeps both
-    // the same.
-    if (timeline)
-        line += u" -avoid_negative_ts make_zero"
-                " -media_seg_name chunk-$RepresentationID$-$Time$.$ext$"_s;
+        u"-f dash -seg_duration %1 -use_template 1 -use_timeline 0"_s.arg(segmentSeconds);
     return run(ffmpeg(), words(line) << QDir(dir).filePath(u"manifest.mpd"_s), nullptr, error);
 }
 

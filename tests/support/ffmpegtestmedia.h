@@ -9,6 +9,10 @@ class FfmpegTestMedia {
 public:
     static QString ffmpeg();  // empty when ffmpeg is not installed
     static QString ffprobe(); // empty when ffprobe is not installed
+    // Runs program to its end; on success its stdout goes to output, on failure the end of its
+    // stderr to error (either may be null).
+    static bool run(const QString& program, const QStringList& args, QByteArray* output,
+                    QString* error);
 
     // An MP4 file with one video stream and no audio.
     static bool makeVideoOnly(const QString& path, int seconds, QString* error);
@@ -19,10 +23,8 @@ public:
     static bool makeHls(const QString& dir, double seconds, double segmentSeconds, bool fmp4,
                         QString* error);
     // A DASH stream "manifest.mpd" with a video and an audio representation in fragmented MP4
-    // segments of segmentSeconds in dir, addressed by $Number$ or, with timeline, by $Time$ in
-    // a SegmentTimeline.
-    static bool makeDash(const QString& dir, double seconds, double segmentSeconds, bool timeline,
-                         QString* error);
+    // segments of segmentSeconds in dir, addressed by $Number$.
+    static bool makeDash(const QString& dir, double seconds, double segmentSeconds, QString* error);
     // The files an HLS playlist names, in download order (the init segment first).
     static QStringList segmentFiles(const QString& playlistPath);
     // The kinds of the file's streams ("video", "audio") and its duration in seconds.

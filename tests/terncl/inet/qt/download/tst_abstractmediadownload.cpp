@@ -22,10 +22,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-QStringList words(const char* text) {
-    return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
 using Media = AbstractMediaDownload;
 using Selector = AbstractDownloadResourceVersionSelector;
 using Plan = WritingFakeDownload::Plan;
@@ -50,16 +46,6 @@ protected:
     }
 };
 
-Selector::Version part(const char* url, int type, const char* format, qint64 size) {
-    Selector::Version version;
-    version.url = QUrl(QString::fromLatin1(url));
-    version.protocol = u"downloadswww"_s;
-    version.media.type = type;
-    version.media.format = QString::fromLatin1(format);
-    version.size = size;
-    version.title = QString::fromLatin1(url);
-    return version;
-}
 } // namespace
 
 class TestAbstractMediaDownload : public QObject {
@@ -78,14 +64,22 @@ private:
     bool exists(const char* name) const { return QFileInfo::exists(path(name)); }
 
     Selector::CompositeVersion avVersion() const {
+        const auto part = [this](const QString& url, int type, const QString& format) {
+            Selector::Version version;
+            version.url = QUrl(url);
+            version.title = url;
+            version.protocol = u"downloadswww"_s;
+            version.media.type = type;
+            version.media.format = format;
+            version.size = m_contents[url].size();
+            return version;
+        };
         Selector::CompositeVersion version;
         version.url = QUrl(u"http://media.test/master.m3u8"_s);
         version.title = u"240p + audio"_s;
         version.media.type = Selector::VideoWithAudio;
-        version.parts = {part("http://media.test/v.mp4", Selector::VideoOnly, "mp4",
-                              m_contents[videoUrl].size()),
-                         part("http://media.test/a.m4a", Selector::AudioOnly, "m4a",
-                              m_contents[audioUrl].size())};
+        version.parts = {part(videoUrl, Selector::VideoOnly, u"mp4"_s),
+                         part(audioUrl, Selector::AudioOnly, u"m4a"_s)};
         return version;
     }
 
@@ -114,14 +108,15 @@ private:
         return QTest::qWaitFor([&] { return !download.isRunning(); }, 30000) && !running.isEmpty();
     }
 
-    QStringList stages() const {
+    // The stages the download ran through, in order and separated by blanks.
+    QString stages() const {
         QStringList result;
         static const QRegularExpression stage(u"run stage: (\\d)$"_s);
         for (const QString& line : m_logger->lines()) {
             if (const auto match = stage.match(line); match.hasMatch())
                 result.append(match.captured(1));
         }
-        return result;
+        return result.join(u' ');
     }
 
     bool logged(const QString& text) const {
@@ -222,12 +217,12 @@ private Q_SLOTS:
         auto download = makeDownload(record());
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
         QCOMPARE(download->lastError(), AbstractError());
-        QCOMPARE(stages(), words("1 3 4 0"));
+        QCOMPARE(stages(), u"1 3 4 0"_s);
 
         const auto requests = m_factory->requests();
         QCOMPARE(requests.size(), 2);
         QCOMPARE((QStringList{requests.at(0).info.name, requests.at(1).info.name}),
-                 words("clip.video.mp4 clip.audio.m4a"));
+                 (QStringList{u"clip.video.mp4"_s, u"clip.audio.m4a"_s}));
         QVERIFY(requests.at(0).info.testFlag(AbstractDownloadPersistentInfo::PartOfParentDownload));
 
         const auto& info = download->info();
@@ -246,7 +241,7 @@ private Q_SLOTS:
         m_logger->clear();
         QVERIFY(runToEnd(*download, AbstractDownloadCommand::Restart));
         QCOMPARE(download->parses, 2);
-        QCOMPARE(stages(), words("1 3 4 0"));
+        QCOMPARE(stages(), u"1 3 4 0"_s);
         QCOMPARE(m_factory->requests().size(), 4);
         QVERIFY(download->info().isFinished());
         QVERIFY(QFileInfo::exists(result));
@@ -276,7 +271,7 @@ private Q_SLOTS:
             QVERIFY(runToEnd(*download, AbstractDownloadCommand::Start));
 
             QVERIFY2(logged(row.text), qPrintable(m_logger->lines().join(u'\n')));
-            QCOMPARE(stages(), words("1 4 0"));
+            QCOMPARE(stages(), u"1 4 0"_s);
             const AbstractError error = download->lastError();
             QVERIFY(error.isSet());
             if (!row.garbage) {
@@ -334,7 +329,7 @@ private Q_SLOTS:
 
         QCOMPARE(download->lastError(), forbidden);
         QCOMPARE(download->parses, 2);
-        QCOMPARE(stages(), words("1 3 1 3 0"));
+        QCOMPARE(stages(), u"1 3 1 3 0"_s);
         QVERIFY(logged(u"child download(s) failed with error: "_s));
         const auto children = download->childDownloads();
         QCOMPARE(children.size(), 2);

@@ -15,18 +15,14 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
-QString s(const char* text) {
-    return QString::fromUtf8(text);
-}
-QStringList texts(const char* separatedBySemicolons) {
-    return s(separatedBySemicolons).split(QLatin1Char(';'));
-}
 // Records the manager's duration and progress, in order.
 void recordReports(SignalRecorder* reports, const QtFfmpegManager* manager) {
-    reports->record(manager, &QtFfmpegManager::duration, s("duration"));
+    reports->record(manager, &QtFfmpegManager::duration, u"duration"_s);
     reports->record<QtProcessLaunchManager>(manager, &QtProcessLaunchManager::progress,
-                                            s("progress"));
+                                            u"progress"_s);
 }
 
 // A merger over its own manager running program from folder, with the merger's ends and what
@@ -37,7 +33,7 @@ public:
         : manager(QSharedPointer<QtFfmpegManager>::create(folder, program, nullptr))
         , merger(manager) {
         connect(manager.data(), &QtProcessLaunchManager::launching, this,
-                [this](int id) { list << QStringLiteral("launching %1").arg(id); });
+                [this](int id) { list << u"launching %1"_s.arg(id); });
         connect(manager.data(), &QtProcessLaunchManager::dataFromProcess, this,
                 [this](int id, const QByteArray& bytes) { output[id] += bytes; });
         connect(manager.data(), &QtProcessLaunchManager::finished, this,
@@ -47,7 +43,7 @@ public:
         });
         connect(&merger, &QtFfmpegAvMerger::finished, this,
                 [this](int id, const AbstractError& error, qint64 size) {
-                    list << QStringLiteral("finished %1").arg(id);
+                    list << u"finished %1"_s.arg(id);
                     errors[id] = error;
                     sizes[id] = size;
                 });
@@ -73,7 +69,7 @@ private:
     QTemporaryDir m_dir;
     QString m_video, m_audio;
 
-    QString path(const char* name) const { return m_dir.filePath(s(name)); }
+    QString path(const char* name) const { return m_dir.filePath(QString::fromUtf8(name)); }
     static QString ffmpegFolder() { return QFileInfo(FfmpegTestMedia::ffmpeg()).path(); }
 
 private Q_SLOTS:
@@ -94,31 +90,31 @@ private Q_SLOTS:
     }
 
     void versionCheck() {
-        QCOMPARE(QtFfmpegManager(s("/usr/bin/"), s("ffmpeg"), nullptr).ffmpegPath(),
-                 s("/usr/bin/ffmpeg"));
-        QCOMPARE(QtFfmpegManager(QString(), s("ffmpeg"), nullptr).ffmpegPath(), s("ffmpeg"));
-        QtFfmpegManager real(ffmpegFolder(), s("ffmpeg"), nullptr);
+        QCOMPARE(QtFfmpegManager(u"/usr/bin/"_s, u"ffmpeg"_s, nullptr).ffmpegPath(),
+                 u"/usr/bin/ffmpeg"_s);
+        QCOMPARE(QtFfmpegManager(QString(), u"ffmpeg"_s, nullptr).ffmpegPath(), u"ffmpeg"_s);
+        QtFfmpegManager real(ffmpegFolder(), u"ffmpeg"_s, nullptr);
         QVERIFY(real.isFfmpegInstalled(false));
-        QVERIFY2(QRegularExpression(s("^\\d+(\\.\\d+)*$")).match(real.ffmpegVersion()).hasMatch(),
+        QVERIFY2(QRegularExpression(u"^\\d+(\\.\\d+)*$"_s).match(real.ffmpegVersion()).hasMatch(),
                  qPrintable(real.ffmpegVersion()));
         QVERIFY(real.isMp3LamePresent(false)); // Debian's ffmpeg is built with it
 
-        QtFfmpegManager missing(s("/nonexistent/folder"), s("ffmpeg"), nullptr);
+        QtFfmpegManager missing(u"/nonexistent/folder"_s, u"ffmpeg"_s, nullptr);
         QVERIFY(!missing.isFfmpegInstalled(false));
         QVERIFY(!missing.isMp3LamePresent(true));
         QVERIFY(missing.ffmpegVersion().isEmpty());
 
         // A program that never answers counts as not installed once the limit has passed.
-        const QString hang = TestChild::makeFakeTool(m_dir.path(), s("hang"));
+        const QString hang = TestChild::makeFakeTool(m_dir.path(), u"hang"_s);
         QtFfmpegManager hanging(m_dir.path(), hang, nullptr);
         hanging.setVersionCheckTimeout(300);
         QVERIFY(!hanging.isFfmpegInstalled(false));
         QVERIFY(TestChild::runningChildCount() <= 0); // killed, not left behind
 
         // The answer is cached until a check is forced.
-        const QString link = m_dir.filePath(s("linked-ffmpeg"));
-        QVERIFY(QFile::link(s("/nonexistent/ffmpeg"), link));
-        QtFfmpegManager linked(m_dir.path(), s("linked-ffmpeg"), nullptr);
+        const QString link = m_dir.filePath(u"linked-ffmpeg"_s);
+        QVERIFY(QFile::link(u"/nonexistent/ffmpeg"_s, link));
+        QtFfmpegManager linked(m_dir.path(), u"linked-ffmpeg"_s, nullptr);
         QVERIFY(!linked.isFfmpegInstalled(false));
         QVERIFY(QFile::remove(link));
         QVERIFY(QFile::link(FfmpegTestMedia::ffmpeg(), link));
@@ -128,7 +124,7 @@ private Q_SLOTS:
     }
 
     void durationThenTimeFromChunkedOutput() {
-        QtFfmpegManager manager(QString(), s("ffmpeg"), nullptr);
+        QtFfmpegManager manager(QString(), u"ffmpeg"_s, nullptr);
         SignalRecorder reports;
         recordReports(&reports, &manager);
         // The parser listens to the manager's own signals; feeding them drives it chunk by chunk.
@@ -139,14 +135,14 @@ private Q_SLOTS:
         feed(1, "  Durat");
         feed(1, "ion: 00:01:05.50, start: 0.000000, bitrate: 318 kb/s\n");
         feed(1, "frame=  1 time=00:00:10.500 bitr");
-        QCOMPARE(reports.events(), texts("duration(1, 65)"));
+        QCOMPARE(reports.events(), QStringList{u"duration(1, 65)"_s});
         feed(1, "ate=1kbit/s\r");
         feed(1, "frame=  2 time=00:01:10.00 bitrate=1kbit/s\rframe=  3 time=00:01:05.500");
         Q_EMIT manager.finished(1, AbstractError(), 0);
         // Two-digit fractions never round up, three-digit ones from 500.
         QCOMPARE(reports.events(),
-                 texts("duration(1, 65);progress(1, 11, 65);duration(1, 70);progress(1, 70, 70);"
-                       "progress(1, 66, 70)"));
+                 u"duration(1, 65);progress(1, 11, 65);duration(1, 70);progress(1, 70, 70);"
+                 "progress(1, 66, 70)"_s.split(u';'));
 
         // The longest input wins, and nothing else is read in the call that finds the duration.
         reports.clear();
@@ -155,29 +151,29 @@ private Q_SLOTS:
         feed(3, "Duration: 00:00:09.00\n"); // never launched: ignored
         feed(2, "time=00:00:02.00 time=00:00:03.00\n");
         Q_EMIT manager.finished(2, AbstractError(), 0);
-        QCOMPARE(reports.events(), texts("duration(2, 8);progress(2, 2, 8)"));
+        QCOMPARE(reports.events(), u"duration(2, 8);progress(2, 2, 8)"_s.split(u';'));
         // A time cut before its fraction is not a time yet.
-        QCOMPARE(QtFfmpegManager::secondsFromFfmpegTimeString(s("00:01:05")), -1);
-        QCOMPARE(QtFfmpegManager::secondsToFfmpegString(3725), s("01:02:05.00"));
+        QCOMPARE(QtFfmpegManager::secondsFromFfmpegTimeString(u"00:01:05"_s), -1);
+        QCOMPARE(QtFfmpegManager::secondsToFfmpegString(3725), u"01:02:05.00"_s);
     }
 
     void probeOfARealFile() {
-        QtFfmpegManager manager(ffmpegFolder(), s("ffmpeg"), nullptr);
+        QtFfmpegManager manager(ffmpegFolder(), u"ffmpeg"_s, nullptr);
         SignalRecorder reports;
         recordReports(&reports, &manager);
         QSignalSpy finished(&manager, &QtProcessLaunchManager::finished);
         const int id = manager.nextId();
         manager.launchFfmpeg(id, m_video, true);
         QVERIFY(finished.wait());
-        QCOMPARE(reports.events(), QStringList{s("duration(%1, 3)").arg(id)});
+        QCOMPARE(reports.events(), QStringList{u"duration(%1, 3)"_s.arg(id)});
         QCOMPARE(finished.at(0).at(2).toInt(), 1); // no output file given
 
         // The probe runs in the file's folder, with the file as its only input.
-        Merging fake(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("cwd")));
+        Merging fake(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), u"cwd"_s));
         fake.manager->launchFfmpeg(1, m_video, false);
         QTRY_VERIFY(fake.exitCodes.contains(1));
         QCOMPARE(fake.output[1],
-                 s("cwd: %1\narg: -i\narg: %2\n").arg(QFileInfo(m_video).path(), m_video).toUtf8());
+                 u"cwd: %1\narg: -i\narg: %2\n"_s.arg(QFileInfo(m_video).path(), m_video).toUtf8());
     }
 
     void argumentsAndWorkingDirectory() {
@@ -187,21 +183,22 @@ private Q_SLOTS:
         } cases[] = {{"/a/b/c.mp4", "/a/b"},    {"/c.mp4", "/"},        {"C:\\c.mp4", "C:\\"},
                      {"C:\\a\\c.mp4", "C:\\a"}, {"a\\b/c.mp4", "a\\b"}, {"c.mp4", ""}};
         for (const auto& c : cases)
-            QCOMPARE(terncl::ffmpegDirectoryPart(s(c.path)), s(c.expected));
+            QCOMPARE(terncl::ffmpegDirectoryPart(QString::fromUtf8(c.path)),
+                     QString::fromUtf8(c.expected));
 
         RecordingLogger log;
-        Merging merging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("cwd")));
+        Merging merging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), u"cwd"_s));
         const QString result = path("out.mp4");
         merging.merger.merge(1, m_video, QString(), result, QString());
-        merging.merger.merge(2, QString(), m_audio, result, s("mp4"));
-        QTRY_VERIFY(merging.has(s("finished 2")));
+        merging.merger.merge(2, QString(), m_audio, result, u"mp4"_s);
+        QTRY_VERIFY(merging.has(u"finished 2"_s));
 
-        const QString launch = s("[QtProcessLaunchManager #%1]: launching process: ") +
-                               merging.manager->ffmpegPath() + s(", with args: -y -i ");
+        const QString launch = u"[QtProcessLaunchManager #%1]: launching process: "_s +
+                               merging.manager->ffmpegPath() + u", with args: -y -i "_s;
         QVERIFY(log.contains(launch.arg(1) +
-                             s("%1 -vcodec copy -acodec copy %2").arg(m_video, result)));
+                             u"%1 -vcodec copy -acodec copy %2"_s.arg(m_video, result)));
         QVERIFY(log.contains(launch.arg(2) +
-                             s("%1 -vcodec copy -acodec copy -f mp4 %2").arg(m_audio, result)));
+                             u"%1 -vcodec copy -acodec copy -f mp4 %2"_s.arg(m_audio, result)));
         QVERIFY(merging.output[1].startsWith("cwd: " + path("video").toUtf8() + "\n"));
         QVERIFY(merging.output[2].startsWith("cwd: " + path("audio").toUtf8() + "\n"));
         QVERIFY(!merging.errors[1].isSet());
@@ -212,23 +209,23 @@ private Q_SLOTS:
         // Deep enough for the whole path to pass the 260 characters that some systems reject.
         QString folder = m_dir.path();
         while (folder.size() < 280)
-            folder += s("/a-rather-long-folder-name");
+            folder += u"/a-rather-long-folder-name"_s;
         QVERIFY(QDir().mkpath(folder));
-        const QString video = folder + s("/v.mp4");
+        const QString video = folder + u"/v.mp4"_s;
         QVERIFY(QFile::copy(m_video, video));
-        const QString result = folder + s("/merged.mp4");
+        const QString result = folder + u"/merged.mp4"_s;
         const QString second = path("second.mkv");
 
-        Merging merging(ffmpegFolder(), s("ffmpeg"));
+        Merging merging(ffmpegFolder(), u"ffmpeg"_s);
         const int a = merging.merger.nextId();
         const int b = merging.merger.nextId();
         merging.merger.merge(a, video, m_audio, result, QString());
         merging.merger.merge(b, m_video, m_audio, second, QString());
-        QTRY_VERIFY_WITH_TIMEOUT(merging.has(s("finished %1").arg(b)), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(merging.has(u"finished %1"_s.arg(b)), 60000);
 
         // Merges wait for each other.
-        const QString order = s("launching %1,finished %1,launching %2,finished %2").arg(a).arg(b);
-        QCOMPARE(merging.list, order.split(QLatin1Char(',')));
+        const QString order = u"launching %1,finished %1,launching %2,finished %2"_s.arg(a).arg(b);
+        QCOMPARE(merging.list, order.split(u','));
         QVERIFY2(!merging.errors[a].isSet(), qPrintable(merging.errors[a].toText()));
         QVERIFY(merging.sizes[a] > 0);
         QCOMPARE(merging.sizes[a], QFileInfo(result).size());
@@ -236,29 +233,29 @@ private Q_SLOTS:
     }
 
     void failuresAreReportedClearly() {
-        Merging failing(ffmpegFolder(), s("ffmpeg"));
+        Merging failing(ffmpegFolder(), u"ffmpeg"_s);
         failing.merger.merge(1, path("missing.mp4"), m_audio, path("x.mp4"), QString());
-        QTRY_VERIFY_WITH_TIMEOUT(failing.has(s("finished 1")), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(failing.has(u"finished 1"_s), 30000);
         QCOMPARE(failing.errors[1].code, QtFfmpegAvMerger::NonZeroExitErrorCode);
         QCOMPARE(failing.errors[1].category, std::string("GenericError"));
         QVERIFY(failing.exitCodes[1] != 0);
         QCOMPARE(failing.description(1),
-                 s("FFmpeg returned non-zero (%1) exit status").arg(failing.exitCodes[1]));
+                 u"FFmpeg returned non-zero (%1) exit status"_s.arg(failing.exitCodes[1]));
         QCOMPARE(failing.sizes[1], 0);
 
-        Merging absent(s("/nonexistent/dir"), s("ffmpeg"));
+        Merging absent(u"/nonexistent/dir"_s, u"ffmpeg"_s);
         absent.merger.merge(2, m_video, m_audio, path("y.mp4"), QString());
-        QTRY_VERIFY(absent.has(s("finished 2")));
+        QTRY_VERIFY(absent.has(u"finished 2"_s));
         QCOMPARE(absent.errors[2].code, QtProcessLaunchManager::ProcessFailedErrorCode);
-        QVERIFY2(absent.description(2).contains(s("/nonexistent/dir/ffmpeg")),
+        QVERIFY2(absent.description(2).contains(u"/nonexistent/dir/ffmpeg"_s),
                  qPrintable(absent.description(2)));
 
         // A merge through an ffmpeg that never answers can be aborted.
-        Merging hanging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), s("hang")));
+        Merging hanging(m_dir.path(), TestChild::makeFakeTool(m_dir.path(), u"hang"_s));
         hanging.merger.merge(3, m_video, m_audio, path("z.mp4"), QString());
         QTRY_VERIFY(hanging.output[3].startsWith("pid"));
         hanging.merger.abort(3);
-        QTRY_VERIFY(hanging.has(s("finished 3")));
+        QTRY_VERIFY(hanging.has(u"finished 3"_s));
         QCOMPARE(hanging.errors[3].code, QtProcessLaunchManager::AbortedErrorCode);
         QCOMPARE(hanging.sizes[3], 0);
     }
