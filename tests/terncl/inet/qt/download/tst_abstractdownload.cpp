@@ -187,7 +187,6 @@ private Q_SLOTS:
         meter.registerDownload(&download);
 
         setDownloaded(download, 5000);
-        QCOMPARE(tracker->currentBucketBytes, 4000);
         QCOMPARE(meter.speed(), 4000); // a new transfer shows speed within its first second
 
         // New bytes in the next second close the bucket.
@@ -205,7 +204,6 @@ private Q_SLOTS:
 
         // A shrinking total only moves the baseline.
         setDownloaded(download, 0);
-        QCOMPARE(tracker->totalBytes, 4500);
         setDownloaded(download, 700);
         QCOMPARE(tracker->totalBytes, 5200);
 
