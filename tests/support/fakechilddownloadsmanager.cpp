@@ -23,12 +23,6 @@ FakeChildDownloadsManager::createDownload(const QString& moduleName,
     return m_factory->createModuleDownload(moduleName, info, initData, error);
 }
 
-bool FakeChildDownloadsManager::addDownloads(
-    const QList<QSharedPointer<AbstractDownload>>& downloads) {
-    m_kept += downloads;
-    return true;
-}
-
 void FakeChildDownloadsManager::removeDownloads(const QList<qint64>& ids, bool deleteFiles) {
     m_removals.append({ids, deleteFiles});
     for (qsizetype i = m_kept.size() - 1; i >= 0; --i) {

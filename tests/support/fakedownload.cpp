@@ -1,10 +1,5 @@
 #include "fakedownload.h"
 
-void FakeDownload::clearLastError() {
-    m_lastError = {};
-    m_lastErrorTime = {};
-}
-
 void FakeDownload::doCommand(AbstractDownloadCommand command) {
     m_commands.append(command);
     if (command == AbstractDownloadCommand::Start)
@@ -19,20 +14,6 @@ bool FakeDownload::updateInfoFields(const AbstractDownloadPersistentInfo& info, 
         return false;
     Q_EMIT changed(false);
     return true;
-}
-
-bool FakeDownload::setWritersThread(QThread* thread) {
-    m_writersThread = thread;
-    return true;
-}
-
-void FakeDownload::setSettings(const AbstractDownloadSettings& settings) {
-    m_settings = settings;
-    ++m_setSettingsCalls;
-}
-
-quint64 FakeDownload::currentTasks() const {
-    return m_running ? quint64(AbstractDownloadTask::Downloading) : 0;
 }
 
 AbstractDownloadTasksProgress FakeDownload::tasksProgress() const {

@@ -46,7 +46,10 @@ public:
     QList<QSslError> lastSslErrors() const override { return {}; }
     QtSslHost lastUnknownSslHost() const override { return {}; }
     QDateTime lastErrorTime() const override { return m_lastErrorTime; }
-    void clearLastError() override;
+    void clearLastError() override {
+        m_lastError = {};
+        m_lastErrorTime = {};
+    }
     bool isRunning() const override { return m_running; }
 
     // Download.
@@ -61,10 +64,18 @@ public:
     QSet<AbstractDownloadDestinationType> supportedDestinations() const override {
         return {AbstractDownloadDestinationType::File};
     }
-    bool setWritersThread(QThread* thread) override;
-    void setSettings(const AbstractDownloadSettings& settings) override;
+    bool setWritersThread(QThread* thread) override {
+        m_writersThread = thread;
+        return true;
+    }
+    void setSettings(const AbstractDownloadSettings& settings) override {
+        m_settings = settings;
+        ++m_setSettingsCalls;
+    }
     const AbstractDownloadSettings& settings() const override { return m_settings; }
-    quint64 currentTasks() const override;
+    quint64 currentTasks() const override {
+        return m_running ? quint64(AbstractDownloadTask::Downloading) : 0;
+    }
     AbstractDownloadTasksProgress tasksProgress() const override;
     bool isQueryingInfo() const override { return m_queryingInfo; }
     bool isStopping() const override { return m_stopping; }

@@ -1,21 +1,5 @@
 #include "fakedownloadsfactory.h"
 
-FakeDownloadsFactory::FakeDownloadsFactory(QObject* parent)
-    : AbstractDownloadsSimpleFactory(parent) {}
-
-QSharedPointer<AbstractDownload>
-FakeDownloadsFactory::createDownload(const AbstractDownloadPersistentInfo& info,
-                                     AbstractError& error) {
-    return create({QString(), info, QVariant()}, error);
-}
-
-QSharedPointer<AbstractDownload>
-FakeDownloadsFactory::createModuleDownload(const QString& moduleName,
-                                           const AbstractDownloadPersistentInfo& info,
-                                           const QVariant& initData, AbstractError& error) {
-    return create({moduleName, info, initData}, error);
-}
-
 QList<QSharedPointer<FakeDownload>> FakeDownloadsFactory::aliveDownloads() const {
     QList<QSharedPointer<FakeDownload>> alive;
     for (const auto& weak : m_made) {

@@ -27,19 +27,23 @@ public:
     // Sets up each new download (for example its stop behaviour) before it is handed out.
     using Configurator = std::function<void(FakeDownload& download, const Request& request)>;
 
-    explicit FakeDownloadsFactory(QObject* parent = nullptr);
+    explicit FakeDownloadsFactory(QObject* parent = nullptr)
+        : AbstractDownloadsSimpleFactory(parent) {}
 
     QSharedPointer<AbstractDownload> createDownload(const AbstractDownloadPersistentInfo& info,
-                                                    AbstractError& error) override;
+                                                    AbstractError& error) override {
+        return create({QString(), info, QVariant()}, error);
+    }
     QSharedPointer<AbstractDownload>
     createModuleDownload(const QString& moduleName, const AbstractDownloadPersistentInfo& info,
-                         const QVariant& initData, AbstractError& error) override;
+                         const QVariant& initData, AbstractError& error) override {
+        return create({moduleName, info, initData}, error);
+    }
 
     void setMaker(Maker maker) { m_maker = std::move(maker); }
     void setConfigurator(Configurator configurator) { m_configurator = std::move(configurator); }
     // Every request fails with error until it is set back to an error with code 0.
     void setFailure(const AbstractError& error) { m_failure = error; }
-    void setNextId(qint64 id) { m_nextId = id; }
 
     QList<Request> requests() const { return m_requests; }
     // The downloads made so far that are still alive, oldest first.

@@ -32,10 +32,6 @@ QStringList RecordingLogger::lines() const {
     return m_sink->lines;
 }
 
-bool RecordingLogger::contains(const QString& line) const {
-    return lines().contains(line);
-}
-
 void RecordingLogger::clear() {
     QMutexLocker lock(&m_sink->mutex);
     m_sink->lines.clear();

@@ -2,7 +2,6 @@
 
 #include <terncl/core/qtapplogger.h>
 
-#include <QMutex>
 #include <QSharedPointer>
 #include <QStringList>
 
@@ -14,7 +13,7 @@ public:
     ~RecordingLogger();
 
     QStringList lines() const;
-    bool contains(const QString& line) const;
+    bool contains(const QString& line) const { return lines().contains(line); }
     void clear();
 
 private:

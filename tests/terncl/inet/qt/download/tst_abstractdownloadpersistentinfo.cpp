@@ -174,9 +174,8 @@ private Q_SLOTS:
                      u"%1 %2"_s.arg(int(row.parsed)).arg(QString::fromUtf8(row.loaded)));
             QCOMPARE(AbstractDownloadPersistentInfo::fromJson(info.toJson()), info);
         }
-    }
 
-    void wrongTypesFallBackToDefaults() {
+        // Fields of the wrong type fall back to their defaults.
         const auto info = AbstractDownloadPersistentInfo::fromJson(
             R"({"flags": [1], "supportedOptions": "x", "uuid": "nope", "state": "1",
                 "requestData": "!!", "originators": ["a", 1], "customData": "text",

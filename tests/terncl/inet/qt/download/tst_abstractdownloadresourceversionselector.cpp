@@ -62,7 +62,7 @@ class TestAbstractDownloadResourceVersionSelector : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void sortOrdersByFormatTypeHeightAndParts() {
+    void sortOrdersByFormatTypeHeightAndPartsAndDropsDuplicates() {
         const char* const rows[][2] = {
             // An mp4 beats a higher webm.
             {"webm:2:1080 mp4:2:720 mp4:2:1080", "mp4:2:1080 mp4:2:720 webm:2:1080"},
@@ -80,10 +80,9 @@ private Q_SLOTS:
             selector->sort(false);
             QCOMPARE(titles(*selector), QByteArray(row[1]));
         }
-    }
 
-    void sortRemovesDuplicatesOnlyWhenAsked() {
-        // All but the 480p one share one media description; only their URLs and parts differ.
+        // Duplicates go only when asked. All but the 480p one share one media description; only
+        // their URLs and parts differ.
         auto selector = selectorOf("mp4:2:720:2 mp4:2:480 mp4:2:720 mp4:2:720");
         auto versions = selector->resourceVersions();
         versions[2].url = QUrl(u"https://a.test/v"_s);
@@ -95,7 +94,7 @@ private Q_SLOTS:
         QCOMPARE(titles(*selector), "mp4:2:720 mp4:2:480"); // the better placed one stays
     }
 
-    void sizesAndDashVersions() {
+    void sizesSelectionAndDashVersions() {
         auto selector = selectorOf("a:2:1 b:2:1:2 c:2:1:1 d:2:1:2 e:2:1:3");
         QVERIFY(selector->containsCompositeVersions());
         selector->updateResourceSize(0, -1, 500);
@@ -105,23 +104,16 @@ private Q_SLOTS:
         selector->updateResourceSize(1, 1, 200);
         QCOMPARE(selector->resourceVersions().at(1).totalSize(), 500);
 
+        // Only an existing index other than the current one is taken.
+        QSignalSpy spy(selector.data(), &Selector::selectedVersionChanged);
+        selector->setSelectedVersion(5);
+        QVERIFY(selector->setProperty("selectedVersion", 4));
         selector->setSelectedVersion(4);
+        selector->setSelectedVersion(-1);
+        QCOMPARE(spy.count(), 1);
         selector->removeDashVersions();
         QCOMPARE(titles(*selector), "a:2:1 c:2:1:1 e:2:1:3");
         QCOMPARE(selector->selectedVersion(), 4); // not adjusted
-    }
-
-    void selectionTakesOnlyExistingIndexes() {
-        auto selector = selectorOf("mp4:2:720 mp4:2:480");
-        QSignalSpy spy(selector.data(), &Selector::selectedVersionChanged);
-        selector->setSelectedVersion(2);
-        selector->setSelectedVersion(-1);
-        QCOMPARE(selector->selectedVersion(), -1);
-        QVERIFY(selector->setProperty("selectedVersion", 1));
-        selector->setSelectedVersion(1);
-        selector->setSelectedVersion(-1);
-        QCOMPARE(selector->selectedVersion(), 1);
-        QCOMPARE(spy.count(), 1);
     }
 
     // Criteria "fileType:maxHeight:format:language", fileType 0 (any), 1 (video) or 2 (audio).
@@ -144,7 +136,7 @@ private Q_SLOTS:
         }
     }
 
-    void defaultChoiceFallsBackAndKeepsASelection() {
+    void defaultChoiceFallsBackKeepsASelectionAndReadsTheOptions() {
         VersionsDownload download;
         QVERIFY(!download.chooseDefaultResourceVersion());
         download.selector = selectorOf("");
@@ -165,10 +157,8 @@ private Q_SLOTS:
         QVERIFY(download.chooseDefaultResourceVersion(AbstractFileType::Audio, 0, {}, {}));
         QCOMPARE(download.selector->selectedVersion(), 3);
         QCOMPARE(spy.count(), 0);
-    }
 
-    void defaultChoiceReadsTheOptions() {
-        VersionsDownload download;
+        // Without criteria given, the stored options are the criteria.
         auto info = download.info();
         info.supportedOptions = PreferredResourceFileType | MaxResourceVideoHeight |
                                 PreferredResourceFormat | PreferredResourceLanguage;

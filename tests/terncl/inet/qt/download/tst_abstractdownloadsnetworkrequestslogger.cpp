@@ -1,5 +1,4 @@
 #include <terncl/core/qtqobjectstracker.h>
-#include <terncl/fs/qt/utils/filenamerules.h>
 #include <terncl/inet/qt/download/abstractdownloadsnetworkrequestslogger.h>
 
 #include "support/fakedownload.h"
