@@ -39,7 +39,6 @@ private Q_SLOTS:
             {"best", "best", "hls-1080p-2800k+audio-en"},
             {"worst", "worst", "hls-180p-300k"},
             {"apart", "bestvideo+bestaudio", "hls-1080p-2800k+audio-en"},
-            {"worst apart", "worstvideo+bestaudio", "hls-360p-800k+audio-en"},
             {"height", "height<=720", "hls-720p-1400k+audio-en"},
             {"height strict", "height<720", "hls-360p-800k+audio-en"},
             {"height and language", "bestvideo+bestaudio+height<=720+lang=de",
@@ -50,7 +49,6 @@ private Q_SLOTS:
             {"fallback", "bestvideo,height>=700+worst", "hls-720p-1400k+audio-en"},
             {"first fallback wins", "lang=fr, lang=de ,best", "hls-1080p-2800k+audio-de-at"},
             {"unknown language", "lang=fr", ""},
-            {"too low", "height<100", ""},
             {"unknown id", "hls-999p", ""}};
         for (const auto& row : rows)
             QTest::newRow(row[0]) << QString::fromLatin1(row[1]) << QString::fromLatin1(row[2]);
