@@ -58,11 +58,6 @@ private:
         return info;
     }
 
-    QSharedPointer<QtFfmpegAvMerger> makeMerger() const {
-        return QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr));
-    }
-
     struct Result {
         AbstractDownloadFileOps::FileInitializeOperations ops;
         int count = -1;
@@ -134,10 +129,11 @@ private Q_SLOTS:
         QVERIFY(ops(true).isEmpty());
     }
 
-    // The second move fails: the first file goes back and the overwritten one returns.
-    void failureUndoesEverything() {
+    // a.bin moves first, then b.bin's move fails or its question is never answered: the first
+    // file goes back and the overwritten one returns.
+    void failureOrDestructionUndoesEverything() {
         auto info = finishedRecord(u"a.bin"_s, "new a");
-        info.files.append(fileRecord(u"b.bin"_s, 5, path("tmp/b.bin")));
+        info.files.append(fileRecord(u"sub/b.bin"_s, 5, path("tmp/b")));
         QVERIFY(writeFile(path("a.bin"), "old a"));
         m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Overwrite);
         const auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
@@ -147,6 +143,25 @@ private Q_SLOTS:
         QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
         QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"a.bin"_s});
         QVERIFY(!AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 0, info));
+
+        QVERIFY(QFile::remove(path("a.bin")));
+        QVERIFY(writeFile(info.files[1].tmpPath, "new b"));
+        QVERIFY(writeFile(path("sub/b.bin"), "old b"));
+        m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Ask);
+        bool asked = false;
+        connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
+                [&asked] { asked = true; });
+        m_ops->performInitializeOps(m_dir.path(),
+                                    AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
+        QTRY_VERIFY(asked);
+        QCOMPARE(read("a.bin"), QByteArray("new a"));
+        // An answer about another file than the one asked about is ignored.
+        m_ops->fileExistsAction(0, AbstractDownloadFileExistsAction::Overwrite);
+        m_ops->deleteLater();
+        QTRY_VERIFY(!m_ops);
+        QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
+        QVERIFY(!QFile::exists(path("a.bin")));
+        QCOMPARE(read("sub/b.bin"), QByteArray("old b"));
     }
 
     // Unfinished: a file not created yet is created without losing what its temporary path
@@ -188,56 +203,14 @@ private Q_SLOTS:
         QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
     }
 
-    void destroyedWhileAskingUndoes() {
-        auto info = finishedRecord(u"a.bin"_s, "new a");
-        info.files.append(fileRecord(u"sub/b.bin"_s, 5, path("tmp/b")));
-        QVERIFY(writeFile(info.files[1].tmpPath, "new b"));
-        QVERIFY(writeFile(path("sub/b.bin"), "old b"));
-        // a.bin moves first; b.bin's question is never answered.
-        m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Ask);
-        bool asked = false;
-        connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
-                [&asked] { asked = true; });
-        m_ops->performInitializeOps(m_dir.path(),
-                                    AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
-        QTRY_VERIFY(asked);
-        QCOMPARE(read("a.bin"), QByteArray("new a"));
-        // An answer about another file than the one asked about is ignored.
-        m_ops->fileExistsAction(0, AbstractDownloadFileExistsAction::Overwrite);
-        m_ops->deleteLater();
-        QTRY_VERIFY(!m_ops);
-        QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
-        QVERIFY(!QFile::exists(path("a.bin")));
-        QCOMPARE(read("sub/b.bin"), QByteArray("old b"));
-    }
-
-    void standardOperationRunsOneAtATime() {
-        auto info = finishedRecord(u"a.bin"_s, "new");
+    // Without a merger a self-merge ends at once; the standard operation runs one at a time.
+    // Inside an outer files operation, only the outer edges are signalled.
+    void companionOperationsInsideAnOuterOne() {
+        auto info = finishedRecord(u"v.m4s"_s, "data");
         Companion companion(&m_download, info, m_settings, {});
         companion.setWritersThread(&m_writers);
         QSignalSpy finished(&companion, &Companion::operationFinished);
         QSignalSpy changed(&companion, &Companion::changed);
-        QVERIFY(companion.isStandardOpRequired());
-        companion.performRequiredStandardOp();
-        companion.performRequiredStandardOp(); // ignored: one is running
-        QCOMPARE(companion.operation(), Companion::StandardOperation);
-        QVERIFY(finished.wait(10000));
-        QTest::qWait(0);
-
-        QCOMPARE(finished.size(), 1);
-        QVERIFY(!finished[0][1].value<AbstractError>().isSet());
-        QCOMPARE(changed.size(), 1); // the record is stored again
-        QCOMPARE(read("a.bin"), QByteArray("new"));
-        QVERIFY(info.files[0].tmpPath.isEmpty());
-        QVERIFY(!companion.isStandardOpRequired());
-        QVERIFY(!companion.isPerformingOperation());
-    }
-
-    // Inside an outer files operation, only the outer edges are signalled.
-    void selfMergeWithoutMergerEndsAtOnce() {
-        auto info = finishedRecord(u"v.m4s"_s, "data");
-        Companion companion(&m_download, info, m_settings, {});
-        QSignalSpy finished(&companion, &Companion::operationFinished);
         QSignalSpy performing(&companion, &Companion::performingFilesOperations);
         companion.beginPerformFilesOperations();
         companion.performSelfMerge();
@@ -248,6 +221,21 @@ private Q_SLOTS:
         QCOMPARE(finished[0][1].value<AbstractError>().category,
                  std::string(AbstractError::GenericError));
         QCOMPARE(info.files[0].name, u"v.m4s"_s);
+
+        QVERIFY(companion.isStandardOpRequired());
+        companion.performRequiredStandardOp();
+        companion.performRequiredStandardOp(); // ignored: one is running
+        QCOMPARE(companion.operation(), Companion::StandardOperation);
+        QVERIFY(finished.wait(10000));
+        QTest::qWait(0);
+        QCOMPARE(finished.size(), 2);
+        QVERIFY(!finished[1][1].value<AbstractError>().isSet());
+        QCOMPARE(changed.size(), 1); // the record is stored again
+        QCOMPARE(read("v.m4s"), QByteArray("data"));
+        QVERIFY(info.files[0].tmpPath.isEmpty());
+        QVERIFY(!companion.isStandardOpRequired());
+        QVERIFY(!companion.isPerformingOperation());
+
         QCOMPARE(QList<QVariantList>(performing), QList<QVariantList>{{true}});
         QVERIFY(companion.isPerformingFilesOps());
         companion.finishPerformFilesOperations();
@@ -264,7 +252,9 @@ private Q_SLOTS:
         for (const bool abort : {false, true}) { // not media, or aborted
             const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
             auto info = finishedRecord(u"Clip.M4S"_s, content);
-            const auto merger = makeMerger();
+            const auto merger =
+                QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
+                    QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr));
             Companion companion(&m_download, info, m_settings, merger);
             QSignalSpy finished(&companion, &Companion::operationFinished);
             companion.performSelfMerge();
