@@ -14,7 +14,6 @@ public:
 
     qint64 id() const override { return m_id; }
     void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override {
-        ++networkSettingsCalls;
         m_networkSettings = settings;
     }
     AbstractNetworkConsumerSettings networkSettings() const override { return m_networkSettings; }
@@ -60,14 +59,6 @@ public:
         m_running = running;
         Q_EMIT AbstractNetworkConsumerWithExtraTasks::running(running);
     }
-    bool askAcceptUnknownHost(const QtSslHost& host) {
-        bool accept = false;
-        Q_EMIT sslAcceptUnknownHostRequired(host, &accept);
-        return accept;
-    }
-
-    // How often the consumer was given network settings.
-    int networkSettingsCalls = 0;
 
 private:
     qint64 m_id;

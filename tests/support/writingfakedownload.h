@@ -10,17 +10,14 @@
 #include <QPointer>
 #include <QTimer>
 
-// A child download for segment downloaders that really writes its bytes. It is given the whole
-// content of its segment; on Start it writes what its record does not count as done yet (all of
-// it without resume support) in chunks of 1000 bytes through a FileDataAsyncWriter on the
-// writers thread it was handed, at its file's writeOffset, without truncating. A byte counts as
-// done only once the writer has flushed it, so the record never claims more than the file holds.
-// When the planned number of bytes is done, the planned outcome happens. Every writer is
-// registered with the objects tracker as "FileDataAsyncWriter".
-//
-// Follows the contract of the segments downloader's children: the target is the file record's
-// tmpPath, or destinationPath + "/" + name; a record without a file name is named
-// "segments.bin".
+// A child download for segment downloaders that really writes its bytes. Given its segment's
+// whole content, on Start it writes what its record does not count as done yet (all of it
+// without resume support) in 1000-byte chunks through a FileDataAsyncWriter on its writers
+// thread, at the file's writeOffset, without truncating. A byte counts as done only once
+// flushed, so the record never claims more than the file holds; once the planned number of
+// bytes is done, the planned outcome happens. Writers are registered with the objects tracker
+// as "FileDataAsyncWriter". Like the real children it writes at the record's tmpPath, else at
+// destinationPath + "/" + name, and names a record without a file name "segments.bin".
 class WritingFakeDownload : public FakeDownload {
     Q_OBJECT
 
