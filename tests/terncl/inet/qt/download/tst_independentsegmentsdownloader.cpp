@@ -22,7 +22,6 @@ using namespace Qt::StringLiterals;
 namespace {
 using Downloader = IndependentSegmentsDownloader;
 using Plan = WritingFakeDownload::Plan;
-using Reaction = AbstractDownloadExistingFileReaction;
 using Action = AbstractDownloadFileExistsAction;
 
 const AbstractError httpError(404, AbstractError::HttpError, {});
@@ -95,9 +94,10 @@ private:
                                          const QList<AbstractDownloadSourceInfo>& sources) {
         return make(AbstractDownloadPersistentInfo::fromJson(downloader.info().toJson()), sources);
     }
-    static void setReaction(Downloader& downloader, Reaction reaction, bool interactive) {
+    // An existing target is asked about; only an interactive download can be answered.
+    static void askAboutExisting(Downloader& downloader, bool interactive) {
         AbstractDownloadSettings settings;
-        settings.existingFileReaction = reaction;
+        settings.existingFileReaction = AbstractDownloadExistingFileReaction::Ask;
         downloader.setSettings(settings);
         downloader.setInteractive(interactive);
     }
@@ -170,15 +170,15 @@ private Q_SLOTS:
     void byteExactOutput() {
         QFETCH(QList<qint64>, sizes);
         QFETCH(QString, fileRecord);
-        const bool named = fileRecord != QLatin1String("none");
+        const bool named = fileRecord != "none"_L1;
         const QString result = path(named ? "dst/out.bin" : "dst/segments.bin");
-        const QString writtenAt = fileRecord == QLatin1String("temporary") ? temporary() : result;
+        const QString writtenAt = fileRecord == "temporary"_L1 ? temporary() : result;
         const auto sources = addSegments(sizes);
-        auto info = record(fileRecord == QLatin1String("temporary"));
+        auto info = record(fileRecord == "temporary"_L1);
         if (!named)
             info.files.clear();
         info.setFlag(AbstractDownloadPersistentInfo::Private);
-        if (fileRecord == QLatin1String("final"))
+        if (fileRecord == "final"_L1)
             QVERIFY(writeFile(target(), QByteArray(1 << 20, 'P')));
         auto downloader = make(info, sources);
         QSignalSpy segmentFinished(downloader.get(), &Downloader::segmentFinished);
@@ -401,26 +401,23 @@ private Q_SLOTS:
         QFETCH(QString, failure);
         QFETCH(int, code);
         QFETCH(int, requests);
-        const auto is = [&failure](const char* name) {
-            return failure == QLatin1String(name);
-        };
-        auto sources = addSegments({100, is("zero") ? 0 : 100, 100});
+        auto sources = addSegments({100, failure == "zero"_L1 ? 0 : 100, 100});
         auto info = record();
-        if (is("unfinished"))
+        if (failure == "unfinished"_L1)
             planNextChild(sources[1], 50, FakeDownload::Outcome::StopUnfinished);
-        if (is("stored")) {
+        if (failure == "stored"_L1) {
             info.customData.insert(Downloader::CurrentSegmentSourceKey, sources[1].toVariantHash());
             info.customData.insert(Downloader::CurrentSegmentFileKey,
                                    info.files[0].toVariantHash());
         }
-        if (is("factory"))
+        if (failure == "factory"_L1)
             m_factory->setFailure(AbstractError(3, AbstractError::GenericError, {}));
-        if (is("nofile")) {
+        if (failure == "nofile"_L1) {
             info.files.clear();
             sources.clear();
         }
         auto downloader = make(info, sources);
-        if (is("gone"))
+        if (failure == "gone"_L1)
             m_factory.reset();
         run(*downloader);
 
@@ -429,32 +426,25 @@ private Q_SLOTS:
         QVERIFY(!downloader->info().isFinished());
         if (m_factory)
             QCOMPARE(m_factory->requests().size(), requests);
-        if (is("zero"))
+        if (failure == "zero"_L1)
             QCOMPARE(downloader->currentSegmentIndex(), 2);
         // The stored segment is kept for a start with the right sources.
-        if (is("stored"))
+        if (failure == "stored"_L1)
             QCOMPARE(
                 downloader->info().customData.value(Downloader::CurrentSegmentSourceKey).toHash(),
                 sources[1].toVariantHash());
     }
 
     void existingTarget_data() {
-        QTest::addColumn<Reaction>("reaction");
         QTest::addColumn<bool>("interactive");
         QTest::addColumn<QList<Action>>("answers");
         QTest::addColumn<QString>("resultName");
-        QTest::newRow("rename") << Reaction::RenameToUniqueName << false << QList<Action>()
-                                << u"out (1).bin"_s;
-        QTest::newRow("ask, not interactive")
-            << Reaction::Ask << false << QList<Action>() << u"out (1).bin"_s;
-        QTest::newRow("ask, overwrite")
-            << Reaction::Ask << true << QList<Action>{Action::Overwrite} << u"out.bin"_s;
-        QTest::newRow("ask, abort, then rename")
-            << Reaction::Ask << true << QList<Action>{Action::Abort, Action::Rename}
-            << u"out (1).bin"_s;
+        QTest::newRow("not interactive: renamed") << false << QList<Action>() << u"out (1).bin"_s;
+        QTest::newRow("overwrite") << true << QList<Action>{Action::Overwrite} << u"out.bin"_s;
+        QTest::newRow("abort, then rename")
+            << true << QList<Action>{Action::Abort, Action::Rename} << u"out (1).bin"_s;
     }
     void existingTarget() {
-        QFETCH(Reaction, reaction);
         QFETCH(bool, interactive);
         QFETCH(QList<Action>, answers);
         QFETCH(QString, resultName);
@@ -462,7 +452,7 @@ private Q_SLOTS:
         const auto sources = addSegments({2000, 3000});
         QVERIFY(writeFile(target(), "old"));
         auto downloader = make(record(), sources);
-        setReaction(*downloader, reaction, interactive);
+        askAboutExisting(*downloader, interactive);
         QSignalSpy applied(downloader.get(), &AbstractDownload::fileExistsActionApplied);
         connect(downloader.get(), &AbstractDownload::fileExistsActionRequired, this,
                 [&](int fileIndex, const QList<QString>& files) {
@@ -480,7 +470,7 @@ private Q_SLOTS:
         QCOMPARE(applied.size(), answerCount);
         QVERIFY(saved(*downloader, m_dir.filePath(u"dst/"_s + resultName)));
         QCOMPARE(downloader->info().files[0].name, resultName);
-        const bool renamed = resultName != QLatin1String("out.bin");
+        const bool renamed = resultName != "out.bin"_L1;
         if (renamed)
             QCOMPARE(readFile(target()), QByteArray("old"));
         // Nothing is kept aside, and a finished record never fetches again.
@@ -497,22 +487,19 @@ private Q_SLOTS:
     }
     void destroyedInAnyState() {
         QFETCH(QString, state);
-        const auto is = [&state](const char* name) {
-            return state == QLatin1String(name);
-        };
         const auto sources = addSegments({3000, 3000});
-        if (!is("asking"))
+        if (state != "asking"_L1)
             planNextChild(sources[1], 1000, FakeDownload::Outcome::KeepRunning);
         QVERIFY(writeFile(target(), "old"));
         auto downloader = make(record(), sources);
-        setReaction(*downloader, Reaction::Ask, true);
+        askAboutExisting(*downloader, true);
         QSignalSpy asked(downloader.get(), &AbstractDownload::fileExistsActionRequired);
         downloader->doCommand(AbstractDownloadCommand::Start);
-        if (is("asking"))
+        if (state == "asking"_L1)
             QVERIFY(asked.wait(10000));
         else
             QTRY_COMPARE(childDone(), 1000);
-        if (is("stopping")) {
+        if (state == "stopping"_L1) {
             m_factory->lastDownload()->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
             downloader->doCommand(AbstractDownloadCommand::Stop);
             QVERIFY(downloader->isStopping());
@@ -520,7 +507,7 @@ private Q_SLOTS:
         downloader.reset();
         QTRY_COMPARE(m_tracker->monitoredObjectsCount(), 0);
         QCOMPARE(readFile(target()), QByteArray("old"));
-        if (is("asking"))
+        if (state == "asking"_L1)
             QCOMPARE(readFile(temporary()), m_all);
     }
 };
