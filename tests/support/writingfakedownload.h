@@ -60,8 +60,6 @@ protected:
             tracker->registerObject(writer, "FileDataAsyncWriter");
         connect(writer, &AbstractDataAsyncProcessor::dataProcessed, this,
                 &WritingFakeDownload::onDataProcessed);
-        connect(writer, &AbstractDataAsyncProcessor::failed, this,
-                &WritingFakeDownload::onWriterFailed);
         m_writer = writer;
         const QString target = file.tmpPath.isEmpty()
                                    ? QDir(info().destinationPath).filePath(file.name)
@@ -95,12 +93,6 @@ private:
         receive(size);
         if (info().files.constFirst().downloadedBytes() >= outcomeLimit())
             reachOutcome();
-    }
-    void onWriterFailed() {
-        const AbstractError error = m_writer ? m_writer->lastError() : AbstractError();
-        releaseWriter();
-        if (isRunning())
-            fail(error);
     }
     void reachOutcome() {
         if (m_plan.outcome == Outcome::KeepRunning)
