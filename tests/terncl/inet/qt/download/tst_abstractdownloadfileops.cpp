@@ -106,29 +106,6 @@ private Q_SLOTS:
         QTRY_VERIFY(!m_ops);
     }
 
-    // Which operations a record needs; what they do on disk is checked below.
-    void computesOperationsFromTheRecordOnly() {
-        AbstractDownloadPersistentInfo info;
-        info.destinationPath = u"/dst"_s;
-        info.files = {fileRecord(u"a.bin"_s, 10, u"/tmp/a.part"_s), fileRecord(u"dir/b.bin"_s, 10),
-                      fileRecord(u"dir/c.bin"_s, 10), fileRecord(u"d.bin"_s, 0, u"/tmp/d.part"_s),
-                      fileRecord(u"e.bin"_s, 0)};
-        info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
-        // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
-        const auto ops = [&info](bool finished) {
-            QStringList list;
-            for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, info, finished))
-                list << u"%1 %2"_s.arg(int(op.kind)).arg(op.targetPath);
-            return list.join(QLatin1Char(','));
-        };
-        // b is already at its final name; empty files never written are created in place.
-        QCOMPARE(ops(true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
-                                           "1 /dst/d.bin,1 /dst/e.bin"));
-        QCOMPARE(ops(false), u"3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"_s);
-        info.destinationPath.clear();
-        QVERIFY(ops(true).isEmpty());
-    }
-
     // a.bin moves first, then b.bin's move fails or its question is never answered: the first
     // file goes back and the overwritten one returns.
     void failureOrDestructionUndoesEverything() {
@@ -164,41 +141,61 @@ private Q_SLOTS:
         QCOMPARE(read("sub/b.bin"), QByteArray("old b"));
     }
 
-    // Unfinished: a file not created yet is created without losing what its temporary path
-    // holds and a deselected one goes aside. Finished and selected again, both move to their
-    // final names (folders created) on the writers thread; then nothing is left to do.
+    // Which operations a record needs, and what they do on disk. Unfinished: a file not created
+    // yet is created without losing what its temporary path holds, an empty one never written
+    // is created in place and a deselected one goes aside. Finished and selected again, the files
+    // move to their final names (folders created) on the writers thread; then nothing is left.
     void filesFromCreationToTheirFinalNames() {
         AbstractDownloadPersistentInfo info;
-        info.destinationPath = m_dir.path();
-        info.files = {fileRecord(u"new/x.bin"_s, 0, path("t/x.part")),
-                      fileRecord(u"album/y.bin"_s, 2)};
-        info.files[1].priority = AbstractDownloadFileInfo::NotSelected;
-        QVERIFY(writeFile(path("t/x.part"), "kept"));
-        QVERIFY(writeFile(path("album/y.bin"), "yy"));
-        auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
-        QCOMPARE(result.count, 2);
-        QCOMPARE(read("t/x.part"), QByteArray("kept"));
-        QCOMPARE(read("album/.unwanted/y.bin"), QByteArray("yy"));
-        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
-        QVERIFY(info.files[0].testFlag(AbstractDownloadFileInfo::Created));
-        QCOMPARE(info.files[1].tmpPath, path("album/.unwanted/y.bin"));
-        QCOMPARE(info.files[1].name, u"album/y.bin"_s);
+        info.destinationPath = path("dst");
+        info.files = {fileRecord(u"a.bin"_s, 10, path("tmp/a.part")),
+                      fileRecord(u"dir/b.bin"_s, 10), fileRecord(u"dir/c.bin"_s, 10),
+                      fileRecord(u"new/d.bin"_s, 0, path("tmp/d.part")), fileRecord(u"e.bin"_s, 0)};
+        info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
+        for (const char* name : {"tmp/a.part", "dst/dir/b.bin", "dst/dir/c.bin", "tmp/d.part"})
+            QVERIFY(writeFile(path(name), name));
+        // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
+        const auto ops = [&](const AbstractDownloadPersistentInfo& record, bool finished) {
+            QStringList list;
+            for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, record, finished))
+                list << u"%1 %2"_s.arg(int(op.kind)).arg(op.targetPath.mid(m_dir.path().size()));
+            return list.join(QLatin1Char(','));
+        };
+        // b is already at its final name; empty files never written are created in place.
+        QCOMPARE(ops(info, true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
+                                                 "1 /dst/new/d.bin,1 /dst/e.bin"));
+        QCOMPARE(ops(info, false), u"3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"_s);
+        auto nowhere = info;
+        nowhere.destinationPath.clear();
+        QVERIFY(ops(nowhere, true).isEmpty());
 
-        info.files[0].size = 4;
-        info.files[0].sections = {{0, 4, 4}};
-        info.files[1].priority = AbstractDownloadFileInfo::NormalPriority;
+        auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
+        QCOMPARE(result.count, 3);
+        QCOMPARE(read("tmp/d.part"), QByteArray("tmp/d.part"));
+        QCOMPARE(read("dst/dir/.unwanted/c.bin"), QByteArray("dst/dir/c.bin"));
+        QCOMPARE(read("dst/e.bin"), QByteArray());
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 3, info));
+        QVERIFY(info.files[3].testFlag(AbstractDownloadFileInfo::Created));
+        QCOMPARE(info.files[2].tmpPath, path("dst/dir/.unwanted/c.bin"));
+        QCOMPARE(info.files[2].name, u"dir/c.bin"_s);
+
+        info.files[3].size = 10;
+        info.files[3].sections = {{0, 10, 10}};
+        info.files[2].priority = AbstractDownloadFileInfo::NormalPriority;
         info.state = AbstractDownloadPersistentInfo::Finished;
         result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
         QCOMPARE(result.thread, &m_writers);
-        QCOMPARE(result.count, 2);
+        QCOMPARE(result.count, 3);
         QVERIFY(!result.error.isSet());
-        QCOMPARE(read("new/x.bin"), QByteArray("kept"));
-        QCOMPARE(read("album/y.bin"), QByteArray("yy"));
-        QVERIFY(!QFile::exists(path("t/x.part")));
-        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
+        QCOMPARE(read("dst/a.bin"), QByteArray("tmp/a.part"));
+        QCOMPARE(read("dst/dir/c.bin"), QByteArray("dst/dir/c.bin"));
+        QCOMPARE(read("dst/new/d.bin"), QByteArray("tmp/d.part"));
+        QVERIFY(!QFile::exists(path("tmp/d.part")));
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 3, info));
         for (const auto& file : std::as_const(info.files)) {
             QVERIFY(file.tmpPath.isEmpty());
-            QVERIFY(file.testFlag(AbstractDownloadFileInfo::Initialized));
+            QVERIFY(file.testFlag(AbstractDownloadFileInfo::Initialized) ||
+                    file.name == "dir/b.bin"_L1);
         }
         QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
     }
