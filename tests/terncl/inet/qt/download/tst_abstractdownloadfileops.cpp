@@ -200,9 +200,9 @@ private Q_SLOTS:
         QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
     }
 
-    // Without a merger a self-merge ends at once; the standard operation runs one at a time.
-    // Inside an outer files operation, only the outer edges are signalled.
-    void companionOperationsInsideAnOuterOne() {
+    // Without a merger a self-merge ends at once; inside an outer files operation only the outer
+    // edges are signalled. The standard operation runs one at a time, with edges of its own.
+    void companionOperations() {
         auto info = finishedRecord(u"v.m4s"_s, "data");
         Companion companion(&m_download, info, m_settings, {});
         companion.setWritersThread(&m_writers);
@@ -218,6 +218,11 @@ private Q_SLOTS:
         QCOMPARE(finished[0][1].value<AbstractError>().category,
                  std::string(AbstractError::GenericError));
         QCOMPARE(info.files[0].name, u"v.m4s"_s);
+        QCOMPARE(QList<QVariantList>(performing), QList<QVariantList>{{true}});
+        QVERIFY(companion.isPerformingFilesOps());
+        companion.finishPerformFilesOperations();
+        companion.finishPerformFilesOperations(); // unbalanced: ignored
+        QCOMPARE(QList<QVariantList>(performing), (QList<QVariantList>{{true}, {false}}));
 
         QVERIFY(companion.isStandardOpRequired());
         companion.performRequiredStandardOp();
@@ -232,12 +237,8 @@ private Q_SLOTS:
         QVERIFY(info.files[0].tmpPath.isEmpty());
         QVERIFY(!companion.isStandardOpRequired());
         QVERIFY(!companion.isPerformingOperation());
-
-        QCOMPARE(QList<QVariantList>(performing), QList<QVariantList>{{true}});
-        QVERIFY(companion.isPerformingFilesOps());
-        companion.finishPerformFilesOperations();
-        companion.finishPerformFilesOperations(); // unbalanced: ignored
-        QCOMPARE(QList<QVariantList>(performing), (QList<QVariantList>{{true}, {false}}));
+        QCOMPARE(QList<QVariantList>(performing),
+                 (QList<QVariantList>{{true}, {false}, {true}, {false}}));
         QVERIFY(!companion.isPerformingFilesOps());
     }
 
