@@ -52,13 +52,6 @@ FakePtr activeItem(qint64 id, qint64 downSpeed, qint64 upSpeed = 0) {
     return item;
 }
 
-QStringList events(std::initializer_list<const char*> texts) {
-    QStringList list;
-    for (const char* text : texts)
-        list.append(QString::fromLatin1(text));
-    return list;
-}
-
 using limits = NetworkUsageSettings;
 
 QtConnectionsMap mapOf(std::initializer_list<std::pair<QtHostAndPort, int>> entries) {
@@ -90,8 +83,8 @@ private Q_SLOTS:
         const FakePtr duplicate = FakePtr::create(3);
         pack.addItem(duplicate);
         pack.addItems({FakePtr::create(9), duplicate, FakePtr::create(9)});
-        QCOMPARE(recorder.events(),
-                 events({"added([3])", "added([1])", "added([7,2,5])", "added([9])"}));
+        QCOMPARE(recorder.events().join(u"; "),
+                 u"added([3]); added([1]); added([7,2,5]); added([9])"_s);
         QCOMPARE(pack.itemsIds(), QList<qint64>({1, 2, 3, 5, 7, 9}));
         QCOMPARE(three->networkSettings(), settings);
         QCOMPARE(duplicate->networkSettings(), AbstractNetworkConsumerSettings());
@@ -243,8 +236,8 @@ private Q_SLOTS:
 
         // Several running items start the pack once.
         pack.addItems({third, idle, second});
-        QCOMPARE(recorder.events(), events({"added([3,1,2])", "running(true)",
-                                            "itemRunning(3, true)", "itemRunning(2, true)"}));
+        QCOMPARE(recorder.events().join(u"; "),
+                 u"added([3,1,2]); running(true); itemRunning(3, true); itemRunning(2, true)"_s);
         QCOMPARE(pack.itemsIds(), QList<qint64>({1, 2, 3}));
 
         // An item whose id is taken is neither added nor tracked.
@@ -254,7 +247,7 @@ private Q_SLOTS:
         pack.addItems({impostor});
         impostor->setRunningState(false);
         impostor->setRunningState(true);
-        QCOMPARE(recorder.events(), events({"added([])"}));
+        QCOMPARE(recorder.events().join(u"; "), u"added([])"_s);
         QCOMPARE(pack.runningItemsIds(), QSet<qint64>({2, 3}));
 
         // The pack stops with the last running item.
@@ -264,9 +257,9 @@ private Q_SLOTS:
         third->setRunningState(false);
         second->setRunningState(false);
         idle->setRunningState(false);
-        QCOMPARE(recorder.events(),
-                 events({"itemRunning(1, true)", "itemRunning(3, false)", "itemRunning(2, false)",
-                         "itemRunning(1, false)", "running(false)"}));
+        QCOMPARE(recorder.events().join(u"; "),
+                 u"itemRunning(1, true); itemRunning(3, false); itemRunning(2, false); "
+                 u"itemRunning(1, false); running(false)"_s);
 
         // Removing running items ends their runs, and the pack's after the last one.
         recorder.clear();
@@ -275,11 +268,10 @@ private Q_SLOTS:
         pack.removeItem(2);
         pack.removeItem(9);
         pack.removeItems({1, 3, 9});
-        QCOMPARE(
-            recorder.events(),
-            events({"running(true)", "itemRunning(2, true)", "itemRunning(3, true)", "before([2])",
-                    "removed([2])", "itemRunning(2, false)", "before([9])", "before([1,3,9])",
-                    "removed([1,3,9])", "itemRunning(3, false)", "running(false)"}));
+        QCOMPARE(recorder.events().join(u"; "),
+                 u"running(true); itemRunning(2, true); itemRunning(3, true); before([2]); "
+                 u"removed([2]); itemRunning(2, false); before([9]); before([1,3,9]); "
+                 u"removed([1,3,9]); itemRunning(3, false); running(false)"_s);
         QVERIFY(pack.empty());
         QVERIFY(!pack.isRunning());
 
