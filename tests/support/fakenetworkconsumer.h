@@ -3,14 +3,14 @@
 #include <terncl/inet/qt/download/abstractnetworkconsumerwithextratasks.h>
 
 // A network consumer whose state a test sets directly: connections (announced as deltas),
-// speeds, the last error and the running flag.
+// speeds, the last error and the running flag (which it may start with).
 class FakeNetworkConsumer : public AbstractNetworkConsumerWithExtraTasks {
     Q_OBJECT
 
 public:
-    explicit FakeNetworkConsumer(qint64 id, QObject* parent = nullptr)
-        : AbstractNetworkConsumerWithExtraTasks(parent)
-        , m_id(id) {}
+    explicit FakeNetworkConsumer(qint64 id, bool running = false)
+        : m_id(id)
+        , m_running(running) {}
 
     qint64 id() const override { return m_id; }
     void setNetworkSettings(const AbstractNetworkConsumerSettings& settings) override {

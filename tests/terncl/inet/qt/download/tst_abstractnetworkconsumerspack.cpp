@@ -34,12 +34,6 @@ public:
     qint64 id() const override { return 500; }
 };
 
-FakePtr runningItem(qint64 id) {
-    auto item = FakePtr::create(id);
-    item->setRunningState(true);
-    return item;
-}
-
 const QtHostAndPort https{u"host"_s, 443};
 const QtHostAndPort http{u"host"_s, 80};
 
@@ -231,8 +225,8 @@ private Q_SLOTS:
         recorder.record<AbstractNetworkConsumerWithExtraTasks>(
             &pack, &AbstractNetworkConsumerWithExtraTasks::running, u"running"_s);
         const FakePtr idle = FakePtr::create(1);
-        const FakePtr second = runningItem(2);
-        const FakePtr third = runningItem(3);
+        const FakePtr second = FakePtr::create(2, true);
+        const FakePtr third = FakePtr::create(3, true);
 
         // Several running items start the pack once.
         pack.addItems({third, idle, second});
@@ -242,7 +236,7 @@ private Q_SLOTS:
 
         // An item whose id is taken is neither added nor tracked.
         recorder.clear();
-        const FakePtr impostor = runningItem(1);
+        const FakePtr impostor = FakePtr::create(1, true);
         pack.addItem(impostor);
         pack.addItems({impostor});
         impostor->setRunningState(false);
