@@ -42,7 +42,6 @@ private:
     QPointer<AbstractDownloadFileOps> m_ops;
     FakeDownload m_download;
     AbstractDownloadSettings m_settings;
-    QByteArray m_fmp4; // a whole fragmented MP4 stream, segments back to back
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
     QString path(const char* name) const { return path(QString::fromUtf8(name)); }
@@ -81,15 +80,7 @@ private:
     }
 
 private Q_SLOTS:
-    void initTestCase() {
-        m_writers.start();
-        if (FfmpegTestMedia::ffmpeg().isEmpty())
-            return;
-        QString error;
-        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 2, 1, true, &error), qPrintable(error));
-        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
-            m_fmp4 += readFile(file);
-    }
+    void initTestCase() { m_writers.start(); }
     void cleanupTestCase() {
         m_writers.quit();
         m_writers.wait();
@@ -245,10 +236,15 @@ private Q_SLOTS:
     // A self-merge that fails or is aborted leaves the file as it was. (The downloader's test
     // remuxes real segments through a companion.)
     void selfMergeFailsOrIsAborted() {
-        if (m_fmp4.isEmpty())
+        if (FfmpegTestMedia::ffmpeg().isEmpty())
             QSKIP("ffmpeg is not installed");
+        QString error;
+        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 2, 1, true, &error), qPrintable(error));
+        QByteArray fmp4; // a whole fragmented MP4 stream, segments back to back
+        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
+            fmp4 += readFile(file);
         for (const bool abort : {false, true}) { // not media, or aborted
-            const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
+            const QByteArray content = abort ? fmp4 : QByteArray(5000, 'x');
             auto info = finishedRecord(u"Clip.M4S"_s, content);
             const auto merger =
                 QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
