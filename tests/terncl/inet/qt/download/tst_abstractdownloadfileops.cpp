@@ -43,8 +43,7 @@ private:
     FakeDownload m_download;
     AbstractDownloadSettings m_settings;
 
-    QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString path(const char* name) const { return path(QString::fromUtf8(name)); }
+    QString path(const char* name) const { return m_dir.filePath(QString::fromUtf8(name)); }
     QByteArray read(const char* name) const { return readFile(path(name)); }
 
     // A finished record whose file "name" waits at its temporary path with content.
@@ -52,7 +51,7 @@ private:
         AbstractDownloadPersistentInfo info;
         info.destinationPath = m_dir.path();
         info.state = AbstractDownloadPersistentInfo::Finished;
-        info.files = {fileRecord(name, content.size(), path(u"tmp/"_s + name))};
+        info.files = {fileRecord(name, content.size(), m_dir.filePath(u"tmp/"_s + name))};
         writeFile(info.files.first().tmpPath, content);
         return info;
     }
