@@ -2,22 +2,22 @@
 
 #include "fakedownload.h"
 
+#include <terncl/core/qtqobjectstracker.h>
+#include <terncl/data/qt/filedataasyncwriter.h>
+
 #include <QByteArray>
+#include <QDir>
 #include <QPointer>
+#include <QTimer>
 
-class FileDataAsyncWriter;
-
-// A child download for segment downloaders that really writes its bytes. It is given the whole
-// content of its segment; on Start it writes what its record does not count as done yet (all of
-// it without resume support) in chunks of 1000 bytes through a FileDataAsyncWriter on the
-// writers thread it was handed, at its file's writeOffset, without truncating. A byte counts as
-// done only once the writer has flushed it, so the record never claims more than the file holds.
-// When the planned number of bytes is done, the planned outcome happens. Every writer is
-// registered with the objects tracker as "FileDataAsyncWriter".
-//
-// Follows the contract of the segments downloader's children: the target is the file record's
-// tmpPath, or destinationPath + "/" + name; a record without a file name is named
-// "segments.bin".
+// A child download for segment downloaders that really writes its bytes. Given its segment's
+// whole content, on Start it writes what its record does not count as done yet (all of it
+// without resume support) in 1000-byte chunks through a FileDataAsyncWriter on its writers
+// thread, at the file's writeOffset, without truncating. A byte counts as done only once
+// flushed, so the record never claims more than the file holds; once the planned number of
+// bytes is done, the planned outcome happens. Writers are registered with the objects tracker
+// as "FileDataAsyncWriter". Like the real children it writes at the record's tmpPath, else at
+// destinationPath + "/" + name, and names a record without a file name "segments.bin".
 class WritingFakeDownload : public FakeDownload {
     Q_OBJECT
 
@@ -31,20 +31,88 @@ public:
         bool resumeSupported = true;
     };
 
-    WritingFakeDownload(qint64 id, const Plan& plan, QObject* parent = nullptr);
-    ~WritingFakeDownload() override;
+    WritingFakeDownload(qint64 id, const Plan& plan, QObject* parent = nullptr)
+        : FakeDownload(id, parent)
+        , m_plan(plan) {}
+    ~WritingFakeDownload() override { releaseWriter(); }
 
 protected:
-    void onStartCommand() override;
-    void onStopCommand() override;
+    void onStartCommand() override {
+        if (isRunning() || info().isFinished())
+            return;
+        startRunning();
+        auto& file = ensureFile(0);
+        if (file.name.isEmpty())
+            file.name = QStringLiteral("segments.bin");
+        qint64 done = file.downloadedBytes();
+        if (!m_plan.resumeSupported || done > m_plan.content.size()) {
+            file.sections.clear();
+            done = 0;
+        }
+        file.resumeSupport = m_plan.resumeSupported ? AbstractDownloadFileInfo::ResumeSupported
+                                                    : AbstractDownloadFileInfo::ResumeNotSupported;
+        setFileSize(m_plan.content.size());
+
+        auto* writer = new FileDataAsyncWriter();
+        if (writersThread())
+            writer->moveToThread(writersThread());
+        if (const auto tracker = QtQObjectsTracker::instance())
+            tracker->registerObject(writer, "FileDataAsyncWriter");
+        connect(writer, &AbstractDataAsyncProcessor::dataProcessed, this,
+                &WritingFakeDownload::onDataProcessed);
+        m_writer = writer;
+        const QString target = file.tmpPath.isEmpty()
+                                   ? QDir(info().destinationPath).filePath(file.name)
+                                   : file.tmpPath;
+        writer->open(target, file.writeOffset + done);
+        const qint64 limit = outcomeLimit();
+        constexpr qint64 chunkSize = 1000;
+        for (qint64 offset = done; offset < limit; offset += chunkSize)
+            writer->processData(m_plan.content.mid(offset, qMin(chunkSize, limit - offset)));
+        if (done >= limit) {
+            // Nothing to write: the outcome follows in the next turn, as after a network answer.
+            QTimer::singleShot(0, this, [this] {
+                if (isRunning() && !isStopping())
+                    reachOutcome();
+            });
+        }
+    }
+    void onStopCommand() override {
+        releaseWriter();
+        FakeDownload::onStopCommand();
+    }
 
 private:
-    QString targetPath() const;
-    qint64 outcomeLimit() const;
-    void onDataProcessed(qint64 size);
-    void onWriterFailed();
-    void reachOutcome();
-    void releaseWriter();
+    qint64 outcomeLimit() const {
+        const qint64 size = m_plan.content.size();
+        return m_plan.outcomeAfter < 0 ? size : qMin(m_plan.outcomeAfter, size);
+    }
+    void onDataProcessed(qint64 size) {
+        if (!isRunning() || isStopping())
+            return;
+        receive(size);
+        if (info().files.constFirst().downloadedBytes() >= outcomeLimit())
+            reachOutcome();
+    }
+    void reachOutcome() {
+        if (m_plan.outcome == Outcome::KeepRunning)
+            return;
+        releaseWriter();
+        if (m_plan.outcome == Outcome::Finish)
+            finish();
+        else if (m_plan.outcome == Outcome::Fail)
+            fail(m_plan.error);
+        else
+            stopUnfinished();
+    }
+    void releaseWriter() {
+        if (!m_writer)
+            return;
+        m_writer->disconnect(this);
+        m_writer->close();
+        m_writer->deleteLater();
+        m_writer = nullptr;
+    }
 
     Plan m_plan;
     QPointer<FileDataAsyncWriter> m_writer;

@@ -42,10 +42,8 @@ private:
     QPointer<AbstractDownloadFileOps> m_ops;
     FakeDownload m_download;
     AbstractDownloadSettings m_settings;
-    QByteArray m_fmp4; // a whole fragmented MP4 stream, segments back to back
 
-    QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString path(const char* name) const { return path(QString::fromUtf8(name)); }
+    QString path(const char* name) const { return m_dir.filePath(QString::fromUtf8(name)); }
     QByteArray read(const char* name) const { return readFile(path(name)); }
 
     // A finished record whose file "name" waits at its temporary path with content.
@@ -53,14 +51,9 @@ private:
         AbstractDownloadPersistentInfo info;
         info.destinationPath = m_dir.path();
         info.state = AbstractDownloadPersistentInfo::Finished;
-        info.files = {fileRecord(name, content.size(), path(u"tmp/"_s + name))};
+        info.files = {fileRecord(name, content.size(), m_dir.filePath(u"tmp/"_s + name))};
         writeFile(info.files.first().tmpPath, content);
         return info;
-    }
-
-    QSharedPointer<QtFfmpegAvMerger> makeMerger() const {
-        return QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
-            QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr));
     }
 
     struct Result {
@@ -86,15 +79,7 @@ private:
     }
 
 private Q_SLOTS:
-    void initTestCase() {
-        m_writers.start();
-        if (FfmpegTestMedia::ffmpeg().isEmpty())
-            return;
-        QString error;
-        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 2, 1, true, &error), qPrintable(error));
-        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
-            m_fmp4 += readFile(file);
-    }
+    void initTestCase() { m_writers.start(); }
     void cleanupTestCase() {
         m_writers.quit();
         m_writers.wait();
@@ -111,33 +96,11 @@ private Q_SLOTS:
         QTRY_VERIFY(!m_ops);
     }
 
-    // Which operations a record needs; what they do on disk is checked below.
-    void computesOperationsFromTheRecordOnly() {
-        AbstractDownloadPersistentInfo info;
-        info.destinationPath = u"/dst"_s;
-        info.files = {fileRecord(u"a.bin"_s, 10, u"/tmp/a.part"_s), fileRecord(u"dir/b.bin"_s, 10),
-                      fileRecord(u"dir/c.bin"_s, 10), fileRecord(u"d.bin"_s, 0, u"/tmp/d.part"_s),
-                      fileRecord(u"e.bin"_s, 0)};
-        info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
-        // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
-        const auto ops = [&info](bool finished) {
-            QStringList list;
-            for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, info, finished))
-                list << u"%1 %2"_s.arg(int(op.kind)).arg(op.targetPath);
-            return list.join(QLatin1Char(','));
-        };
-        // b is already at its final name; empty files never written are created in place.
-        QCOMPARE(ops(true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
-                                           "1 /dst/d.bin,1 /dst/e.bin"));
-        QCOMPARE(ops(false), u"3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"_s);
-        info.destinationPath.clear();
-        QVERIFY(ops(true).isEmpty());
-    }
-
-    // The second move fails: the first file goes back and the overwritten one returns.
-    void failureUndoesEverything() {
+    // a.bin moves first, then b.bin's move fails or its question is never answered: the first
+    // file goes back and the overwritten one returns.
+    void failureOrDestructionUndoesEverything() {
         auto info = finishedRecord(u"a.bin"_s, "new a");
-        info.files.append(fileRecord(u"b.bin"_s, 5, path("tmp/b.bin")));
+        info.files.append(fileRecord(u"sub/b.bin"_s, 5, path("tmp/b")));
         QVERIFY(writeFile(path("a.bin"), "old a"));
         m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Overwrite);
         const auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
@@ -147,53 +110,10 @@ private Q_SLOTS:
         QCOMPARE(read("tmp/a.bin"), QByteArray("new a"));
         QCOMPARE(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"a.bin"_s});
         QVERIFY(!AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 0, info));
-    }
 
-    // Unfinished: a file not created yet is created without losing what its temporary path
-    // holds and a deselected one goes aside. Finished and selected again, both move to their
-    // final names (folders created) on the writers thread; then nothing is left to do.
-    void filesFromCreationToTheirFinalNames() {
-        AbstractDownloadPersistentInfo info;
-        info.destinationPath = m_dir.path();
-        info.files = {fileRecord(u"new/x.bin"_s, 0, path("t/x.part")),
-                      fileRecord(u"album/y.bin"_s, 2)};
-        info.files[1].priority = AbstractDownloadFileInfo::NotSelected;
-        QVERIFY(writeFile(path("t/x.part"), "kept"));
-        QVERIFY(writeFile(path("album/y.bin"), "yy"));
-        auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
-        QCOMPARE(result.count, 2);
-        QCOMPARE(read("t/x.part"), QByteArray("kept"));
-        QCOMPARE(read("album/.unwanted/y.bin"), QByteArray("yy"));
-        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
-        QVERIFY(info.files[0].testFlag(AbstractDownloadFileInfo::Created));
-        QCOMPARE(info.files[1].tmpPath, path("album/.unwanted/y.bin"));
-        QCOMPARE(info.files[1].name, u"album/y.bin"_s);
-
-        info.files[0].size = 4;
-        info.files[0].sections = {{0, 4, 4}};
-        info.files[1].priority = AbstractDownloadFileInfo::NormalPriority;
-        info.state = AbstractDownloadPersistentInfo::Finished;
-        result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
-        QCOMPARE(result.thread, &m_writers);
-        QCOMPARE(result.count, 2);
-        QVERIFY(!result.error.isSet());
-        QCOMPARE(read("new/x.bin"), QByteArray("kept"));
-        QCOMPARE(read("album/y.bin"), QByteArray("yy"));
-        QVERIFY(!QFile::exists(path("t/x.part")));
-        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 2, info));
-        for (const auto& file : std::as_const(info.files)) {
-            QVERIFY(file.tmpPath.isEmpty());
-            QVERIFY(file.testFlag(AbstractDownloadFileInfo::Initialized));
-        }
-        QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
-    }
-
-    void destroyedWhileAskingUndoes() {
-        auto info = finishedRecord(u"a.bin"_s, "new a");
-        info.files.append(fileRecord(u"sub/b.bin"_s, 5, path("tmp/b")));
+        QVERIFY(QFile::remove(path("a.bin")));
         QVERIFY(writeFile(info.files[1].tmpPath, "new b"));
         QVERIFY(writeFile(path("sub/b.bin"), "old b"));
-        // a.bin moves first; b.bin's question is never answered.
         m_ops->setExistingFileReaction(AbstractDownloadExistingFileReaction::Ask);
         bool asked = false;
         connect(m_ops, &AbstractDownloadFileOps::fileExistsActionRequired, this,
@@ -211,33 +131,73 @@ private Q_SLOTS:
         QCOMPARE(read("sub/b.bin"), QByteArray("old b"));
     }
 
-    void standardOperationRunsOneAtATime() {
-        auto info = finishedRecord(u"a.bin"_s, "new");
+    // Which operations a record needs, and what they do on disk. Unfinished: a file not created
+    // yet is created without losing what its temporary path holds, an empty one never written
+    // is created in place and a deselected one goes aside. Finished and selected again, the files
+    // move to their final names (folders created) on the writers thread; then nothing is left.
+    void filesFromCreationToTheirFinalNames() {
+        AbstractDownloadPersistentInfo info;
+        info.destinationPath = path("dst");
+        info.files = {fileRecord(u"a.bin"_s, 10, path("tmp/a.part")),
+                      fileRecord(u"dir/b.bin"_s, 10), fileRecord(u"dir/c.bin"_s, 10),
+                      fileRecord(u"new/d.bin"_s, 0, path("tmp/d.part")), fileRecord(u"e.bin"_s, 0)};
+        info.files[2].priority = AbstractDownloadFileInfo::NotSelected;
+        for (const char* name : {"tmp/a.part", "dst/dir/b.bin", "dst/dir/c.bin", "tmp/d.part"})
+            QVERIFY(writeFile(path(name), name));
+        // Kinds: 0 create temporary, 1 create final, 2 move to final, 3 move to unwanted.
+        const auto ops = [&](const AbstractDownloadPersistentInfo& record, bool finished) {
+            QStringList list;
+            for (const auto& op : AbstractDownloadFileOps::calcFilesInitOps({}, record, finished))
+                list << u"%1 %2"_s.arg(int(op.kind)).arg(op.targetPath.mid(m_dir.path().size()));
+            return list.join(QLatin1Char(','));
+        };
+        // b is already at its final name; empty files never written are created in place.
+        QCOMPARE(ops(info, true), QStringLiteral("2 /dst/a.bin,3 /dst/dir/.unwanted/c.bin,"
+                                                 "1 /dst/new/d.bin,1 /dst/e.bin"));
+        QCOMPARE(ops(info, false), u"3 /dst/dir/.unwanted/c.bin,0 /tmp/d.part,1 /dst/e.bin"_s);
+        auto nowhere = info;
+        nowhere.destinationPath.clear();
+        QVERIFY(ops(nowhere, true).isEmpty());
+
+        auto result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, false));
+        QCOMPARE(result.count, 3);
+        QCOMPARE(read("tmp/d.part"), QByteArray("tmp/d.part"));
+        QCOMPARE(read("dst/dir/.unwanted/c.bin"), QByteArray("dst/dir/c.bin"));
+        QCOMPARE(read("dst/e.bin"), QByteArray());
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 3, info));
+        QVERIFY(info.files[3].testFlag(AbstractDownloadFileInfo::Created));
+        QCOMPARE(info.files[2].tmpPath, path("dst/dir/.unwanted/c.bin"));
+        QCOMPARE(info.files[2].name, u"dir/c.bin"_s);
+
+        info.files[3].size = 10;
+        info.files[3].sections = {{0, 10, 10}};
+        info.files[2].priority = AbstractDownloadFileInfo::NormalPriority;
+        info.state = AbstractDownloadPersistentInfo::Finished;
+        result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
+        QCOMPARE(result.thread, &m_writers);
+        QCOMPARE(result.count, 3);
+        QVERIFY(!result.error.isSet());
+        QCOMPARE(read("dst/a.bin"), QByteArray("tmp/a.part"));
+        QCOMPARE(read("dst/dir/c.bin"), QByteArray("dst/dir/c.bin"));
+        QCOMPARE(read("dst/new/d.bin"), QByteArray("tmp/d.part"));
+        QVERIFY(!QFile::exists(path("tmp/d.part")));
+        QVERIFY(AbstractDownloadFileOps::applyFilesInitOpsFinished(result.ops, 3, info));
+        for (const auto& file : std::as_const(info.files)) {
+            QVERIFY(file.tmpPath.isEmpty());
+            QVERIFY(file.testFlag(AbstractDownloadFileInfo::Initialized) ||
+                    file.name == "dir/b.bin"_L1);
+        }
+        QVERIFY(AbstractDownloadFileOps::calcFilesInitOps({}, info, true).isEmpty());
+    }
+
+    // Without a merger a self-merge ends at once; inside an outer files operation only the outer
+    // edges are signalled. The standard operation runs one at a time, with edges of its own.
+    void companionOperations() {
+        auto info = finishedRecord(u"v.m4s"_s, "data");
         Companion companion(&m_download, info, m_settings, {});
         companion.setWritersThread(&m_writers);
         QSignalSpy finished(&companion, &Companion::operationFinished);
         QSignalSpy changed(&companion, &Companion::changed);
-        QVERIFY(companion.isStandardOpRequired());
-        companion.performRequiredStandardOp();
-        companion.performRequiredStandardOp(); // ignored: one is running
-        QCOMPARE(companion.operation(), Companion::StandardOperation);
-        QVERIFY(finished.wait(10000));
-        QTest::qWait(0);
-
-        QCOMPARE(finished.size(), 1);
-        QVERIFY(!finished[0][1].value<AbstractError>().isSet());
-        QCOMPARE(changed.size(), 1); // the record is stored again
-        QCOMPARE(read("a.bin"), QByteArray("new"));
-        QVERIFY(info.files[0].tmpPath.isEmpty());
-        QVERIFY(!companion.isStandardOpRequired());
-        QVERIFY(!companion.isPerformingOperation());
-    }
-
-    // Inside an outer files operation, only the outer edges are signalled.
-    void selfMergeWithoutMergerEndsAtOnce() {
-        auto info = finishedRecord(u"v.m4s"_s, "data");
-        Companion companion(&m_download, info, m_settings, {});
-        QSignalSpy finished(&companion, &Companion::operationFinished);
         QSignalSpy performing(&companion, &Companion::performingFilesOperations);
         companion.beginPerformFilesOperations();
         companion.performSelfMerge();
@@ -253,18 +213,41 @@ private Q_SLOTS:
         companion.finishPerformFilesOperations();
         companion.finishPerformFilesOperations(); // unbalanced: ignored
         QCOMPARE(QList<QVariantList>(performing), (QList<QVariantList>{{true}, {false}}));
+
+        QVERIFY(companion.isStandardOpRequired());
+        companion.performRequiredStandardOp();
+        companion.performRequiredStandardOp(); // ignored: one is running
+        QCOMPARE(companion.operation(), Companion::StandardOperation);
+        QVERIFY(finished.wait(10000));
+        QTest::qWait(0);
+        QCOMPARE(finished.size(), 2);
+        QVERIFY(!finished[1][1].value<AbstractError>().isSet());
+        QCOMPARE(changed.size(), 1); // the record is stored again
+        QCOMPARE(read("v.m4s"), QByteArray("data"));
+        QVERIFY(info.files[0].tmpPath.isEmpty());
+        QVERIFY(!companion.isStandardOpRequired());
+        QVERIFY(!companion.isPerformingOperation());
+        QCOMPARE(QList<QVariantList>(performing),
+                 (QList<QVariantList>{{true}, {false}, {true}, {false}}));
         QVERIFY(!companion.isPerformingFilesOps());
     }
 
     // A self-merge that fails or is aborted leaves the file as it was. (The downloader's test
     // remuxes real segments through a companion.)
     void selfMergeFailsOrIsAborted() {
-        if (m_fmp4.isEmpty())
+        if (FfmpegTestMedia::ffmpeg().isEmpty())
             QSKIP("ffmpeg is not installed");
+        QString error;
+        QVERIFY2(FfmpegTestMedia::makeHls(path("hls"), 2, 1, true, &error), qPrintable(error));
+        QByteArray fmp4; // a whole fragmented MP4 stream, segments back to back
+        for (const auto& file : FfmpegTestMedia::segmentFiles(path("hls/index.m3u8")))
+            fmp4 += readFile(file);
         for (const bool abort : {false, true}) { // not media, or aborted
-            const QByteArray content = abort ? m_fmp4 : QByteArray(5000, 'x');
+            const QByteArray content = abort ? fmp4 : QByteArray(5000, 'x');
             auto info = finishedRecord(u"Clip.M4S"_s, content);
-            const auto merger = makeMerger();
+            const auto merger =
+                QSharedPointer<QtFfmpegAvMerger>::create(QSharedPointer<QtFfmpegManager>::create(
+                    QFileInfo(FfmpegTestMedia::ffmpeg()).path(), u"ffmpeg"_s, nullptr));
             Companion companion(&m_download, info, m_settings, merger);
             QSignalSpy finished(&companion, &Companion::operationFinished);
             companion.performSelfMerge();
