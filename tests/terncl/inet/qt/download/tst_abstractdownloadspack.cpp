@@ -3,14 +3,12 @@
 
 #include <terncl/inet/qt/download/abstractdownloadspack.h>
 
-#include <QSequentialIterable>
 #include <QTest>
 #include <QThread>
 
 namespace {
 
 using Pack = AbstractDownloadsPack;
-using DownloadPtr = AbstractDownloadsPack::DownloadPtr;
 using Task = AbstractDownloadTask;
 
 // A download that reports whatever tasks it is told to, running or not, and may refuse a
@@ -148,21 +146,6 @@ private Q_SLOTS:
         QCOMPARE(recorder.events(),
                  events("before([1]);removed([1]);before([2,3,4]);removed([2,3,4])"));
         QVERIFY(pack.downloads().isEmpty());
-    }
-
-    // Scripts reach the children through the meta-object.
-    void downloadsAreReachableThroughTheMetaObject() {
-        Pack pack(1);
-        const DownloadPtr child = ReportingPtr::create(7);
-        QVERIFY(QMetaObject::invokeMethod(&pack, "addDownload",
-                                          Q_ARG(AbstractDownloadsPack::DownloadPtr, child)));
-        QList<DownloadPtr> all;
-        QVERIFY(QMetaObject::invokeMethod(
-            &pack, "downloads", Q_RETURN_ARG(QList<AbstractDownloadsPack::DownloadPtr>, all)));
-        QCOMPARE(all, QList<DownloadPtr>({child}));
-        // The iterables read the variants in place, so those must outlive them.
-        const QVariant allVariant = QVariant::fromValue(all);
-        QCOMPARE(allVariant.value<QSequentialIterable>().at(0).value<DownloadPtr>(), child);
     }
 };
 
