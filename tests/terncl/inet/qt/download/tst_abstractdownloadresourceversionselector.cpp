@@ -12,7 +12,6 @@ using Selector = AbstractDownloadResourceVersionSelector;
 namespace {
 struct TestSelector : Selector {
     using Selector::setResourceVersions;
-    using Selector::updateResourceSize;
 };
 
 // A download whose versions the test supplies.
@@ -91,16 +90,9 @@ private Q_SLOTS:
         QCOMPARE(titles(*selector), "mp4:2:720 mp4:2:480"); // the better placed one stays
     }
 
-    void sizesSelectionAndDashVersions() {
+    void selectionAndDashVersions() {
         auto selector = selectorOf("a:2:1 b:2:1:2 c:2:1:1 d:2:1:2 e:2:1:3");
         QVERIFY(selector->containsCompositeVersions());
-        selector->updateResourceSize(0, -1, 500);
-        selector->updateResourceSize(1, 0, 300);
-        QCOMPARE(selector->resourceVersions().at(0).totalSize(), 500);
-        QCOMPARE(selector->resourceVersions().at(1).totalSize(), -1); // second part unknown
-        selector->updateResourceSize(1, 1, 200);
-        QCOMPARE(selector->resourceVersions().at(1).totalSize(), 500);
-
         // Only an existing index is taken.
         selector->setSelectedVersion(4);
         selector->setSelectedVersion(5);
