@@ -119,22 +119,16 @@ private Q_SLOTS:
     void fileRecordUsesTheSharedKeys() {
         // Records written by earlier builds and by other code use these keys and values; the
         // round trip then holds the writer to them.
-        const QVariantHash shared{
-            {u"priority"_s, 3},
-            {u"sections"_s,
-             QVariantList{QVariantHash{{u"offset"_s, 0}, {u"size"_s, -1}, {u"done"_s, 77}}}},
-            {u"writeOffset"_s, 9},
-            {u"tmpPath"_s, u"t"_s},
-            {u"flags"_s, 2},
-        };
-        const auto file = AbstractDownloadFileInfo::fromVariantHash(shared);
+        const auto info = AbstractDownloadPersistentInfo::fromJson(
+            R"({"files": [{"priority": 3, "sections": [{"offset": 0, "size": -1, "done": 77}],
+                "writeOffset": 9, "tmpPath": "t", "flags": 2}]})");
         AbstractDownloadFileInfo expected;
         expected.priority = AbstractDownloadFileInfo::HighPriority;
         expected.sections = {{0, -1, 77}};
         expected.writeOffset = 9;
         expected.tmpPath = u"t"_s;
         expected.flags = AbstractDownloadFileInfo::Preallocated;
-        QCOMPARE(file, expected);
+        QCOMPARE(info.files, QList<AbstractDownloadFileInfo>{expected});
     }
 
     // Each row: the text, whether it parses, and what loads as "name|file count|bytes done|first
