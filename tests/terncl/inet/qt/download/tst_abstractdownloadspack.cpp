@@ -86,7 +86,7 @@ private Q_SLOTS:
         QVERIFY(!pack.setWritersThread(&writers));
     }
 
-    void tasksAndStoppingCoverRunningChildrenOnly() {
+    void tasksCoverRunningChildrenOnly() {
         Pack pack(1);
         const auto downloading = runningChild(1);
         downloading->tasks = quint64(Task::Downloading);
@@ -103,14 +103,6 @@ private Q_SLOTS:
         const AbstractDownloadTasksProgress expected{{Task::Downloading, {15, 150}},
                                                      {Task::Merging, {1, 2}}};
         QCOMPARE(pack.tasksProgress(), expected);
-
-        // Stopping only once every running child is; the idle one does not count.
-        downloading->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
-        merging->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
-        downloading->doCommand(AbstractDownloadCommand::Stop);
-        QVERIFY(!pack.isStopping());
-        merging->doCommand(AbstractDownloadCommand::Stop);
-        QVERIFY(pack.isStopping());
     }
 
     void childrenSignalsComeOutOfThePack() {
