@@ -69,6 +69,7 @@ private Q_SLOTS:
             AbstractDownloadPersistentInfo mine, other;
             int expected;
         } rows[] = {{record({}, 1), record(url, 1), 0},
+                    {record(url, 1), record(u"https://example.org/b.iso"_s, 1), 0},
                     {record(url, 1), record(url, 2), 0},
                     {record(url, 1), record(url, 1), 2},
                     {record(url, 2), record(url, 2), 3},
