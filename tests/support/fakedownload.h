@@ -68,26 +68,21 @@ public:
         m_writersThread = thread;
         return true;
     }
-    void setSettings(const AbstractDownloadSettings& settings) override {
-        m_settings = settings;
-        ++m_setSettingsCalls;
-    }
+    void setSettings(const AbstractDownloadSettings& settings) override { m_settings = settings; }
     const AbstractDownloadSettings& settings() const override { return m_settings; }
     quint64 currentTasks() const override {
         return m_running ? quint64(AbstractDownloadTask::Downloading) : 0;
     }
     AbstractDownloadTasksProgress tasksProgress() const override;
-    bool isQueryingInfo() const override { return m_queryingInfo; }
+    bool isQueryingInfo() const override { return false; }
     bool isStopping() const override { return m_stopping; }
     bool isFinalizing() const override { return m_finalizing; }
 
     // What the download received.
     QList<AbstractDownloadCommand> commands() const { return m_commands; }
     QThread* writersThread() const { return m_writersThread; }
-    int setSettingsCalls() const { return m_setSettingsCalls; }
 
     void setStopBehaviour(StopBehaviour behaviour) { m_stopBehaviour = behaviour; }
-    void setQueryingInfo(bool querying) { m_queryingInfo = querying; }
     // As a download does whose bytes have all arrived and only wait to be flushed: sizes
     // unknown so far become the bytes received, then changed(false).
     void enterFinalizing();
@@ -122,10 +117,8 @@ private:
     QDateTime m_lastErrorTime;
     QList<AbstractDownloadCommand> m_commands;
     QPointer<QThread> m_writersThread;
-    int m_setSettingsCalls = 0;
     bool m_running = false;
     bool m_stopping = false;
-    bool m_queryingInfo = false;
     bool m_finalizing = false;
     StopBehaviour m_stopBehaviour = StopBehaviour::Immediate;
 };

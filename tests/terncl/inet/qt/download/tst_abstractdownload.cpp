@@ -5,21 +5,10 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <memory>
-
 using namespace Qt::StringLiterals;
 
 namespace {
-// A download of another class, to see class names in originator chains.
-class ParentPack : public FakeDownload {
-    Q_OBJECT
-
-public:
-    using FakeDownload::FakeDownload;
-};
-
 const QString optionsKey = u"options"_s;
-const QString backupKey = u"optionsBackup"_s;
 constexpr quint64 highOption = quint64(1) << 63;
 
 QVariant storedOptions(std::initializer_list<std::pair<quint64, QVariant>> options) {
@@ -51,58 +40,26 @@ class TestAbstractDownload : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void optionsStoreKeepsSupportedBitsAndOneBackup() {
+    void optionsStoreKeepsSupportedBits() {
         FakeDownload download;
         auto info = download.info();
         info.supportedOptions = 0x1 | 0x4 | highOption;
         download.setInfo(info);
 
         download.setOption(0x2, 5);
-        download.setOption(0x4 | 0x2, 5); // one bit supported, the other not
         download.setOption(0x4, u"on"_s);
         QCOMPARE(download.info().customData.value(optionsKey), storedOptions({{0x4, u"on"_s}}));
-        download.restoreOptions(true); // no backup: nothing changes
-        QCOMPARE(download.option(0x4).toString(), u"on"_s);
-
-        download.backupOptions();
         download.setOption(highOption, 7);
         download.setOption(0x4, u"off"_s);
         QCOMPARE(download.allOptions(),
                  (QHash<quint64, QVariant>{{0x4, u"off"_s}, {highOption, 7}}));
         QVERIFY(!download.option(0x1).isValid());
 
-        download.restoreOptions(false);
-        QCOMPARE(download.allOptions(), (QHash<quint64, QVariant>{{0x4, u"on"_s}}));
-        download.setOption(0x1, 4);
-        download.restoreOptions(true);
-        QCOMPARE(download.info().customData.value(optionsKey), storedOptions({{0x4, u"on"_s}}));
-        QVERIFY(!download.info().customData.contains(backupKey));
-
-        // A backup taken without options brings back "no options".
-        download.clearAllOptions();
-        download.backupOptions();
-        download.setOption(0x1, 8);
-        download.restoreOptions(true);
-        QVERIFY(download.allOptions().isEmpty());
-
         // Options written by other code as maps, or by setAllOptions, read the same way.
         AbstractDownload::setAllOptions(
             info, {QVariantMap{{u"o"_s, 16}, {u"v"_s, true}}, u"not an option"_s});
         download.setInfo(info);
         QCOMPARE(download.allOptions(), (QHash<quint64, QVariant>{{16, true}}));
-    }
-
-    void filesOperationsSignalOnlyTheOuterEdges() {
-        FakeDownload download;
-        QSignalSpy spy(&download, &AbstractDownload::performingFilesOperations);
-        download.signalPerformingFilesOperations(false); // at depth 0: nothing
-        download.signalPerformingFilesOperations(true);
-        download.signalPerformingFilesOperations(true);
-        download.signalPerformingFilesOperations(false);
-        QCOMPARE(spy.count(), 1);
-        download.signalPerformingFilesOperations(false);
-        download.signalPerformingFilesOperations(false);
-        QCOMPARE(QList<QVariantList>(spy), (QList<QVariantList>{{true}, {false}}));
     }
 
     // 0 differs, 2 same resource, 3 same collection; media are never the same.
@@ -114,7 +71,6 @@ private Q_SLOTS:
         } rows[] = {{record({}, 1), record(url, 1), 0},
                     {record(url, 1), record(u"https://example.org/b.iso"_s, 1), 0},
                     {record(url, 1), record(url, 2), 0},
-                    {record(url, 1), record(url, 1, 3), 0},
                     {record(url, 1), record(url, 1), 2},
                     {record(url, 2), record(url, 2), 3},
                     {record(url, 3), record(url, 3), 0}};
@@ -123,24 +79,6 @@ private Q_SLOTS:
             download.setInfo(row.mine);
             QCOMPARE(int(download.compareDownloads(row.other)), row.expected);
         }
-    }
-
-    void logHeaderNamesTheChainOfCreators() {
-        ParentPack pack(5);
-        QCOMPARE(pack.logHeader(), u"[ParentPack #5]: "_s);
-
-        FakeDownload child(12);
-        auto childInfo = child.info();
-        pack.setupChildOriginatorName(childInfo);
-        child.setInfo(childInfo);
-        QCOMPARE(child.logHeader(), u"[ParentPack #5][FakeDownload #12]: "_s);
-
-        FakeDownload grandchild(3);
-        auto grandchildInfo = grandchild.info();
-        grandchildInfo.originators = {u"stale"_s}; // replaced, not extended
-        child.setupChildOriginatorName(grandchildInfo);
-        grandchild.setInfo(grandchildInfo);
-        QCOMPARE(grandchild.logHeader(), u"[ParentPack #5][FakeDownload #12][FakeDownload #3]: "_s);
     }
 
     void genericFieldsFromASourceDownload() {
@@ -192,10 +130,7 @@ private Q_SLOTS:
         // New bytes in the next second close the bucket.
         ++now;
         setDownloaded(download, 5500);
-        QCOMPARE(tracker->lastBucketBytes, 4000);
-        QCOMPARE(tracker->currentBucketBytes, 500);
         QCOMPARE(meter.speed(), 4000);
-
         // After an idle gap the last bucket before it is reported once.
         now += 3;
         QCOMPARE(meter.speed(), 500);
@@ -206,41 +141,6 @@ private Q_SLOTS:
         setDownloaded(download, 0);
         setDownloaded(download, 700);
         QCOMPARE(tracker->totalBytes, 5200);
-
-        // Bytes that arrive with the stop are counted too.
-        auto info = download.info();
-        info.files.first().sections.first().done = 900;
-        download.setInfo(info);
-        download.startRunning();
-        download.stopUnfinished();
-        QCOMPARE(tracker->totalBytes, 5400);
-
-        // Meters may share one tracker; destroyed downloads are forgotten.
-        const auto shared = QSharedPointer<OperationSpeedTracker>::create();
-        AbstractDownloadsSpeedMeter first(shared);
-        AbstractDownloadsSpeedMeter second(shared);
-        first.setClock([&now] { return now; });
-        second.setClock([&now] { return now; });
-        FakeDownload a(1), b(2);
-        first.registerDownload(&a);
-        second.registerDownload(&b);
-        setDownloaded(a, 100);
-        setDownloaded(b, 250);
-        QCOMPARE(shared->currentBucketBytes, 350);
-        ++now;
-        QCOMPARE(second.speed(), 350);
-        QCOMPARE(first.speed(), 350);
-
-        auto doomed = std::make_unique<FakeDownload>();
-        first.registerDownload(doomed.get());
-        setDownloaded(*doomed, 100);
-        doomed.reset();
-        // A new object at any address starts from its own baseline.
-        auto next = std::make_unique<FakeDownload>();
-        setDownloaded(*next, 50);
-        first.registerDownload(next.get());
-        setDownloaded(*next, 80);
-        QCOMPARE(shared->totalBytes, 350 + 100 + 30);
     }
 };
 

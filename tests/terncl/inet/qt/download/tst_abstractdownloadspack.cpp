@@ -3,14 +3,12 @@
 
 #include <terncl/inet/qt/download/abstractdownloadspack.h>
 
-#include <QSequentialIterable>
 #include <QTest>
 #include <QThread>
 
 namespace {
 
 using Pack = AbstractDownloadsPack;
-using DownloadPtr = AbstractDownloadsPack::DownloadPtr;
 using Task = AbstractDownloadTask;
 
 // A download that reports whatever tasks it is told to, running or not, and may refuse a
@@ -62,7 +60,6 @@ private Q_SLOTS:
         const auto first = ReportingPtr::create(10);
         const auto second = ReportingPtr::create(20);
         pack.addDownload(third);
-        QCOMPARE(third->setSettingsCalls(), 0);
         pack.setSettings(someSettings());
         QCOMPARE(third->settings(), someSettings());
         // Settings stick: later children have them before they are announced.
@@ -89,7 +86,7 @@ private Q_SLOTS:
         QVERIFY(!pack.setWritersThread(&writers));
     }
 
-    void tasksAndPredicatesCoverRunningChildrenOnly() {
+    void tasksCoverRunningChildrenOnly() {
         Pack pack(1);
         const auto downloading = runningChild(1);
         downloading->tasks = quint64(Task::Downloading);
@@ -100,25 +97,12 @@ private Q_SLOTS:
         const auto idle = ReportingPtr::create(3);
         idle->tasks = quint64(Task::Verifying);
         idle->progress = {{Task::Verifying, {7, 7}}};
-        QVERIFY(!pack.isQueryingInfo() && !pack.isStopping()); // no child: nothing to report
         pack.addDownloads({downloading, merging, idle});
 
         QCOMPARE(pack.currentTasks(), Task::Downloading | Task::Merging);
         const AbstractDownloadTasksProgress expected{{Task::Downloading, {15, 150}},
                                                      {Task::Merging, {1, 2}}};
         QCOMPARE(pack.tasksProgress(), expected);
-
-        downloading->setQueryingInfo(true);
-        QVERIFY(!pack.isQueryingInfo());
-        merging->setQueryingInfo(true);
-        QVERIFY(pack.isQueryingInfo()); // the idle child's false does not count
-
-        downloading->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
-        merging->setStopBehaviour(FakeDownload::StopBehaviour::Deferred);
-        downloading->doCommand(AbstractDownloadCommand::Stop);
-        QVERIFY(!pack.isStopping());
-        merging->doCommand(AbstractDownloadCommand::Stop);
-        QVERIFY(pack.isStopping());
     }
 
     void childrenSignalsComeOutOfThePack() {
@@ -154,21 +138,6 @@ private Q_SLOTS:
         QCOMPARE(recorder.events(),
                  events("before([1]);removed([1]);before([2,3,4]);removed([2,3,4])"));
         QVERIFY(pack.downloads().isEmpty());
-    }
-
-    // Scripts reach the children through the meta-object.
-    void downloadsAreReachableThroughTheMetaObject() {
-        Pack pack(1);
-        const DownloadPtr child = ReportingPtr::create(7);
-        QVERIFY(QMetaObject::invokeMethod(&pack, "addDownload",
-                                          Q_ARG(AbstractDownloadsPack::DownloadPtr, child)));
-        QList<DownloadPtr> all;
-        QVERIFY(QMetaObject::invokeMethod(
-            &pack, "downloads", Q_RETURN_ARG(QList<AbstractDownloadsPack::DownloadPtr>, all)));
-        QCOMPARE(all, QList<DownloadPtr>({child}));
-        // The iterables read the variants in place, so those must outlive them.
-        const QVariant allVariant = QVariant::fromValue(all);
-        QCOMPARE(allVariant.value<QSequentialIterable>().at(0).value<DownloadPtr>(), child);
     }
 };
 
