@@ -23,11 +23,6 @@ class TestAbstractError : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void sourcePlaceIsRelativeWithoutExtension() {
-        QCOMPARE(QString::fromStdString(terncl::sourcePlace("./a/b.c/file.cpp", 3)),
-                 u"a/b.c/file,3"_s);
-    }
-
     void failedAssertionLogsAndContinues() {
         RecordingLogger logger;
         int sideEffects = 0;
