@@ -93,25 +93,22 @@ private Q_SLOTS:
         Rig rig;
         rig.launch(1, "streams,out,err");
         rig.launch(2, "streams,out,err", true);
-        // A line split over several writes arrives whole, once.
-        rig.launch(3, "chunks,20,ti,me=1,\n");
-        rig.launch(4, "large,4194304");
-        rig.launch(5, "crash");
-        rig.launch(6, "exit,3");
-        QTRY_COMPARE(rig.list.filter(u"finished"_s).size(), 6);
+        rig.launch(3, "large,4194304");
+        rig.launch(4, "crash");
+        rig.launch(5, "exit,3");
+        QTRY_COMPARE(rig.list.filter(u"finished"_s).size(), 5);
 
         QCOMPARE(rig.data[1], QByteArray("out"));
         QCOMPARE(rig.errorData, (QHash<int, QByteArray>{{1, "err"}})); // none when merged
         QVERIFY(rig.data[2] == "outerr" || rig.data[2] == "errout");
-        QCOMPARE(rig.data[3], QByteArray("time=1\n"));
-        QCOMPARE(rig.data[4].size(), 4194304);
-        QVERIFY(rig.has("finished 5 2 0"));
-        QCOMPARE(rig.data[5], QByteArray("about to crash\n"));
-        QVERIFY(rig.has("finished 6 0 3"));
+        QCOMPARE(rig.data[3], QByteArray(4194304, 'x'));
+        QVERIFY(rig.has("finished 4 2 0"));
+        QCOMPARE(rig.data[4], QByteArray("about to crash\n"));
+        QVERIFY(rig.has("finished 5 0 3"));
         // The manager goes on working after its children died.
-        rig.launch(7, "echo,alive");
-        QTRY_VERIFY(rig.has("finished 7 0 0"));
-        QCOMPARE(rig.data[7], QByteArray("alive\n"));
+        rig.launch(6, "echo,alive");
+        QTRY_VERIFY(rig.has("finished 6 0 0"));
+        QCOMPARE(rig.data[6], QByteArray("alive\n"));
     }
 
     void queueMaximaAndLimitsBelowOne() {

@@ -93,16 +93,6 @@ private Q_SLOTS:
     }
 
     void failuresFollowTheFallbackRule() {
-        {
-            // Without a name nothing is asked of the system; the fallback rule alone decides.
-            Rig rig;
-            QtProcessSandboxManager unnamed(QString(), rig.api);
-            QVERIFY(
-                !unnamed.startInSandbox(Settings(), false, &rig.process, QIODeviceBase::ReadOnly));
-            QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
-            QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());
-            QVERIFY(rig.api->calls.isEmpty() && rig.process.state() == QProcess::NotRunning);
-        }
         for (bool fallback : {false, true}) {
             Rig rig(1);
             rig.api->integrityFailure = WinSandboxApi::IntegrityStep::SetLevel;

@@ -123,10 +123,6 @@ private Q_SLOTS:
         QCOMPARE(FileNameRules::windowsLongPath(at260), s("\\\\?\\C:\\") + at260.mid(3));
         const QString unc = s("//server/share/") + QString(400, QLatin1Char('u'));
         QCOMPARE(FileNameRules::windowsLongPath(unc), s("\\\\server\\share\\") + unc.mid(15));
-#ifndef Q_OS_WIN
-        const QString relative = QString(300, QLatin1Char('r')) + s("/f");
-        QCOMPARE(FileNameRules::nativeLongPath(relative), relative);
-#endif
     }
 };
 
