@@ -132,8 +132,6 @@ private Q_SLOTS:
     }
 
     void denoOnTheSearchPath() {
-        QCOMPARE(QtDenoManager::candidatePaths(s("/a::/b/:/c\\")),
-                 QList<QString>({s("/a/deno"), s("/b/deno"), s("/c\\deno")}));
         QVERIFY(QDir().mkpath(m_dir.filePath(s("dir/deno"))));
         QVERIFY(writeScript(m_dir.filePath(s("wrong/deno")), "echo 'Deno 1.0'"));
         QVERIFY(writeScript(m_dir.filePath(s("right/deno")), "echo 'deno 1.46.3 (stable)'"));
@@ -193,7 +191,6 @@ private Q_SLOTS:
         ComplexDependencyManager complex;
         complex.addDependencyManager(first);
         complex.addDependencyManager(second);
-        QSignalSpy installed(&complex, &AbstractDependencyManager::dependencyInstalled);
 
         const DependencyInfo ffmpeg{u"ffmpeg"_s, QString(), {}};
         QVERIFY(complex.isKnownDependency(ffmpeg) && complex.checkDependency(ffmpeg));
@@ -204,9 +201,6 @@ private Q_SLOTS:
 
         const DependencyInfo unknown{u"x"_s, QString(), {}};
         QVERIFY(!complex.isKnownDependency(unknown) && !complex.checkDependency(unknown));
-
-        Q_EMIT second->dependencyInstalled();
-        QCOMPARE(installed.size(), 1);
     }
 };
 

@@ -117,7 +117,6 @@ private Q_SLOTS:
         rig.launchGated(2, 0);
         rig.launchGated(3, -1);
         QCOMPARE(rig.list, texts("running,launching 1"));
-        QVERIFY(rig.manager.isRunning());
         for (int id = 1; id <= 3; ++id) {
             rig.open(id);
             QTRY_VERIFY(rig.list.contains(u"turn %1"_s.arg(id)));
@@ -125,7 +124,6 @@ private Q_SLOTS:
         // After a normal end the next launch starts at once, before the event loop turns.
         QCOMPARE(rig.list, texts("running,launching 1,finished 1 0 0,launching 2,turn 1,"
                                  "finished 2 0 0,launching 3,turn 2,finished 3 0 0,idle,turn 3"));
-        QVERIFY(!rig.manager.isRunning());
 
         // 5 may run beside one other, 7 beside two others; 6 waits for an empty queue.
         rig.list.clear();
