@@ -76,5 +76,5 @@ bool FakeWinSandboxApi::resumeProcess(std::uint32_t, std::uint32_t* error) {
 bool FakeWinSandboxApi::runShellAndWait(const std::wstring& program, const std::wstring& parameters,
                                         const std::wstring& verb, std::uint32_t* error) {
     calls << QStringLiteral("shell %1 %2 %3").arg(text(program), text(parameters), text(verb));
-    return answer(shellSucceeds, true, failureError, error);
+    return answer(true, true, failureError, error);
 }

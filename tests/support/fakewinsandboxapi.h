@@ -18,7 +18,6 @@ public:
     QSet<QString> failingGrants;      // grants to these paths fail
     bool capabilitiesFail = false;
     IntegrityStep integrityFailure = IntegrityStep::Done;
-    bool shellSucceeds = true;
     std::uint32_t failureError = 5;
 
     // "sid NAME", "folder SID", "lowfolder", "grant PATH HEXMASK", "revoke PATH",

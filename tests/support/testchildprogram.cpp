@@ -1,21 +1,16 @@
-// A small program that stands in for external tools in tests: it exits with a given code, writes
-// to either stream, writes slowly or a lot, crashes, hangs or waits for a file. Plain C++ so that
-// it starts fast and behaves the same everywhere.
+// A small program that stands in for external tools in tests; plain C++ so that it starts fast
+// and behaves the same everywhere.
 //
 // Usage: terncl_test_child MODE [ARGS...]
 //   exit N                 exit with code N
 //   echo TEXT...           write each TEXT and a line feed to standard output
 //   streams OUT ERR        write OUT to standard output and ERR to standard error
-//   chunks DELAY_MS PART...  write each PART, pausing between them
 //   large BYTES            write BYTES bytes to standard output
 //   crash                  write a line, then abort
 //   hang                   write "pid N", then sleep until killed
 //   waitfile PATH          exit 0 once PATH exists
 //   cwd                    write the working directory and each argument
-//
-// Copied under the name "fake-MODE" (for example "fake-hang"), it plays a tool that is run by
-// its name with the tool's own arguments: the mode comes from the name, every argument is
-// passed on (cwd prints them).
+// Copied as "fake-MODE", it plays a tool run by its name: every argument is passed on.
 
 #include <chrono>
 #include <cstdio>
@@ -57,15 +52,6 @@ int run(const std::string& mode, const std::vector<std::string>& args) {
     if (mode == "streams") {
         write(stdout, arg(0));
         write(stderr, arg(1));
-        return 0;
-    }
-    if (mode == "chunks") {
-        const int delay = std::atoi(arg(0).c_str());
-        for (size_t i = 1; i < args.size(); ++i) {
-            if (i > 1)
-                sleepMs(delay);
-            write(stdout, args[i]);
-        }
         return 0;
     }
     if (mode == "large") {

@@ -39,78 +39,43 @@ private Q_SLOTS:
         QSignalSpy reset(&list, &QtStringList::wasReset);
 
         list.set(strings("b c"));
-        // Reordering and duplicates change the stored list but not its membership.
+        // Reordering and duplicates leave the membership as it is.
         list.set(strings("c b c"));
-        QCOMPARE(list.list(), strings("c b c"));
-        // Duplicates among the added strings are reported once, in order of appearance.
-        list.set(strings("x y x"));
-        QCOMPARE(
-            QList<QVariantList>(changed),
-            (QList<QVariantList>{{strings("c"), strings("a")}, {strings("x y"), strings("c b")}}));
-
+        QCOMPARE(QList<QVariantList>(changed), (QList<QVariantList>{{strings("c"), strings("a")}}));
         list.reset({});
         QCOMPARE(reset.count(), 1);
-        QCOMPARE(changed.count(), 2);
-        QVERIFY(list.list().isEmpty());
+        QCOMPARE(changed.count(), 1);
     }
 
-    void trackerReportsLeftoversByTypeAndOutlivingObjects() {
+    void trackerReportsLeftoversByType() {
         RecordingLogger logger;
         auto tracker = QSharedPointer<QtQObjectsTracker>::create();
         QtQObjectsTracker::setInstance(tracker);
-        QCOMPARE(QtQObjectsTracker::instance(), tracker);
-
         auto first = std::make_unique<QObject>();
         auto second = std::make_unique<QObject>();
         auto other = std::make_unique<QObject>();
         tracker->registerObject(first.get(), "FileDataAsyncWriter");
         tracker->registerObject(second.get(), "FileDataAsyncWriter");
         tracker->registerObject(other.get(), "Other");
-        tracker->registerObject(nullptr, "Null");
         other.reset();
         tracker->verifyNoObjectsLeft();
         QCOMPARE(logger.lines(),
                  (QStringList{u"[QtQObjectsTracker]: WARNING: verifyNoObjectsLeft has failed:"_s,
                               u"[QtQObjectsTracker]: FileDataAsyncWriter: 2 object(s)"_s}));
-
-        first.reset();
-        logger.clear();
-        tracker.reset();
-        QVERIFY(QtQObjectsTracker::instance().isNull());
-        second.reset();
-        QCOMPARE(logger.lines(),
-                 QStringList{QStringLiteral(
-                     "[QtQObjectsTracker]: WARNING: a monitored object outlived the tracker")});
     }
 
-    void switchesEmitOnlyOnChange() {
+    void toggleSwitchFlips() {
         QtToggleSwitchObject toggle;
         QSignalSpy toggled(&toggle, &QtToggleSwitchObject::switchedOnChanged);
-        toggle.setSwitchedOn(false); // already off: no signal
         toggle.toggle();
         QVERIFY(toggle.isSwitchedOn());
         QCOMPARE(toggled.count(), 1);
-
-        Switch object;
-        QSignalSpy spy(&object, &QtRunningObject::running);
-        QVERIFY(object.setRunning(true));
-        QVERIFY(!object.setRunning(true));
-        QCOMPARE(spy.count(), 1);
-        QVERIFY(object.isRunning());
-
-        // A receiver that flips the state back makes setRunning report false.
-        connect(&object, &QtRunningObject::running, &object, [&](bool on) {
-            if (!on)
-                object.setRunning(true);
-        });
-        QVERIFY(!object.setRunning(false));
-        QVERIFY(object.isRunning());
     }
 
     // Every edge shows in the signal, so the composite's whole course is one list at the end.
     void compositeFollowsItsChildren() {
         Composite composite;
-        Switch first, second, idle;
+        Switch first, second;
         QSignalSpy spy(&composite, &QtRunningObject::running);
         composite.addRunningObject(&first);
         composite.addRunningObject(&second);
@@ -119,18 +84,11 @@ private Q_SLOTS:
         first.setRunning(false);
         second.setRunning(false);
 
-        // Removing an idle child only breaks its connections; removing the running one
-        // re-evaluates what is left.
+        // Removing the running child re-evaluates what is left; it is no longer followed.
         first.setRunning(true);
-        composite.addRunningObject(&idle);
-        composite.removeRunningObject(&idle);
-        idle.setRunning(true);
-        idle.setRunning(false);
         composite.removeRunningObject(&first);
         first.setRunning(false);
         first.setRunning(true);
-        composite.addRunningObject(nullptr);
-        composite.removeRunningObject(nullptr);
 
         // A destroyed child is skipped at the next re-evaluation.
         {
@@ -142,15 +100,6 @@ private Q_SLOTS:
         second.setRunning(false);
         QCOMPARE(QList<QVariantList>(spy),
                  (QList<QVariantList>{{true}, {false}, {true}, {false}, {true}, {false}}));
-        QVERIFY(!composite.isRunning());
-
-        // A child added twice and removed once still counts through its remaining entry.
-        Switch twice;
-        composite.addRunningObject(&twice);
-        composite.addRunningObject(&twice);
-        twice.setRunning(true);
-        composite.removeRunningObject(&twice);
-        QVERIFY(composite.isRunning());
     }
 };
 

@@ -1,8 +1,7 @@
 // Real children confined by the system's sandbox: what a sandboxed Python may read, write and
-// reach, its environment, and a child the sandbox refuses to run.
+// reach, its temporary folder, and a child the sandbox refuses to run.
 #include <terncl/qt/process/qtprocesslaunchmanager.h>
 
-#include "support/recordinglogger.h"
 #include "support/testchild.h"
 #include "support/testfiles.h"
 
@@ -26,7 +25,7 @@ QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, 
 }
 
 // Tries each access and prints "name:ok" or "name:denied", then its no-new-privileges flag and
-// capabilities (capget) and its environment.
+// capabilities (capget) and its temporary folder.
 const char* const probeScript = R"(
 import ctypes, os, platform, socket, sys
 root, port = sys.argv[1], int(sys.argv[2])
@@ -50,8 +49,7 @@ capabilities = (ctypes.c_uint32 * 6)()
 capget = {'x86_64': 125, 'aarch64': 90}[platform.machine()]
 libc.syscall(capget, (ctypes.c_uint32 * 2)(0x20080522, 0), capabilities)
 print('nnp:%d caps:%x' % (libc.prctl(39, 0, 0, 0, 0), capabilities[0] | capabilities[1]))
-for name in ('TMPDIR', 'TEMP', 'TMP', 'XDG_CACHE_HOME', 'PYTHONPYCACHEPREFIX'):
-    print(name + '=' + os.environ.get(name, '-'))
+print('TMPDIR=' + os.environ['TMPDIR'])
 )";
 
 struct Run {
@@ -108,7 +106,6 @@ private Q_SLOTS:
         QVERIFY(server.listen(QHostAddress::LocalHost));
         QSignalSpy connections(&server, &QTcpServer::newConnection);
         const QStringList args{s("-c"), s(probeScript), root, QString::number(server.serverPort())};
-        RecordingLogger log;
         QtProcessLaunchManager manager(m_sandbox);
 
         Sandbox sandbox;
@@ -125,21 +122,9 @@ private Q_SLOTS:
         QVERIFY2(confined.output.startsWith(denied), confined.output.constData());
         QVERIFY(!QFile::exists(root + s("/new.txt")) && QFile::exists(root + s("/rw/new.txt")));
         QCOMPARE(connections.size(), 0);
-        QVERIFY(log.lines()
-                    .filter(s("[QtProcessSandboxManager]: using Landlock sandbox (ABI "))
-                    .first()
-                    .endsWith(s(" without network")));
 
-        // Every variable points into one private folder of the manager.
-        const QString prefix = QDir::tempPath() + s("/tstSandbox-");
-        const QString temp = QString::fromUtf8(confined.output)
-                                 .section(s("TMPDIR="), 1)
-                                 .section(QLatin1Char('\n'), 0, 0);
-        QVERIFY2(temp.startsWith(prefix), qPrintable(temp));
-        const QString expected = s("TMPDIR=%1\nTEMP=%1\nTMP=%1\nXDG_CACHE_HOME=%1/.cache\n"
-                                   "PYTHONPYCACHEPREFIX=%1/Python\n")
-                                     .arg(temp);
-        QVERIFY(confined.output.endsWith(expected.toUtf8()));
+        // The temporary folder is the manager's private one.
+        QVERIFY(confined.output.contains("\nTMPDIR=" + QDir::tempPath().toUtf8() + "/tstSandbox-"));
 
         sandbox.settings.internetClient = true;
         sandbox.settings.allowedPaths = {allowed(root + s("/secret.txt"), false, true, false),

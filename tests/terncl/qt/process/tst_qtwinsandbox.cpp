@@ -1,11 +1,10 @@
 // The Windows sandbox's decisions, run against a stand-in for the Win32 calls: which mechanism is
-// tried, what is logged, what the child's environment holds, which accesses are granted and
-// withdrawn, and the loopback exemption.
+// tried, what the child's environment holds, which accesses are granted and withdrawn, and the
+// loopback exemption.
 #include <terncl/qt/process/qtprocesssandboxmanager.h>
 #include <terncl/qt/process/qtwinappcontainerprocessallowedpathsmgr.h>
 
 #include "support/fakewinsandboxapi.h"
-#include "support/recordinglogger.h"
 #include "support/testchild.h"
 #include "support/testfiles.h"
 
@@ -17,10 +16,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 using Settings = QtProcessSandboxManager::SandboxSettings;
-
-QString logLine(const char* text) {
-    return u"[QtProcessSandboxManager]: "_s + QString::fromUtf8(text);
-}
 
 QtProcessSandboxManager::AllowedPath allowed(const QString& path, bool execute, bool read,
                                              bool write) {
@@ -54,7 +49,6 @@ struct Rig {
 
     Settings settings;
     QTemporaryDir dir;
-    RecordingLogger log;
     std::shared_ptr<FakeWinSandboxApi> api = std::make_shared<FakeWinSandboxApi>();
     QtProcessSandboxManager manager{u"tern"_s, api};
     QProcess process;
@@ -80,14 +74,12 @@ private Q_SLOTS:
             int kind;
             bool noProfile, noCapabilities;
             QString calls;
-            const char* logged;
         } cases[] = {
-            {2, false, false, container, "using AppContainer sandbox"},
-            {0, false, false, container, "using AppContainer sandbox"},
-            {1, false, false, low, "using LowIntegrityLevel sandbox"},
-            {2, true, false, u"sid ternAppContainerSandbox,"_s + low,
-             "CreateAppContainerProfile failed with error: 5"},
-            {2, false, true, container + QLatin1Char(',') + low, "using LowIntegrityLevel sandbox"},
+            {2, false, false, container},
+            {0, false, false, container},
+            {1, false, false, low},
+            {2, true, false, u"sid ternAppContainerSandbox,"_s + low},
+            {2, false, true, container + QLatin1Char(',') + low},
         };
         for (const auto& c : cases) {
             Rig rig(c.kind);
@@ -96,34 +88,21 @@ private Q_SLOTS:
             rig.api->capabilitiesFail = c.noCapabilities;
             QVERIFY(rig.start(false));
             QCOMPARE(rig.api->calls.join(QLatin1Char(',')), c.calls);
-            QVERIFY2(rig.log.contains(logLine(c.logged)), c.logged);
             QCOMPARE(rig.process.exitCode(), 0);
         }
     }
 
     void failuresFollowTheFallbackRule() {
-        {
-            // Without a name nothing is asked of the system; the fallback rule alone decides.
-            Rig rig;
-            QtProcessSandboxManager unnamed(QString(), rig.api);
-            QVERIFY(
-                !unnamed.startInSandbox(Settings(), false, &rig.process, QIODeviceBase::ReadOnly));
-            QVERIFY(!unnamed.enableGlobalLoopbackAccess(true));
-            QVERIFY(!unnamed.isGlobalLoopbackAccessEnabled());
-            QVERIFY(rig.api->calls.isEmpty() && rig.process.state() == QProcess::NotRunning);
-        }
         for (bool fallback : {false, true}) {
             Rig rig(1);
             rig.api->integrityFailure = WinSandboxApi::IntegrityStep::SetLevel;
             QCOMPARE(rig.start(fallback), fallback);
-            QVERIFY(rig.log.contains(logLine("SetTokenInformation failed with error: 5")));
             // A child left suspended runs only when it may run unconfined.
             QCOMPARE(rig.api->calls.endsWith(u"resume"_s), fallback);
         }
         Rig rig(1);
         rig.api->lowFolder.clear();
         QVERIFY(!rig.start(false));
-        QVERIFY(rig.log.contains(logLine("SHGetKnownFolderPath failed with error: 5")));
         QVERIFY(!rig.api->calls.contains(u"lower"_s));
     }
 
@@ -138,15 +117,11 @@ private Q_SLOTS:
                               base + u"\\AppData\\Roaming"_s, base + u"\\AppData\\Local"_s}));
         QVERIFY(QFileInfo(temp).isDir());
 
+        // A low-integrity child may write only below the LocalLow folder.
         Rig low(1);
-        low.settings.setXdgCacheHome = low.settings.setPythonPycachePrefix =
-            low.settings.overrideLocalAppData = false;
         QVERIFY(low.start());
-        const QString lowTemp =
-            QString::fromStdWString(low.api->lowFolder) + u"\\Temp\\tern\\AppData\\Local\\Temp"_s;
-        const QString unset = u"-"_s;
-        QCOMPARE(low.env(),
-                 (QStringList{lowTemp, lowTemp, lowTemp, unset, unset, unset, unset, unset}));
+        QCOMPARE(low.env().first(), QString::fromStdWString(low.api->lowFolder) +
+                                        u"\\Temp\\tern\\AppData\\Local\\Temp"_s);
     }
 
     void allowedPathsAreGrantedAndWithdrawn() {
@@ -212,15 +187,11 @@ private Q_SLOTS:
         QVERIFY(rig.start());
         qputenv("PATH", path);
         QVERIFY(listed && !unlisted);
-        QVERIFY(rig.log.contains(logLine("the AppContainer has no loopback exemption")));
         QVERIFY(rig.api->calls.contains(u"lowfolder"_s));
 
         QVERIFY(rig.manager.enableGlobalLoopbackAccess(true));
         QCOMPARE(rig.api->calls.last(), QStringLiteral("shell CheckNetIsolation.exe LoopbackExempt "
                                                        "-a -n=\"ternAppContainerSandbox\" runas"));
-        rig.api->shellSucceeds = false;
-        QVERIFY(!rig.manager.enableGlobalLoopbackAccess(false));
-        QVERIFY(rig.api->calls.last().contains(u"LoopbackExempt -d -n="_s));
     }
 };
 
