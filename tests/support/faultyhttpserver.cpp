@@ -21,15 +21,51 @@ bool parseRange(const QByteArray& header, qint64 size, qint64* first, qint64* la
     *last = match.captured(2).isEmpty() ? size - 1 : qMin(match.captured(2).toLongLong(), size - 1);
     return *first < size && *first <= *last;
 }
+
+// Sends chunk bytes of body every intervalMs.
+void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs) {
+    auto* timer = new QTimer(socket);
+    auto offset = std::make_shared<qint64>(0);
+    QObject::connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
+        socket->write(body.mid(*offset, chunk));
+        *offset += chunk;
+        if (*offset >= body.size())
+            timer->stop();
+    });
+    timer->start(intervalMs);
+}
+
+void sendBody(QTcpSocket* socket, const QByteArray& body, const FaultyHttpServer::Fault* fault) {
+    using Kind = FaultyHttpServer::FaultKind;
+    const Kind kind = fault ? fault->kind : Kind::Status;
+    if (kind == Kind::DropAfterBytes) {
+        socket->write(body.left(fault->value));
+        socket->flush();
+        socket->abort();
+    } else if (kind == Kind::Trickle) {
+        pace(socket, body, 1, fault->value);
+    } else if (kind == Kind::SlowBody && fault->value > 0) {
+        // Paced in tenths of a second so that the client sees a steady trickle.
+        pace(socket, body, qMax(1, fault->value / 10), 100);
+    } else {
+        socket->write(body);
+    }
+}
 } // namespace
 
 FaultyHttpServer::FaultyHttpServer(QObject* parent)
     : QObject(parent)
     , m_server(new QTcpServer(this)) {
-    connect(m_server, &QTcpServer::newConnection, this, &FaultyHttpServer::onNewConnection);
+    connect(m_server, &QTcpServer::newConnection, this, [this] {
+        while (QTcpSocket* socket = m_server->nextPendingConnection()) {
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+            connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+                m_buffers.remove(socket);
+                socket->deleteLater();
+            });
+        }
+    });
 }
-
-FaultyHttpServer::~FaultyHttpServer() = default;
 
 bool FaultyHttpServer::listen() {
     return m_server->listen(QHostAddress::LocalHost, 0);
@@ -54,20 +90,8 @@ void FaultyHttpServer::setCredentials(const QString& path, const QByteArray& use
 }
 
 int FaultyHttpServer::requestCount(const QString& path) const {
-    int count = 0;
-    for (const auto& entry : m_log)
-        count += entry.path == path ? 1 : 0;
-    return count;
-}
-
-void FaultyHttpServer::onNewConnection() {
-    while (QTcpSocket* socket = m_server->nextPendingConnection()) {
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
-        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
-            m_buffers.remove(socket);
-            socket->deleteLater();
-        });
-    }
+    return int(std::count_if(m_log.cbegin(), m_log.cend(),
+                             [&](const LogEntry& entry) { return entry.path == path; }));
 }
 
 void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
@@ -161,39 +185,7 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
         if (honourRange)
             head += "Content-Range: bytes " + QByteArray::number(first) + '-' +
                     QByteArray::number(last) + '/' + QByteArray::number(resource.size()) + "\r\n";
-        sendBody(socket, head + "\r\n", body, fault);
+        socket->write(head + "\r\n");
+        sendBody(socket, body, fault);
     }
-}
-
-void FaultyHttpServer::sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
-                                const Fault* fault) {
-    socket->write(head);
-    if (fault && fault->kind == FaultKind::DropAfterBytes) {
-        socket->write(body.left(fault->value));
-        socket->flush();
-        socket->abort();
-        return;
-    }
-    if (fault && fault->kind == FaultKind::Trickle) {
-        pace(socket, body, 1, fault->value);
-        return;
-    }
-    if (!fault || fault->kind != FaultKind::SlowBody || fault->value <= 0) {
-        socket->write(body);
-        return;
-    }
-    // Paced in tenths of a second so that the client sees a steady trickle.
-    pace(socket, body, qMax(1, fault->value / 10), 100);
-}
-
-void FaultyHttpServer::pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs) {
-    auto* timer = new QTimer(socket);
-    auto offset = std::make_shared<qint64>(0);
-    connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
-        socket->write(body.mid(*offset, chunk));
-        *offset += chunk;
-        if (*offset >= body.size())
-            timer->stop();
-    });
-    timer->start(intervalMs);
 }

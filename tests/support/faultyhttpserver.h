@@ -1,10 +1,7 @@
 #pragma once
 
-#include <QByteArray>
 #include <QHash>
-#include <QList>
 #include <QObject>
-#include <QString>
 #include <QUrl>
 
 class QTcpServer;
@@ -44,7 +41,6 @@ public:
     };
 
     explicit FaultyHttpServer(QObject* parent = nullptr);
-    ~FaultyHttpServer() override;
 
     bool listen(); // on 127.0.0.1 and an ephemeral port
     QUrl url(const QString& path) const;
@@ -59,15 +55,10 @@ public:
     int requestCount(const QString& path) const;
 
 private:
-    struct Connection;
-    void onNewConnection();
     void onReadyRead(QTcpSocket* socket);
     void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader,
                 const QByteArray& authorization);
     bool answerFault(QTcpSocket* socket, const QString& path, const Fault& fault);
-    void sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
-                  const Fault* fault);
-    void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs);
     const Fault* takeFault(const QString& path);
 
     QTcpServer* m_server;

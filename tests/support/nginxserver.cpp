@@ -16,12 +16,6 @@ int freePort() {
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
 }
-
-bool accepts(int port) {
-    QTcpSocket socket;
-    socket.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(port));
-    return socket.waitForConnected(200);
-}
 } // namespace
 
 NginxServer::NginxServer(QString rootDir)
@@ -57,7 +51,7 @@ QString NginxServer::writeConfig(qint64 limitRate) const {
     const QString tlsListen = m_certificate.isEmpty() ? QString() : u" ssl http2"_s;
     return u"daemon off;\nmaster_process off;\nworker_processes 1;\npid %1/nginx.pid;\n"
            "error_log %1/error.log warn;\nevents { worker_connections 256; }\n"
-           "http {\n    log_format tern '$uri $status \"$http_range\"';\n"
+           "http {\n    log_format tern '$uri';\n"
            "    access_log %1/access.log tern;\n%2"
            "    types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; "
            "}\n"
@@ -86,10 +80,10 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
     m_process.start(
         program, {u"-p"_s, m_dir.path(), u"-e"_s, m_dir.filePath(u"error.log"_s), u"-c"_s, conf});
     const QDeadlineTimer deadline(10000);
-    while (!deadline.hasExpired()) {
-        if (m_process.state() == QProcess::NotRunning)
-            break;
-        if (accepts(m_port))
+    while (!deadline.hasExpired() && m_process.state() != QProcess::NotRunning) {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, quint16(m_port));
+        if (probe.waitForConnected(200))
             return true;
         QThread::msleep(20);
     }
@@ -120,11 +114,7 @@ QList<NginxServer::Access> NginxServer::accessLog() const {
     QFile file(m_dir.filePath(u"access.log"_s));
     if (!file.open(QIODevice::ReadOnly))
         return entries;
-    while (!file.atEnd()) {
-        const QStringList parts =
-            QString::fromUtf8(file.readLine()).trimmed().remove(u'"').split(u' ');
-        if (parts.size() == 3)
-            entries.append({parts.at(0), parts.at(1).toInt(), parts.at(2)});
-    }
+    while (!file.atEnd())
+        entries.append({QString::fromUtf8(file.readLine()).trimmed()});
     return entries;
 }

@@ -12,8 +12,6 @@ class NginxServer {
 public:
     struct Access {
         QString path;
-        int status = 0;
-        QString range; // the Range header, "-" without one
     };
 
     explicit NginxServer(QString rootDir);
