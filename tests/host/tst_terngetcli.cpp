@@ -76,8 +76,10 @@ class TestTernGetCli : public QObject {
 
 private:
     QTemporaryDir m_dir;
-    QString m_stream;     // an MPEG-TS stream
-    QString m_fmp4Stream; // a fragmented MP4 stream with an init segment
+    QString m_stream;                           // an MPEG-TS stream
+    QString m_fmp4Stream;                       // a fragmented MP4 stream with an init segment
+    std::unique_ptr<NginxServer> m_nginx;       // serving both streams
+    std::unique_ptr<FaultyHttpServer> m_server; // each test's own
 
     QString state() const { return m_dir.filePath(u"state"_s); }
     QString out(const QString& name) const { return m_dir.filePath(u"out/"_s + name); }
@@ -85,10 +87,6 @@ private:
     QStringList args(const QUrl& url, const QString& output, const QString& more = {}) const {
         return QStringList{url.toString(), u"-o"_s, output, u"--state-dir"_s, state()} +
                words(more);
-    }
-
-    static void start(QProcess& process, const QStringList& arguments) {
-        process.start(QStringLiteral(TERN_GET_PATH), arguments);
     }
 
     Run run(const QStringList& arguments, const QString& program = QStringLiteral(TERN_GET_PATH)) {
@@ -111,24 +109,6 @@ private:
         return QJsonDocument::fromJson(readFile(it.next()))[u"host"_s][u"segmentsDone"_s].toInt();
     }
 
-    std::unique_ptr<NginxServer> nginx() const {
-        auto server = std::make_unique<NginxServer>(m_dir.filePath(u"www"_s));
-        QString error;
-        if (server->start(&error))
-            return server;
-        qWarning("%s", qPrintable(error));
-        return nullptr;
-    }
-
-    // A server that listens, holding body at path.
-    static std::unique_ptr<FaultyHttpServer> serve(const QString& path, const QByteArray& body) {
-        auto server = std::make_unique<FaultyHttpServer>();
-        if (!server->listen())
-            return nullptr;
-        server->setResource(path, body);
-        return server;
-    }
-
 private Q_SLOTS:
     void initTestCase() {
         if (FfmpegTestMedia::ffmpeg().isEmpty() || NginxServer::executable().isEmpty())
@@ -138,19 +118,23 @@ private Q_SLOTS:
         QVERIFY2(FfmpegTestMedia::makeHls(m_stream, 12, 0.5, false, &error), qPrintable(error));
         m_fmp4Stream = m_dir.filePath(u"www/fmp4"_s);
         QVERIFY2(FfmpegTestMedia::makeHls(m_fmp4Stream, 4, 1, true, &error), qPrintable(error));
+        m_nginx = std::make_unique<NginxServer>(m_dir.filePath(u"www"_s));
+        QVERIFY2(m_nginx->start(&error), qPrintable(error));
     }
 
+    void init() {
+        m_server = std::make_unique<FaultyHttpServer>();
+        QVERIFY(m_server->listen());
+    }
     void cleanup() { QDir(state()).removeRecursively(); }
 
     // The .part of an interrupted stream is cut short before the rerun: the record then claims
     // more than the file holds, and the rerun must go back to a whole segment.
     void interruptedRunSavesAndResumes() {
-        const auto nginx = this->nginx();
-        QVERIFY(nginx);
         const QString output = out(u"interrupted.ts"_s);
-        const QUrl url = nginx->url(u"/ts/index.m3u8"_s);
+        const QUrl url = m_nginx->url(u"/ts/index.m3u8"_s);
         QProcess first;
-        start(first, args(url, output, u"--limit-rate 150k"_s));
+        first.start(QStringLiteral(TERN_GET_PATH), args(url, output, u"--limit-rate 150k"_s));
         QTRY_VERIFY_WITH_TIMEOUT(savedSegmentsDone() >= 2, 60000);
         ::kill(pid_t(first.processId()), SIGINT);
         QVERIFY(first.waitForFinished(30000));
@@ -189,8 +173,7 @@ private Q_SLOTS:
         QFETCH(QString, atOutput);
         QFETCH(QString, options);
         QFETCH(QByteArray, message);
-        const auto server = serve(u"/f.bin"_s, "data");
-        QVERIFY(server);
+        m_server->setResource(u"/f.bin"_s, "data");
         const QString folder = m_dir.filePath(u"refused"_s);
         QDir(folder).removeRecursively();
         QVERIFY(QDir().mkpath(folder));
@@ -205,10 +188,10 @@ private Q_SLOTS:
         QVERIFY(atOutput != u"part folder"_s || QDir().mkpath(part));
         const mode_t before = typeAt(output);
         const mode_t partBefore = typeAt(part);
-        const Run result = run(args(server->url(u"/f.bin"_s), output, options));
+        const Run result = run(args(m_server->url(u"/f.bin"_s), output, options));
         QCOMPARE(result.exitCode, 2);
         QVERIFY2(result.err.contains(message), result.err.constData());
-        QVERIFY(server->accessLog().isEmpty());
+        QVERIFY(m_server->accessLog().isEmpty());
         QCOMPARE(typeAt(output), before);
         QCOMPARE(typeAt(part), partBefore);
     }
@@ -216,17 +199,16 @@ private Q_SLOTS:
     void outputIsReplacedOnlyWhenComplete() {
         const QByteArray data = randomBytes(300000);
         const QString path = u"/f.bin"_s;
-        const auto server = serve(path, data);
-        QVERIFY(server);
+        m_server->setResource(path, data);
         const QString output = m_dir.filePath(u"replace/out.bin"_s);
         const QString part = output + u".part"_s;
         QVERIFY(writeFile(output, "old"));
         // A second run on the output is turned away while the first downloads.
-        server->setFault(path, {FaultyHttpServer::FaultKind::SlowBody, 100000, -1});
+        m_server->setFault(path, {FaultyHttpServer::FaultKind::SlowBody, 100000, -1});
         QProcess first;
-        start(first, args(server->url(path), output));
+        first.start(QStringLiteral(TERN_GET_PATH), args(m_server->url(path), output));
         QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(part).size() > 0, 20000);
-        const Run result = run(args(server->url(path), output));
+        const Run result = run(args(m_server->url(path), output));
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("another tern-get"), result.err.constData());
         QCOMPARE(readFile(output), "old"_ba);
@@ -236,7 +218,7 @@ private Q_SLOTS:
 
         // Something other than a regular file put at the output meanwhile is never replaced.
         QProcess second;
-        start(second, args(server->url(path), output));
+        second.start(QStringLiteral(TERN_GET_PATH), args(m_server->url(path), output));
         QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(part).size() > 0, 20000);
         QVERIFY(QFile::remove(output));
         if (!makeFullDevice(output))
@@ -251,9 +233,8 @@ private Q_SLOTS:
     // has, and an impossible one is set aside; either way the result is exact.
     void resumeChecksTheDataFile() {
         const QByteArray data = randomBytes(200000);
-        const auto server = serve(u"/r.bin"_s, data);
-        QVERIFY(server);
-        const QUrl url = server->url(u"/r.bin"_s);
+        m_server->setResource(u"/r.bin"_s, data);
+        const QUrl url = m_server->url(u"/r.bin"_s);
         const QString output = m_dir.filePath(u"resume/r.bin"_s);
         const QString part = output + u".part"_s;
         const char* const pastSize = "cannot be resumed (a section past";
@@ -299,20 +280,18 @@ private Q_SLOTS:
             QVERIFY2(
                 RecordStore(state()).save(entry.record.resourceUrl + u'\n' + output, entry, &error),
                 qPrintable(error));
-            const qsizetype requests = server->accessLog().size();
+            const qsizetype requests = m_server->accessLog().size();
             const Run result = run(args(url, output));
             QVERIFY2(result.exitCode == 0, result.err.constData());
             QVERIFY2(result.err.contains(row.warning), result.err.constData());
             QCOMPARE(readFile(output), data);
             QCOMPARE(QDir(state()).entryList({u"*.rejected-*"_s}, QDir::Files).size(),
                      row.setAside ? 1 : 0);
-            QVERIFY(!row.finished || server->accessLog().size() == requests);
+            QVERIFY(!row.finished || m_server->accessLog().size() == requests);
         }
     }
 
     void playlistsCannotReachLocalFiles() {
-        FaultyHttpServer server;
-        QVERIFY(server.listen());
         const QString local = m_dir.filePath(u"local/secret.m3u8"_s);
         QVERIFY(writeFile(local, "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nhidden-line.ts\n"
                                  "#EXT-X-ENDLIST\n"));
@@ -326,9 +305,9 @@ private Q_SLOTS:
              {QUrl::fromLocalFile(local).toString(), u"file:///etc/passwd"_s,
               QUrl::fromLocalFile(m_dir.filePath(u"local/none.m3u8"_s)).toString()}) {
             const QString path = u"/m%1.m3u8"_s.arg(++runs);
-            server.setResource(path,
-                               "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1000\n" + uri.toUtf8() + '\n');
-            const Run result = run(args(server.url(path), output));
+            m_server->setResource(path, "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1000\n" +
+                                            uri.toUtf8() + '\n');
+            const Run result = run(args(m_server->url(path), output));
             QCOMPARE(result.exitCode, 1);
             QVERIFY2(result.err.contains(uri.toUtf8()), result.err.constData());
             QVERIFY(!result.err.contains("hidden-line") && !result.err.contains("root:"));
@@ -346,8 +325,7 @@ private Q_SLOTS:
         if (QProcess::execute(u"unshare"_s, {u"-rm"_s, u"true"_s}) != 0)
             QSKIP("private user and mount namespaces are not available (unshare -rm)");
         const QByteArray data = randomBytes(1 << 20);
-        const auto server = serve(u"/big.bin"_s, data);
-        QVERIFY(server);
+        m_server->setResource(u"/big.bin"_s, data);
         const QString disk = m_dir.filePath(u"disk"_s);
         const QString logs = m_dir.filePath(u"disk-logs"_s);
         QVERIFY(QDir().mkpath(disk) && QDir().mkpath(logs));
@@ -362,7 +340,7 @@ cp "$1/big.bin" "$5/result.bin"
 )"_s;
         const Run result =
             run({u"-rm"_s, u"sh"_s, u"-c"_s, script, u"sh"_s, disk, QStringLiteral(TERN_GET_PATH),
-                 server->url(u"/big.bin"_s).toString(), state(), logs},
+                 m_server->url(u"/big.bin"_s).toString(), state(), logs},
                 u"unshare"_s);
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QCOMPARE(readFile(logs + u"/first.rc"_s).trimmed(), "1"_ba);
@@ -373,10 +351,8 @@ cp "$1/big.bin" "$5/result.bin"
     }
 
     void fragmentedMp4IsRemuxed() {
-        const auto nginx = this->nginx();
-        QVERIFY(nginx);
         const QString output = out(u"movie.mp4"_s);
-        const Run result = run(args(nginx->url(u"/fmp4/index.m3u8"_s), output));
+        const Run result = run(args(m_nginx->url(u"/fmp4/index.m3u8"_s), output));
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QStringList streams;
         double duration = 0;
@@ -387,30 +363,28 @@ cp "$1/big.bin" "$5/result.bin"
 
     // Servers that would hang or fool a download: each run ends with exit 1 and says why.
     void hostileServersEndClearly() {
-        FaultyHttpServer server;
-        QVERIFY(server.listen());
         const QStringList segments = FfmpegTestMedia::segmentFiles(m_stream + u"/index.m3u8"_s);
-        server.setResource(u"/s/index.m3u8"_s, readFile(m_stream + u"/index.m3u8"_s));
+        m_server->setResource(u"/s/index.m3u8"_s, readFile(m_stream + u"/index.m3u8"_s));
         for (const auto& segment : segments)
-            server.setResource(u"/s/"_s + QFileInfo(segment).fileName(), readFile(segment));
+            m_server->setResource(u"/s/"_s + QFileInfo(segment).fileName(), readFile(segment));
         const QString second = u"/s/"_s + QFileInfo(segments.at(1)).fileName();
-        server.setFault(second, {FaultyHttpServer::FaultKind::HtmlPage, 0, -1});
+        m_server->setFault(second, {FaultyHttpServer::FaultKind::HtmlPage, 0, -1});
         const QString quick = u"--retries 1 --stall-timeout 0.5"_s;
-        Run result = run(args(server.url(u"/s/index.m3u8"_s), out(u"html.ts"_s), quick));
+        Run result = run(args(m_server->url(u"/s/index.m3u8"_s), out(u"html.ts"_s), quick));
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(!result.out.contains("Saved") && result.err.contains("text/html") &&
-                     result.err.contains(server.url(second).toEncoded()),
+                     result.err.contains(m_server->url(second).toEncoded()),
                  result.err.constData());
-        QCOMPARE(server.requestCount(second), 2);
+        QCOMPARE(m_server->requestCount(second), 2);
 
         // The first request of a run is retried too, and silence ends as a time-out.
-        server.setResource(u"/quiet"_s, "x");
-        server.setFault(u"/quiet"_s, {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
-        result = run(args(server.url(u"/quiet"_s), out(u"quiet.bin"_s), quick));
+        m_server->setResource(u"/quiet"_s, "x");
+        m_server->setFault(u"/quiet"_s, {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
+        result = run(args(m_server->url(u"/quiet"_s), out(u"quiet.bin"_s), quick));
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("no answer within 0.5 s") && !result.err.contains("canceled"),
                  result.err.constData());
-        QCOMPARE(server.requestCount(u"/quiet"_s), 2);
+        QCOMPARE(m_server->requestCount(u"/quiet"_s), 2);
     }
 
     // The request logs of a run that succeeds and of one that fails; a log folder that cannot
@@ -418,11 +392,9 @@ cp "$1/big.bin" "$5/result.bin"
     void requestLogs() {
         const QByteArray body = randomBytes(300000);
         QVERIFY(writeFile(m_dir.filePath(u"www/file.bin"_s), body));
-        const auto nginx = this->nginx();
-        QVERIFY(nginx);
         const QString logs = m_dir.filePath(u"logs"_s);
         const QString output = out(u"logged.bin"_s);
-        const QUrl url = nginx->url(u"/file.bin"_s);
+        const QUrl url = m_nginx->url(u"/file.bin"_s);
         Run result = run(args(url, output, u"--log-requests "_s + logs));
         QVERIFY2(result.exitCode == 0, result.err.constData());
         const auto head = [](const QUrl& url) {
@@ -433,10 +405,9 @@ cp "$1/big.bin" "$5/result.bin"
         QCOMPARE(onlyLog(logs), head(url) << u"BODY: Saved in the file: "_s + output);
 
         // The probe reads no body, so only the download itself loses its connection.
-        const auto faulty = serve(u"/file.bin"_s, body);
-        QVERIFY(faulty);
-        faulty->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, -1});
-        const QUrl failing = faulty->url(u"/file.bin"_s);
+        m_server->setResource(u"/file.bin"_s, body);
+        m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, -1});
+        const QUrl failing = m_server->url(u"/file.bin"_s);
         result = run(
             args(failing, out(u"dropped.bin"_s), u"--log-requests "_s + logs + u"2 --retries 0"_s));
         QCOMPARE(result.exitCode, 1);
@@ -457,10 +428,9 @@ cp "$1/big.bin" "$5/result.bin"
 
     void jsonProgressOnStdout() {
         const QByteArray body = randomBytes(300000);
-        const auto server = serve(u"/file.bin"_s, body);
-        QVERIFY(server);
+        m_server->setResource(u"/file.bin"_s, body);
         const QString output = out(u"json.bin"_s);
-        const QUrl url = server->url(u"/file.bin"_s);
+        const QUrl url = m_server->url(u"/file.bin"_s);
         Run result = run(args(url, output, u"--progress=json --limit-rate 100k"_s));
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QCOMPARE(readFile(output), body); // the limit holds bytes back, never drops them
@@ -481,7 +451,7 @@ cp "$1/big.bin" "$5/result.bin"
         QCOMPARE(end[u"outcome"_s].toString(), u"done"_s);
         QCOMPARE(end[u"output"_s].toString(), output);
 
-        server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::Status, 404});
+        m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::Status, 404});
         result = run(args(url, out(u"json404.bin"_s), u"--progress=json --quiet"_s));
         QCOMPARE(result.exitCode, 1);
         const QJsonDocument failed = QJsonDocument::fromJson(result.out);
