@@ -9,14 +9,12 @@
 #include <terncl/inet/qt/download/qtabstractnetworkauthrequestor.h>
 #include <terncl/inet/qt/download/qtabstractnetworkpasswordskeeper.h>
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
 #include <QProcess>
 #include <QSemaphore>
-#include <QSignalSpy>
 #include <QSslKey>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -41,8 +39,13 @@ QByteArray pattern(int size, int seed = 0) {
     return data;
 }
 
-QString errorText(const QSharedPointer<HttpDownload>& download) {
-    return QString::fromStdString(download->lastError().description);
+// Whether the download failed with code and an error that says what; shows the error when not.
+bool failed(const QSharedPointer<HttpDownload>& download, int code, const QString& what) {
+    const AbstractError& error = download->lastError();
+    const bool as = error.code == code && QString::fromStdString(error.description).contains(what);
+    if (!as)
+        qWarning("error %d: %s", error.code, error.description.c_str());
+    return as;
 }
 
 // MPEG-TS packets: the sync byte every 188 bytes.
@@ -280,7 +283,6 @@ private Q_SLOTS:
         download = run(info);
         QCOMPARE(readFile(target()), body);
         QCOMPARE(m_server->accessLog().constLast().range, QByteArray("bytes=70000-"));
-        QCOMPARE(m_server->accessLog().constLast().status, 206);
 
         // A server that answers the range with the whole body: the file starts over, so the
         // stale first bytes are replaced rather than followed by a second copy.
@@ -300,7 +302,6 @@ private Q_SLOTS:
         QCOMPARE(download->lastError().code, 0);
         QCOMPARE(fileSizeWhenRestartAnnounced, 570000);
         QCOMPARE(readFile(target()), body);
-        QCOMPARE(m_server->accessLog().constLast().status, 200);
 
         // Without resume support the whole body is asked for again, which cuts the file too.
         info.files[0].resumeSupport = AbstractDownloadFileInfo::ResumeNotSupported;
@@ -323,29 +324,28 @@ private Q_SLOTS:
         QCOMPARE(m_server->requestCount(u"/f"_s), 1); // a 403 is not retried
     }
 
+    // Dropped mid-body, the download resumes; a 503 is asked again; a 500 is given up after the
+    // first try and five retries.
     void transientFailuresAreRetried() {
+        using Kind = FaultyHttpServer::FaultKind;
         const QByteArray body = pattern(400000, 2);
-        m_server->setResource(u"/d"_s, body);
-        m_server->setFault(u"/d"_s, {FaultyHttpServer::FaultKind::DropAfterBytes, 150000, 1});
-        auto download = run(record(u"/d"_s));
-        QCOMPARE(download->lastError().code, 0);
-        QCOMPARE(readFile(target()), body);
-        QCOMPARE(m_server->requestCount(u"/d"_s), 2);
-        QVERIFY(m_server->accessLog().constLast().range.startsWith("bytes="));
-
-        m_server->setFault(u"/e"_s, {FaultyHttpServer::FaultKind::Status, 503, 2});
-        m_server->setResource(u"/e"_s, body);
-        QFile::remove(target());
-        download = run(record(u"/e"_s));
-        QCOMPARE(download->lastError().code, 0);
-        QCOMPARE(readFile(target()), body);
-        QCOMPARE(m_server->requestCount(u"/e"_s), 3);
-
-        m_server->setFault(u"/g"_s, {FaultyHttpServer::FaultKind::Status, 500, -1});
-        m_server->setResource(u"/g"_s, body);
-        download = run(record(u"/g"_s));
-        QCOMPARE(download->lastError().code, 500);
-        QCOMPARE(m_server->requestCount(u"/g"_s), 6); // first try and five retries
+        const struct {
+            const char* path;
+            FaultyHttpServer::Fault fault;
+            int code, requests;
+        } cases[] = {{"/d", {Kind::DropAfterBytes, 150000, 1}, 0, 2},
+                     {"/e", {Kind::Status, 503, 2}, 0, 3},
+                     {"/g", {Kind::Status, 500, -1}, 500, 6}};
+        for (const auto& check : cases) {
+            const QString path = QLatin1String(check.path);
+            m_server->setResource(path, body);
+            m_server->setFault(path, check.fault);
+            QFile::remove(target());
+            QCOMPARE(run(record(path))->lastError().code, check.code);
+            QCOMPARE(readFile(target()) == body, check.code == 0);
+            QCOMPARE(m_server->requestCount(path), check.requests);
+        }
+        QVERIFY(m_server->accessLog().at(1).range.startsWith("bytes="));
     }
 
     void byteRangeSourceAtWriteOffset() {
@@ -375,23 +375,21 @@ private Q_SLOTS:
 
     // Every way a server can hold a download forever ends as a time-out, retried first.
     void stuckServersTimeOut() {
-        const int timeout = int(QNetworkReply::TimeoutError);
+        const int timeout = QNetworkReply::TimeoutError;
         HttpDownload::Options options;
         options.maxRetries = 1;
         options.firstByteTimeoutMs = 300;
         m_server->setResource(u"/n"_s, pattern(1000));
         m_server->setFault(u"/n"_s, {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
         auto download = run(record(u"/n"_s), {}, options);
-        QCOMPARE(download->lastError().code, timeout);
-        QVERIFY2(errorText(download).contains(u"no answer"_s), qPrintable(errorText(download)));
+        QVERIFY(failed(download, timeout, u"no answer"_s));
         QCOMPARE(m_server->requestCount(u"/n"_s), 2);
 
         m_server->setResource(u"/t"_s, pattern(100));
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 800, -1});
         options.stallTimeoutMs = 300;
         download = run(record(u"/t"_s), {}, options);
-        QCOMPARE(download->lastError().code, timeout);
-        QVERIFY2(errorText(download).contains(u"no data"_s), qPrintable(errorText(download)));
+        QVERIFY(failed(download, timeout, u"no data"_s));
 
         // Bytes keep coming, but far too slowly.
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 50, -1});
@@ -399,9 +397,7 @@ private Q_SLOTS:
         options.lowSpeedLimit = 1000;
         options.lowSpeedTimeMs = 1000;
         download = run(record(u"/t"_s), {}, options);
-        QCOMPARE(download->lastError().code, timeout);
-        QVERIFY2(errorText(download).contains(u"slower than 1000 bytes/s"_s),
-                 qPrintable(errorText(download)));
+        QVERIFY(failed(download, timeout, u"slower than 1000 bytes/s"_s));
         QCOMPARE(m_server->requestCount(u"/t"_s), 4);
 
         QFile::remove(target());
@@ -410,9 +406,7 @@ private Q_SLOTS:
         AbstractDownloadPersistentInfo info = record(u"/c"_s);
         info.resourceUrl = u"http://127.0.0.1:%1/c"_s.arg(full.port);
         download = run(info, {}, options);
-        QCOMPARE(download->lastError().code, timeout);
-        QVERIFY2(errorText(download).contains(u"could not connect"_s),
-                 qPrintable(errorText(download)));
+        QVERIFY(failed(download, timeout, u"could not connect"_s));
         QVERIFY(!QFile::exists(target()));
     }
 
@@ -421,16 +415,15 @@ private Q_SLOTS:
         m_server->setResource(u"/h"_s, pattern(1000));
         m_server->setFault(u"/h"_s, {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
         auto download = run(record(u"/h"_s));
-        QVERIFY2(errorText(download).contains(u"larger than 64 KiB"_s),
-                 qPrintable(errorText(download)));
+        QVERIFY(failed(download, QNetworkReply::ProtocolFailure, u"larger than 64 KiB"_s));
         QVERIFY(!QFile::exists(target()));
 
         for (const char* elsewhere : {"file:///etc/passwd", "ftp://127.0.0.1/x"}) {
             m_server->setResource(u"/r"_s, elsewhere);
             m_server->setFault(u"/r"_s, {FaultyHttpServer::FaultKind::Redirect, 0, -1});
             download = run(record(u"/r"_s));
-            QVERIFY2(errorText(download).contains(QString::fromLatin1(elsewhere)),
-                     qPrintable(errorText(download)));
+            QVERIFY(
+                failed(download, QNetworkReply::ProtocolUnknownError, QLatin1String(elsewhere)));
             QVERIFY(!QFile::exists(target()));
         }
     }
@@ -469,10 +462,10 @@ private Q_SLOTS:
             QCOMPARE(download->info().isFinished(), !check.refusal);
             if (!check.refusal)
                 continue;
-            QCOMPARE(download->lastError().code, int(HttpDownload::WrongContentError));
-            QVERIFY2(errorText(download).contains(QLatin1String(check.refusal)) &&
-                         errorText(download).contains(m_server->url(path).toString()),
-                     qPrintable(errorText(download)));
+            QVERIFY(
+                failed(download, HttpDownload::WrongContentError, QLatin1String(check.refusal)));
+            QVERIFY(
+                failed(download, HttpDownload::WrongContentError, m_server->url(path).toString()));
             QCOMPARE(QFileInfo(target()).size(), 0);
             QCOMPARE(m_server->requestCount(path) - before, 2); // retried once
         }
@@ -481,7 +474,6 @@ private Q_SLOTS:
     void nginxOverHttp2WithTls() {
         if (NginxServer::executable().isEmpty())
             QSKIP("nginx is not installed");
-        QDir(m_dir->path()).mkpath(u"www"_s);
         const QByteArray body = pattern(700000, 8);
         QVERIFY(writeFile(m_dir->filePath(u"www/v.bin"_s), body));
         const QString cert = m_dir->filePath(u"cert.pem"_s);
@@ -518,8 +510,7 @@ private Q_SLOTS:
         settings.ignoreSslErrors = false;
         QFile::remove(target());
         download = run(info, watch);
-        QCOMPARE(download->lastError().code, int(QNetworkReply::SslHandshakeFailedError));
-        QVERIFY(errorText(download).contains(u"does not verify"_s));
+        QVERIFY(failed(download, QNetworkReply::SslHandshakeFailedError, u"does not verify"_s));
         QCOMPARE(download->lastSslErrors().value(0).error(), QSslError::SelfSignedCertificate);
         QVERIFY(!QFile::exists(target()));
         // Reported by its key, which a keeper may know: then it is fetched with that key pinned.
