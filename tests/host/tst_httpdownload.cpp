@@ -39,10 +39,13 @@ QByteArray pattern(int size, int seed = 0) {
     return data;
 }
 
-// Whether the download failed with code and an error that says what; shows the error when not.
-bool failed(const QSharedPointer<HttpDownload>& download, int code, const QString& what) {
+// Whether the download failed with code and an error naming every part; prints the error if not.
+bool failed(const QSharedPointer<HttpDownload>& download, int code, const QStringList& what) {
     const AbstractError& error = download->lastError();
-    const bool as = error.code == code && QString::fromStdString(error.description).contains(what);
+    const QString text = QString::fromStdString(error.description);
+    bool as = error.code == code;
+    for (const QString& part : what)
+        as = as && text.contains(part);
     if (!as)
         qWarning("error %d: %s", error.code, error.description.c_str());
     return as;
@@ -188,8 +191,8 @@ class TestHttpDownload : public QObject {
 private:
     CurlMulti m_network;
     QThread m_writers;
-    FaultyHttpServer* m_server = nullptr;
-    QTemporaryDir* m_dir = nullptr;
+    std::unique_ptr<FaultyHttpServer> m_server; // each test's own, as is the folder
+    std::unique_ptr<QTemporaryDir> m_dir;
 
     QString target() const { return m_dir->filePath(u"out.bin"_s); }
 
@@ -227,13 +230,9 @@ private Q_SLOTS:
         m_writers.wait();
     }
     void init() {
-        m_server = new FaultyHttpServer(this);
+        m_server = std::make_unique<FaultyHttpServer>();
         QVERIFY(m_server->listen());
-        m_dir = new QTemporaryDir;
-    }
-    void cleanup() {
-        delete m_server;
-        delete m_dir;
+        m_dir = std::make_unique<QTemporaryDir>();
     }
 
     // Once every byte has arrived the download says it only flushes, with its size known, so that
@@ -351,7 +350,6 @@ private Q_SLOTS:
     void byteRangeSourceAtWriteOffset() {
         const QByteArray body = pattern(5000, 3);
         m_server->setResource(u"/all"_s, body);
-        QVERIFY(writeFile(target(), QByteArray(100, 'k')));
         AbstractDownloadPersistentInfo info = record(u"/all"_s);
         AbstractDownloadSourceInfo source;
         source.url = m_server->url(u"/all"_s);
@@ -360,17 +358,15 @@ private Q_SLOTS:
         info.customData.insert(HttpDownload::SourceKey, source.toVariantHash());
         info.files[0].writeOffset = 100;
         info.setFlag(AbstractDownloadPersistentInfo::PartOfParentDownload);
-        auto download = run(info);
-        QCOMPARE(download->lastError().code, 0);
-        QCOMPARE(readFile(target()), QByteArray(100, 'k') + body.mid(1000, 700));
-        QCOMPARE(m_server->accessLog().constLast().range, QByteArray("bytes=1000-1699"));
-
-        // The same range from a server that ignores ranges: the wanted bytes are cut out.
-        m_server->setFault(u"/all"_s, {FaultyHttpServer::FaultKind::IgnoreRange, 0, -1});
-        QVERIFY(writeFile(target(), QByteArray(100, 'k')));
-        download = run(info);
-        QCOMPARE(download->lastError().code, 0);
-        QCOMPARE(readFile(target()), QByteArray(100, 'k') + body.mid(1000, 700));
+        // The second time from a server that ignores ranges: the wanted bytes are cut out.
+        for (const bool ignoresRanges : {false, true}) {
+            if (ignoresRanges)
+                m_server->setFault(u"/all"_s, {FaultyHttpServer::FaultKind::IgnoreRange, 0, -1});
+            QVERIFY(writeFile(target(), QByteArray(100, 'k')));
+            QCOMPARE(run(info)->lastError().code, 0);
+            QCOMPARE(readFile(target()), QByteArray(100, 'k') + body.mid(1000, 700));
+            QCOMPARE(m_server->accessLog().constLast().range, QByteArray("bytes=1000-1699"));
+        }
     }
 
     // Every way a server can hold a download forever ends as a time-out, retried first.
@@ -382,14 +378,14 @@ private Q_SLOTS:
         m_server->setResource(u"/n"_s, pattern(1000));
         m_server->setFault(u"/n"_s, {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
         auto download = run(record(u"/n"_s), {}, options);
-        QVERIFY(failed(download, timeout, u"no answer"_s));
+        QVERIFY(failed(download, timeout, {u"no answer"_s}));
         QCOMPARE(m_server->requestCount(u"/n"_s), 2);
 
         m_server->setResource(u"/t"_s, pattern(100));
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 800, -1});
         options.stallTimeoutMs = 300;
         download = run(record(u"/t"_s), {}, options);
-        QVERIFY(failed(download, timeout, u"no data"_s));
+        QVERIFY(failed(download, timeout, {u"no data"_s}));
 
         // Bytes keep coming, but far too slowly.
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 50, -1});
@@ -397,7 +393,7 @@ private Q_SLOTS:
         options.lowSpeedLimit = 1000;
         options.lowSpeedTimeMs = 1000;
         download = run(record(u"/t"_s), {}, options);
-        QVERIFY(failed(download, timeout, u"slower than 1000 bytes/s"_s));
+        QVERIFY(failed(download, timeout, {u"slower than 1000 bytes/s"_s}));
         QCOMPARE(m_server->requestCount(u"/t"_s), 4);
 
         QFile::remove(target());
@@ -406,7 +402,7 @@ private Q_SLOTS:
         AbstractDownloadPersistentInfo info = record(u"/c"_s);
         info.resourceUrl = u"http://127.0.0.1:%1/c"_s.arg(full.port);
         download = run(info, {}, options);
-        QVERIFY(failed(download, timeout, u"could not connect"_s));
+        QVERIFY(failed(download, timeout, {u"could not connect"_s}));
         QVERIFY(!QFile::exists(target()));
     }
 
@@ -415,7 +411,7 @@ private Q_SLOTS:
         m_server->setResource(u"/h"_s, pattern(1000));
         m_server->setFault(u"/h"_s, {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
         auto download = run(record(u"/h"_s));
-        QVERIFY(failed(download, QNetworkReply::ProtocolFailure, u"larger than 64 KiB"_s));
+        QVERIFY(failed(download, QNetworkReply::ProtocolFailure, {u"larger than 64 KiB"_s}));
         QVERIFY(!QFile::exists(target()));
 
         for (const char* elsewhere : {"file:///etc/passwd", "ftp://127.0.0.1/x"}) {
@@ -423,7 +419,7 @@ private Q_SLOTS:
             m_server->setFault(u"/r"_s, {FaultyHttpServer::FaultKind::Redirect, 0, -1});
             download = run(record(u"/r"_s));
             QVERIFY(
-                failed(download, QNetworkReply::ProtocolUnknownError, QLatin1String(elsewhere)));
+                failed(download, QNetworkReply::ProtocolUnknownError, {QLatin1String(elsewhere)}));
             QVERIFY(!QFile::exists(target()));
         }
     }
@@ -462,10 +458,8 @@ private Q_SLOTS:
             QCOMPARE(download->info().isFinished(), !check.refusal);
             if (!check.refusal)
                 continue;
-            QVERIFY(
-                failed(download, HttpDownload::WrongContentError, QLatin1String(check.refusal)));
-            QVERIFY(
-                failed(download, HttpDownload::WrongContentError, m_server->url(path).toString()));
+            QVERIFY(failed(download, HttpDownload::WrongContentError,
+                           {QLatin1String(check.refusal), m_server->url(path).toString()}));
             QCOMPARE(QFileInfo(target()).size(), 0);
             QCOMPARE(m_server->requestCount(path) - before, 2); // retried once
         }
@@ -510,7 +504,7 @@ private Q_SLOTS:
         settings.ignoreSslErrors = false;
         QFile::remove(target());
         download = run(info, watch);
-        QVERIFY(failed(download, QNetworkReply::SslHandshakeFailedError, u"does not verify"_s));
+        QVERIFY(failed(download, QNetworkReply::SslHandshakeFailedError, {u"does not verify"_s}));
         QCOMPARE(download->lastSslErrors().value(0).error(), QSslError::SelfSignedCertificate);
         QVERIFY(!QFile::exists(target()));
         // Reported by its key, which a keeper may know: then it is fetched with that key pinned.

@@ -1,4 +1,5 @@
 #include "nginxserver.h"
+#include "testfiles.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -26,11 +27,8 @@ NginxServer::~NginxServer() {
 }
 
 QString NginxServer::executable() {
-    for (const QString& candidate : {u"/usr/sbin/nginx"_s, u"/sbin/nginx"_s}) {
-        if (QFile::exists(candidate))
-            return candidate;
-    }
-    return QStandardPaths::findExecutable(u"nginx"_s);
+    const QString system = QStandardPaths::findExecutable(u"nginx"_s, {u"/usr/sbin"_s, u"/sbin"_s});
+    return system.isEmpty() ? QStandardPaths::findExecutable(u"nginx"_s) : system;
 }
 
 void NginxServer::setTls(const QString& certificateFile, const QString& keyFile) {
@@ -70,12 +68,10 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
     }
     m_port = freePort();
     const QString conf = m_dir.filePath(u"nginx.conf"_s);
-    QFile file(conf);
-    if (!file.open(QIODevice::WriteOnly) || file.write(writeConfig(limitRate).toUtf8()) < 0) {
+    if (!writeFile(conf, writeConfig(limitRate).toUtf8())) {
         *error = u"cannot write %1"_s.arg(conf);
         return false;
     }
-    file.close();
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.start(
         program, {u"-p"_s, m_dir.path(), u"-e"_s, m_dir.filePath(u"error.log"_s), u"-c"_s, conf});
@@ -87,9 +83,8 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
             return true;
         QThread::msleep(20);
     }
-    QFile log(m_dir.filePath(u"error.log"_s));
-    log.open(QIODevice::ReadOnly);
-    *error = u"nginx did not start: "_s + QString::fromUtf8(log.readAll());
+    *error =
+        u"nginx did not start: "_s + QString::fromUtf8(readFile(m_dir.filePath(u"error.log"_s)));
     stop();
     return false;
 }
