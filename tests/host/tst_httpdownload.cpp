@@ -22,11 +22,6 @@
 #include <QTest>
 #include <QThread>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <functional>
 
 using namespace Qt::StringLiterals;
@@ -68,29 +63,16 @@ int freePort() {
 // A listener whose accept queue is full: the kernel drops further connection attempts, so
 // connecting hangs until the client gives up.
 struct FullListener {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    QList<int> clients;
-    int port = 0;
+    QTcpServer server;
+    QTcpSocket clients[3];
 
     FullListener() {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-        ::listen(fd, 0);
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-        port = ntohs(address.sin_port);
-        for (int i = 0; i < 3; ++i) {
-            clients.append(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-            ::connect(clients.constLast(), reinterpret_cast<sockaddr*>(&address), size);
-        }
+        server.setListenBacklogSize(0);
+        server.listen(QHostAddress::LocalHost, 0);
+        server.pauseAccepting();
+        for (QTcpSocket& client : clients)
+            client.connectToHost(QHostAddress::LocalHost, server.serverPort());
         QThread::msleep(100);
-    }
-    ~FullListener() {
-        for (int client : clients)
-            ::close(client);
-        ::close(fd);
     }
 };
 
@@ -400,7 +382,7 @@ private Q_SLOTS:
         const FullListener full;
         options.connectTimeoutMs = 300;
         AbstractDownloadPersistentInfo info = record(u"/c"_s);
-        info.resourceUrl = u"http://127.0.0.1:%1/c"_s.arg(full.port);
+        info.resourceUrl = u"http://127.0.0.1:%1/c"_s.arg(full.server.serverPort());
         download = run(info, {}, options);
         QVERIFY(failed(download, timeout, {u"could not connect"_s}));
         QVERIFY(!QFile::exists(target()));

@@ -33,10 +33,6 @@ struct Run {
     QByteArray err;
 };
 
-QStringList words(const QString& text) {
-    return text.split(u' ', Qt::SkipEmptyParts);
-}
-
 // The type bits of what is at path (a symbolic link itself, not its target); 0 when nothing.
 mode_t typeAt(const QString& path) {
     struct stat status = {};
@@ -86,7 +82,7 @@ private:
 
     QStringList args(const QUrl& url, const QString& output, const QString& more = {}) const {
         return QStringList{url.toString(), u"-o"_s, output, u"--state-dir"_s, state()} +
-               words(more);
+               more.split(u' ', Qt::SkipEmptyParts);
     }
 
     Run run(const QStringList& arguments, const QString& program = QStringLiteral(TERN_GET_PATH)) {
@@ -387,51 +383,16 @@ cp "$1/big.bin" "$5/result.bin"
         QCOMPARE(m_server->requestCount(u"/quiet"_s), 2);
     }
 
-    // The request logs of a run that succeeds and of one that fails; a log folder that cannot
-    // be made costs one warning, not the download.
-    void requestLogs() {
+    // A run that succeeds reports its progress as JSON lines on stdout and logs its requests; so
+    // do runs that fail. A log folder that cannot be made costs one warning, not the download.
+    void jsonProgressAndRequestLogs() {
         const QByteArray body = randomBytes(300000);
-        QVERIFY(writeFile(m_dir.filePath(u"www/file.bin"_s), body));
+        m_server->setResource(u"/file.bin"_s, body);
         const QString logs = m_dir.filePath(u"logs"_s);
-        const QString output = out(u"logged.bin"_s);
-        const QUrl url = m_nginx->url(u"/file.bin"_s);
-        Run result = run(args(url, output, u"--log-requests "_s + logs));
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        const auto head = [](const QUrl& url) {
-            return QStringList{u"RESOURCE URL: "_s + url.toString(),
-                               u"REQUEST HEADERS: GET "_s + url.toString(),
-                               u"RESPONSE HEADERS: HTTP/1.1 200 OK"_s};
-        };
-        QCOMPARE(onlyLog(logs), head(url) << u"BODY: Saved in the file: "_s + output);
-
-        // The probe reads no body, so only the download itself loses its connection.
-        m_server->setResource(u"/file.bin"_s, body);
-        m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, -1});
-        const QUrl failing = m_server->url(u"/file.bin"_s);
-        result = run(
-            args(failing, out(u"dropped.bin"_s), u"--log-requests "_s + logs + u"2 --retries 0"_s));
-        QCOMPARE(result.exitCode, 1);
-        QStringList failed = onlyLog(logs + u"2"_s);
-        QVERIFY2(failed.size() == 4 && failed.takeLast().startsWith(u"ERROR: {ERROR: |CODE|: "_s),
-                 qPrintable(failed.join(u'|')));
-        QCOMPARE(failed, head(failing));
-
-        const QString unlogged = out(u"unlogged.bin"_s);
-        result = run(args(url, unlogged, u"--log-requests %1/logs --quiet"_s.arg(output)));
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        QCOMPARE(readFile(unlogged), body);
-        QVERIFY(QDir::root().entryList({u"R_*.log"_s}, QDir::Files).isEmpty()); // not beside "/"
-        QCOMPARE(result.err.count("no request log is written"), 1);
-        QVERIFY2(result.err.count('\n') == 1, result.err.constData()); // --quiet: nothing else
-        QVERIFY(result.out.isEmpty());
-    }
-
-    void jsonProgressOnStdout() {
-        const QByteArray body = randomBytes(300000);
-        m_server->setResource(u"/file.bin"_s, body);
         const QString output = out(u"json.bin"_s);
         const QUrl url = m_server->url(u"/file.bin"_s);
-        Run result = run(args(url, output, u"--progress=json --limit-rate 100k"_s));
+        Run result =
+            run(args(url, output, u"--progress=json --limit-rate 100k --log-requests "_s + logs));
         QVERIFY2(result.exitCode == 0, result.err.constData());
         QCOMPARE(readFile(output), body); // the limit holds bytes back, never drops them
         const QList<QByteArray> lines = result.out.trimmed().split('\n');
@@ -450,13 +411,38 @@ cp "$1/big.bin" "$5/result.bin"
         const QJsonDocument end = QJsonDocument::fromJson(lines.constLast());
         QCOMPARE(end[u"outcome"_s].toString(), u"done"_s);
         QCOMPARE(end[u"output"_s].toString(), output);
+        const auto head = [](const QUrl& url) {
+            return QStringList{u"RESOURCE URL: "_s + url.toString(),
+                               u"REQUEST HEADERS: GET "_s + url.toString(),
+                               u"RESPONSE HEADERS: HTTP/1.1 200 OK"_s};
+        };
+        QCOMPARE(onlyLog(logs), head(url) << u"BODY: Saved in the file: "_s + output);
+
+        const QString unlogged = out(u"unlogged.bin"_s);
+        result = run(args(url, unlogged, u"--log-requests %1/logs --quiet"_s.arg(output)));
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QCOMPARE(readFile(unlogged), body);
+        QVERIFY(QDir::root().entryList({u"R_*.log"_s}, QDir::Files).isEmpty()); // not beside "/"
+        QCOMPARE(result.err.count("no request log is written"), 1);
+        QVERIFY2(result.err.count('\n') == 1, result.err.constData()); // --quiet: nothing else
+        QVERIFY(result.out.isEmpty());
+
+        // The probe reads no body, so only the download itself loses its connection.
+        m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::DropAfterBytes, 1000, -1});
+        result =
+            run(args(url, out(u"dropped.bin"_s), u"--log-requests "_s + logs + u"2 --retries 0"_s));
+        QCOMPARE(result.exitCode, 1);
+        QStringList failed = onlyLog(logs + u"2"_s);
+        QVERIFY2(failed.size() == 4 && failed.takeLast().startsWith(u"ERROR: {ERROR: |CODE|: "_s),
+                 qPrintable(failed.join(u'|')));
+        QCOMPARE(failed, head(url));
 
         m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::Status, 404});
         result = run(args(url, out(u"json404.bin"_s), u"--progress=json --quiet"_s));
         QCOMPARE(result.exitCode, 1);
-        const QJsonDocument failed = QJsonDocument::fromJson(result.out);
-        QCOMPARE(failed[u"outcome"_s].toString(), u"failed"_s);
-        QVERIFY(failed[u"error"_s].toString().contains(u"404"_s));
+        const QJsonDocument refused = QJsonDocument::fromJson(result.out);
+        QCOMPARE(refused[u"outcome"_s].toString(), u"failed"_s);
+        QVERIFY(refused[u"error"_s].toString().contains(u"404"_s));
         QVERIFY(result.err.startsWith("tern-get: HTTP error 404"));
     }
 };
