@@ -294,20 +294,9 @@ private Q_SLOTS:
         QVERIFY(m_server->accessLog().constLast().range.isEmpty());
     }
 
-    void errorStatusNeverReachesTheFile() {
-        m_server->setResource(u"/f"_s, pattern(1000));
-        m_server->setFault(u"/f"_s, {FaultyHttpServer::FaultKind::Status, 403, -1});
-        const auto download = run(record(u"/f"_s));
-        QCOMPARE(download->lastError().code, 403);
-        QCOMPARE(download->lastError().category, std::string("HttpError"));
-        QVERIFY(!download->info().isFinished());
-        QVERIFY(!QFile::exists(target()));
-        QCOMPARE(m_server->requestCount(u"/f"_s), 1); // a 403 is not retried
-    }
-
     // Dropped mid-body, the download resumes; a 503 is asked again; a 500 is given up after the
-    // first try and five retries.
-    void transientFailuresAreRetried() {
+    // first try and five retries; a 403 is not retried. An error page never reaches the file.
+    void errorStatusesAndRetries() {
         using Kind = FaultyHttpServer::FaultKind;
         const QByteArray body = pattern(400000, 2);
         const struct {
@@ -316,14 +305,17 @@ private Q_SLOTS:
             int code, requests;
         } cases[] = {{"/d", {Kind::DropAfterBytes, 150000, 1}, 0, 2},
                      {"/e", {Kind::Status, 503, 2}, 0, 3},
-                     {"/g", {Kind::Status, 500, -1}, 500, 6}};
+                     {"/g", {Kind::Status, 500, -1}, 500, 6},
+                     {"/f", {Kind::Status, 403, -1}, 403, 1}};
         for (const auto& check : cases) {
             const QString path = QLatin1String(check.path);
             m_server->setResource(path, body);
             m_server->setFault(path, check.fault);
             QFile::remove(target());
-            QCOMPARE(run(record(path))->lastError().code, check.code);
-            QCOMPARE(readFile(target()) == body, check.code == 0);
+            const auto download = run(record(path));
+            QCOMPARE(download->lastError().code, check.code);
+            QCOMPARE(download->info().isFinished(), check.code == 0);
+            QCOMPARE(readFile(target()), check.code == 0 ? body : "<missing>"_ba);
             QCOMPARE(m_server->requestCount(path), check.requests);
         }
         QVERIFY(m_server->accessLog().at(1).range.startsWith("bytes="));
