@@ -205,6 +205,12 @@ private:
         return download;
     }
 
+    static std::function<void(HttpDownload*)> via(QNetworkProxyFactory* proxy) {
+        return [proxy](HttpDownload* starting) {
+            starting->setProxyFactory(proxy);
+        };
+    }
+
 private Q_SLOTS:
     void initTestCase() { m_writers.start(); }
     void cleanupTestCase() {
@@ -484,10 +490,9 @@ private Q_SLOTS:
         // Reported by its key, which a keeper may know: then it is fetched with that key pinned.
         const QtSslHost unknown = download->lastUnknownSslHost();
         QCOMPARE(asked, QList<QtSslHost>{unknown});
-        QCOMPARE(unknown.hostAndPort.host, u"127.0.0.1"_s);
-        QCOMPARE(unknown.hostAndPort.port, nginx.url(u"/"_s).port());
-        QCOMPARE(unknown.publicKey.key,
-                 QSslCertificate::fromPath(cert).value(0).publicKey().toDer());
+        const QByteArray spki = QSslCertificate::fromPath(cert).value(0).publicKey().toDer();
+        QCOMPARE(unknown, QtSslHost({u"127.0.0.1"_s, nginx.url(u"/"_s).port()},
+                                    {spki, HttpDownload::SpkiDerKey}));
         keeper.hosts = {QtSslHost(unknown.hostAndPort, {unknown.publicKey.key + 'x', 0})};
         QCOMPARE(run(info, watch)->lastError().code, int(QNetworkReply::SslHandshakeFailedError));
         keeper.hosts = {unknown};
@@ -546,9 +551,7 @@ private Q_SLOTS:
         for (FixedProxy& proxy : proxies) {
             QFile::remove(target());
             const int before = m_server->requestCount(u"/p"_s);
-            const auto download = run(record(u"/p"_s), [&](HttpDownload* starting) {
-                starting->setProxyFactory(&proxy);
-            });
+            const auto download = run(record(u"/p"_s), via(&proxy));
             QCOMPARE(download->lastError().code, 0);
             QCOMPARE(readFile(target()), body);
             QCOMPARE(m_server->requestCount(u"/p"_s), before + 1);
@@ -560,12 +563,9 @@ private Q_SLOTS:
         FixedProxy asking(authProxy.port);
         AnsweringRequestor requestor({u"ann"_s, u"s3cret"_s});
         QFile::remove(target());
-        const auto viaAsking = [&](HttpDownload* starting) {
-            starting->setProxyFactory(&asking);
-        };
-        QCOMPARE(run(record(u"/p"_s), viaAsking)->lastError().code, 407);
+        QCOMPARE(run(record(u"/p"_s), via(&asking))->lastError().code, 407);
         const auto authed = run(record(u"/p"_s), [&](HttpDownload* starting) {
-            viaAsking(starting);
+            starting->setProxyFactory(&asking);
             starting->setAuth(nullptr, &requestor);
         });
         QCOMPARE(authed->lastError().code, 0);
@@ -578,10 +578,8 @@ private Q_SLOTS:
         HttpDownload::Options options;
         options.maxRetries = 0;
         const int before = m_server->requestCount(u"/p"_s);
-        const auto download = run(
-            record(u"/p"_s), [&](HttpDownload* starting) { starting->setProxyFactory(&gone); },
-            options);
-        QCOMPARE(download->lastError().code, int(QNetworkReply::ProxyConnectionRefusedError));
+        QCOMPARE(run(record(u"/p"_s), via(&gone), options)->lastError().code,
+                 int(QNetworkReply::ProxyConnectionRefusedError));
         QCOMPARE(m_server->requestCount(u"/p"_s), before);
     }
 
