@@ -29,8 +29,7 @@ namespace {
 
 struct Run {
     int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
+    QByteArray out, err;
 };
 
 // The type bits of what is at path (a symbolic link itself, not its target); 0 when nothing.
@@ -46,8 +45,7 @@ bool makeFullDevice(const QString& path) {
 
 QByteArray randomBytes(int size) {
     QByteArray data(size, Qt::Uninitialized);
-    for (auto& byte : data)
-        byte = char(QRandomGenerator::global()->bounded(256));
+    QRandomGenerator::global()->generate(data.begin(), data.end());
     return data;
 }
 
@@ -170,8 +168,8 @@ private Q_SLOTS:
         QFETCH(QString, options);
         QFETCH(QByteArray, message);
         m_server->setResource(u"/f.bin"_s, "data");
-        const QString folder = m_dir.filePath(u"refused"_s);
-        QDir(folder).removeRecursively();
+        const QString folder =
+            m_dir.filePath(u"refused/"_s + QLatin1String(QTest::currentDataTag()));
         QVERIFY(QDir().mkpath(folder));
         const QString output = folder + u"/out.bin"_s;
         const QString part = output + u".part"_s;

@@ -11,6 +11,11 @@ QByteArray statusLine(int status) {
     return "HTTP/1.1 " + QByteArray::number(status) + (status < 400 ? " OK\r\n" : " Failed\r\n");
 }
 
+// Writes a whole answer: the status line and headers in head, then body with its length.
+void reply(QTcpSocket* socket, const QByteArray& head, const QByteArray& body = {}) {
+    socket->write(head + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+}
+
 // Parses "bytes=a-b" / "bytes=a-" against a resource of the given size.
 bool parseRange(const QByteArray& header, qint64 size, qint64* first, qint64* last) {
     static const QRegularExpression re(QStringLiteral(R"(^bytes=(\d+)-(\d*)$)"));
@@ -124,29 +129,25 @@ const FaultyHttpServer::Fault* FaultyHttpServer::takeFault(const QString& path) 
 
 // The faults that answer without the resource; false for those that shape its delivery.
 bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, const Fault& fault) {
-    QByteArray head;
-    QByteArray body;
+    QByteArray head = statusLine(200);
     switch (fault.kind) {
     case FaultKind::NeverAnswer:
         return true;
     case FaultKind::HugeHeaders:
-        head = statusLine(200);
         for (int i = 0; i < fault.value; ++i)
             head += "X-Filler-" + QByteArray::number(i) + ": " + QByteArray(64, 'f') + "\r\n";
-        body = "abc";
-        break;
+        reply(socket, head, "abc");
+        return true;
     case FaultKind::HtmlPage:
-        body = "<html><body>Sorry, this stream is gone</body></html>";
-        head = statusLine(200) + "Content-Type: text/html; charset=utf-8\r\n";
-        break;
+        reply(socket, head + "Content-Type: text/html; charset=utf-8\r\n",
+              "<html><body>Sorry, this stream is gone</body></html>");
+        return true;
     case FaultKind::Redirect:
-        head = statusLine(302) + "Location: " + m_resources.value(path) + "\r\n";
-        break;
+        reply(socket, statusLine(302) + "Location: " + m_resources.value(path) + "\r\n");
+        return true;
     default:
         return false;
     }
-    socket->write(head + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
-    return true;
 }
 
 void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range,
@@ -157,8 +158,7 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     const QByteArray credentials = m_credentials.value(path);
     if (!credentials.isEmpty() && authorization != "Basic " + credentials.toBase64()) {
         status = 401;
-        socket->write("HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n"
-                      "Content-Length: 0\r\n\r\n");
+        reply(socket, "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n");
         return;
     }
     if (fault && answerFault(socket, path, *fault))
@@ -168,13 +168,11 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     const bool honourRange = !range.isEmpty() && !(fault && fault->kind == FaultKind::IgnoreRange);
     if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
         status = m_resources.contains(path) ? fault->value : 404;
-        const QByteArray body = "error page " + QByteArray::number(status);
-        socket->write(statusLine(status) + "Content-Length: " + QByteArray::number(body.size()) +
-                      "\r\n\r\n" + body);
+        reply(socket, statusLine(status), "error page " + QByteArray::number(status));
     } else if (honourRange && !parseRange(range, resource.size(), &first, &last)) {
         status = 416;
-        socket->write(statusLine(416) + "Content-Range: bytes */" +
-                      QByteArray::number(resource.size()) + "\r\nContent-Length: 0\r\n\r\n");
+        reply(socket, statusLine(416) + "Content-Range: bytes */" +
+                          QByteArray::number(resource.size()) + "\r\n");
     } else {
         status = honourRange ? 206 : 200;
         const QByteArray body = resource.mid(first, last - first + 1);
