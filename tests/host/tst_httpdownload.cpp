@@ -54,12 +54,6 @@ QByteArray transportStream(int packets) {
     return data;
 }
 
-int freePort() {
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost, 0);
-    return server.serverPort();
-}
-
 // A listener whose accept queue is full: the kernel drops further connection attempts, so
 // connecting hangs until the client gives up.
 struct FullListener {
@@ -102,14 +96,7 @@ public:
     bool start(const QString& program, const QStringList& arguments) {
         m_process.setProcessChannelMode(QProcess::MergedChannels);
         m_process.start(program, arguments);
-        for (int i = 0; i < 100 && m_process.state() != QProcess::NotRunning; ++i) {
-            QTcpSocket probe;
-            probe.connectToHost(QHostAddress::LocalHost, quint16(port));
-            if (probe.waitForConnected(100))
-                return true;
-            QThread::msleep(50);
-        }
-        return false;
+        return waitUntilListening(m_process, port);
     }
     // tinyproxy for loopback clients, its configuration (plus extra lines) written in folder.
     bool startTinyproxy(const QTemporaryDir& folder, const QByteArray& extra = {}) {
@@ -127,15 +114,13 @@ private:
 class KeptPasswords : public QtAbstractNetworkPasswordsKeeper {
 public:
     void save(const QtNetworkAuthScope& scope, const QtNetworkAuthRecord& record, bool) override {
-        m_records[scope] = record;
+        records[scope] = record;
     }
     QtNetworkAuthRecord find(const QtNetworkAuthScope& scope) const override {
-        return m_records.value(scope);
+        return records.value(scope);
     }
-    void remove(const QtNetworkAuthScope& scope) override { m_records.remove(scope); }
-
-private:
-    QMap<QtNetworkAuthScope, QtNetworkAuthRecord> m_records;
+    void remove(const QtNetworkAuthScope& scope) override { records.remove(scope); }
+    QMap<QtNetworkAuthScope, QtNetworkAuthRecord> records;
 };
 
 class KnownHosts : public QtAbstractKnownSslHostsKeeper {
@@ -149,21 +134,19 @@ public:
 // Answers every request with the same credentials, later, as a dialog would.
 class AnsweringRequestor : public QtAbstractNetworkAuthRequestor {
 public:
-    explicit AnsweringRequestor(QtNetworkAuthRecord answer)
-        : m_answer(std::move(answer)) {}
+    explicit AnsweringRequestor(QtNetworkAuthRecord reply)
+        : answer(std::move(reply)) {}
     void requestAuth(const QtNetworkAuthScope& scope) override {
         asked.append(scope);
         QMetaObject::invokeMethod(
-            this, [this, scope] { Q_EMIT authRequestFinished(scope, m_answer, true); },
+            this, [this, scope] { Q_EMIT authRequestFinished(scope, answer, true); },
             Qt::QueuedConnection);
     }
     void cancelRequest(const QtNetworkAuthScope&) override {}
     bool isRequesting(const QtNetworkAuthScope&) const override { return false; }
 
+    const QtNetworkAuthRecord answer;
     QList<QtNetworkAuthScope> asked;
-
-private:
-    QtNetworkAuthRecord m_answer;
 };
 } // namespace
 

@@ -11,13 +11,23 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
 int freePort() {
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
 }
-} // namespace
+
+bool waitUntilListening(const QProcess& process, int port) {
+    const QDeadlineTimer deadline(10000);
+    while (!deadline.hasExpired() && process.state() != QProcess::NotRunning) {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, quint16(port));
+        if (probe.waitForConnected(200))
+            return true;
+        QThread::msleep(20);
+    }
+    return false;
+}
 
 NginxServer::NginxServer(QString rootDir)
     : m_root(std::move(rootDir)) {}
@@ -75,14 +85,8 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.start(
         program, {u"-p"_s, m_dir.path(), u"-e"_s, m_dir.filePath(u"error.log"_s), u"-c"_s, conf});
-    const QDeadlineTimer deadline(10000);
-    while (!deadline.hasExpired() && m_process.state() != QProcess::NotRunning) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, quint16(m_port));
-        if (probe.waitForConnected(200))
-            return true;
-        QThread::msleep(20);
-    }
+    if (waitUntilListening(m_process, m_port))
+        return true;
     *error =
         u"nginx did not start: "_s + QString::fromUtf8(readFile(m_dir.filePath(u"error.log"_s)));
     stop();

@@ -6,6 +6,11 @@
 #include <QTemporaryDir>
 #include <QUrl>
 
+// A loopback port that nothing listened on when asked.
+int freePort();
+// Whether something accepts connections on the loopback port within 10 s, while process runs.
+bool waitUntilListening(const QProcess& process, int port);
+
 // Runs Debian's nginx without privileges on loopback and an ephemeral port, serving one folder,
 // for as long as the object lives. Its access log tells which resources were fetched.
 class NginxServer {
