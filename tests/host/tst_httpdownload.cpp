@@ -46,14 +46,6 @@ bool failed(const QSharedPointer<HttpDownload>& download, int code, const QStrin
     return as;
 }
 
-// MPEG-TS packets: the sync byte every 188 bytes.
-QByteArray transportStream(int packets) {
-    QByteArray data = pattern(188 * packets, 5);
-    for (int i = 0; i < packets; ++i)
-        data[i * 188] = 0x47;
-    return data;
-}
-
 // A listener whose accept queue is full: the kernel drops further connection attempts, so
 // connecting hangs until the client gives up.
 struct FullListener {
@@ -390,7 +382,9 @@ private Q_SLOTS:
     // What a segment of a stream must hold is checked before a byte of it is written.
     void segmentContentIsChecked() {
         using Expected = HttpDownload::ExpectedContent;
-        const QByteArray ts = transportStream(40);
+        QByteArray ts = pattern(188 * 40, 5);
+        for (int i = 0; i < ts.size(); i += 188)
+            ts[i] = 0x47; // MPEG-TS packets: the sync byte every 188 bytes
         const QByteArray mp4 = QByteArray("\0\0\0\x18moof", 8) + pattern(3000, 6);
         m_server->setResource(u"/ts"_s, ts, "text/vnd.trolltech.linguist");
         m_server->setResource(u"/text"_s, "404 not found", "text/plain");
