@@ -15,9 +15,8 @@ AbstractDownloadPersistentInfo record(const QString& module, const QString& url)
     AbstractDownloadPersistentInfo info;
     info.moduleName = module;
     info.resourceUrl = url;
-    AbstractDownloadFileInfo file;
-    file.name = u"file.bin"_s;
-    info.files.append(file);
+    info.files.resize(1);
+    info.files[0].name = u"file.bin"_s;
     return info;
 }
 } // namespace

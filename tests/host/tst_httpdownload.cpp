@@ -157,9 +157,8 @@ private:
         AbstractDownloadPersistentInfo info;
         info.resourceUrl = m_server->url(path).toString();
         info.destinationPath = m_dir->path();
-        AbstractDownloadFileInfo file;
-        file.name = u"out.bin"_s;
-        info.files.append(file);
+        info.files.resize(1);
+        info.files[0].name = u"out.bin"_s;
         return info;
     }
 

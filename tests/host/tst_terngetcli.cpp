@@ -57,10 +57,9 @@ QStringList onlyLog(const QString& folder) {
     QStringList result;
     const QStringList lines =
         QString::fromUtf8(readFile(QDir(folder).filePath(names[0]))).split(u"\r\n"_s);
-    for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
+    for (qsizetype i = 0; i + 1 < lines.size(); ++i)
         if (lines.at(i).startsWith(u"======= "_s))
             result << lines.at(i).mid(8).chopped(8) + u": "_s + lines.at(i + 1);
-    }
     return result;
 }
 } // namespace

@@ -107,14 +107,12 @@ void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
         const QList<QByteArray> lines = buffer.left(end).split('\n');
         buffer.remove(0, end + 4);
         const QList<QByteArray> request = lines.value(0).trimmed().split(' ');
-        QByteArray range, authorization;
-        for (const auto& line : lines) {
-            if (line.toLower().startsWith("range:"))
-                range = line.mid(6).trimmed();
-            else if (line.toLower().startsWith("authorization:"))
-                authorization = line.mid(14).trimmed();
-        }
-        answer(socket, QString::fromLatin1(request.value(1)), range, authorization);
+        QHash<QByteArray, QByteArray> headers; // by lower-case name
+        for (const auto& line : lines.mid(1))
+            headers.insert(line.left(line.indexOf(':')).toLower(),
+                           line.mid(line.indexOf(':') + 1).trimmed());
+        answer(socket, QString::fromLatin1(request.value(1)), headers.value("range"),
+               headers.value("authorization"));
     }
 }
 
