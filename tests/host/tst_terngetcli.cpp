@@ -15,7 +15,7 @@
 #include <QLocalServer>
 #include <QProcess>
 #include <QRandomGenerator>
-#include <QScopeGuard>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -26,6 +26,7 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+const QByteArray PastSize = "cannot be resumed (a section past";
 
 struct Run {
     int exitCode = -1;
@@ -136,8 +137,7 @@ private Q_SLOTS:
         const QString part = output + u".part"_s;
         QVERIFY(QFile::resize(part, QFileInfo(part).size() / 2));
         const Run second = run(args(url, output));
-        QVERIFY2(second.exitCode == 0, second.err.constData());
-        QVERIFY2(second.err.contains("fewer than"), second.err.constData());
+        QVERIFY2(second.exitCode == 0 && second.err.contains("fewer than"), second.err.constData());
         QVERIFY(second.out.contains("Saved to"));
         const QStringList segments = FfmpegTestMedia::segmentFiles(m_stream + u"/index.m3u8"_s);
         QVERIFY(segments.size() >= 20);
@@ -224,64 +224,62 @@ private Q_SLOTS:
 
     // A record is a claim about its .part: one that no longer holds is lowered to what the file
     // has, and an impossible one is set aside; either way the result is exact.
+    void resumeChecksTheDataFile_data() {
+        QTest::addColumn<int>("partBytes");    // -1: no .part
+        QTest::addColumn<int>("garbageBytes"); // appended to the .part
+        QTest::addColumn<qint64>("offset");    // of the record's one section
+        QTest::addColumn<qint64>("done");
+        QTest::addColumn<QByteArray>("warning");
+        QTest::newRow("part missing") << -1 << 0 << 0LL << 100000LL << ".part is missing"_ba;
+        QTest::newRow("part cut short")
+            << 50000 << 0 << 0LL << 100000LL << "holds 50000 bytes, fewer than the 100000"_ba;
+        QTest::newRow("part past the end") << 100000 << 150000 << 0LL << 100000LL << QByteArray();
+        QTest::newRow("done past the size") << 100000 << 0 << 0LL << 300000LL << PastSize;
+        QTest::newRow("section past the size") << 100000 << 0 << 250000LL << 10LL << PastSize;
+        QTest::newRow("finished") << 200000 << 0 << 0LL << 200000LL << QByteArray();
+    }
+
     void resumeChecksTheDataFile() {
+        QFETCH(int, partBytes);
+        QFETCH(int, garbageBytes);
+        QFETCH(qint64, offset);
+        QFETCH(qint64, done);
+        QFETCH(QByteArray, warning);
         const QByteArray data = randomBytes(200000);
+        // Killed after the data was complete, only the rename was missed.
+        const bool finished = partBytes == data.size();
         m_server->setResource(u"/r.bin"_s, data);
         const QUrl url = m_server->url(u"/r.bin"_s);
-        const QString output = m_dir.filePath(u"resume/r.bin"_s);
+        const QString output =
+            m_dir.filePath(u"resume/"_s + QLatin1String(QTest::currentDataTag()) + u".bin"_s);
         const QString part = output + u".part"_s;
-        const char* const pastSize = "cannot be resumed (a section past";
-        const struct {
-            const char* tag;
-            int partBytes;    // -1: no .part
-            int garbageBytes; // appended to the .part
-            qint64 offset, done;
-            bool setAside;
-            const char* warning;
-            bool finished; // killed after the data was complete, only the rename was missed
-        } rows[] = {{"part missing", -1, 0, 0, 100000, false, ".part is missing", false},
-                    {"part cut short", 50000, 0, 0, 100000, false,
-                     "holds 50000 bytes, fewer than the 100000", false},
-                    {"part past the end", 100000, 150000, 0, 100000, false, "", false},
-                    {"done past the size", 100000, 0, 0, 300000, true, pastSize, false},
-                    {"section past the size", 100000, 0, 250000, 10, true, pastSize, false},
-                    {"finished", 200000, 0, 0, 200000, false, "", true}};
-        for (const auto& row : rows) {
-            const auto tag = qScopeGuard([&] {
-                if (QTest::currentTestFailed())
-                    qWarning("in row \"%s\"", row.tag);
-            });
-            cleanup();
-            QFile::remove(output);
-            QFile::remove(part);
-            if (row.partBytes >= 0)
-                QVERIFY(writeFile(part, data.left(row.partBytes) + randomBytes(row.garbageBytes)));
-            RecordStore::Entry entry;
-            entry.record.moduleName = HostDownloadsFactory::HttpModule;
-            entry.record.resourceUrl = url.toString(QUrl::FullyEncoded);
-            entry.record.destinationPath = QFileInfo(output).path();
-            AbstractDownloadFileInfo file;
-            file.name = QFileInfo(output).fileName();
-            file.tmpPath = part;
-            file.size = data.size();
-            file.sections = {{row.offset, -1, row.done}};
-            entry.record.files = {file};
-            if (row.finished)
-                entry.record.state = AbstractDownloadPersistentInfo::Finished;
-            entry.host = {{u"kind"_s, u"file"_s}, {u"output"_s, output}};
-            QString error;
-            QVERIFY2(
-                RecordStore(state()).save(entry.record.resourceUrl + u'\n' + output, entry, &error),
-                qPrintable(error));
-            const qsizetype requests = m_server->accessLog().size();
-            const Run result = run(args(url, output));
-            QVERIFY2(result.exitCode == 0, result.err.constData());
-            QVERIFY2(result.err.contains(row.warning), result.err.constData());
-            QCOMPARE(readFile(output), data);
-            QCOMPARE(QDir(state()).entryList({u"*.rejected-*"_s}, QDir::Files).size(),
-                     row.setAside ? 1 : 0);
-            QVERIFY(!row.finished || m_server->accessLog().size() == requests);
-        }
+        if (partBytes >= 0)
+            QVERIFY(writeFile(part, data.left(partBytes) + randomBytes(garbageBytes)));
+        RecordStore::Entry entry;
+        entry.record.moduleName = HostDownloadsFactory::HttpModule;
+        entry.record.resourceUrl = url.toString(QUrl::FullyEncoded);
+        entry.record.destinationPath = QFileInfo(output).path();
+        AbstractDownloadFileInfo file;
+        file.name = QFileInfo(output).fileName();
+        file.tmpPath = part;
+        file.size = data.size();
+        file.sections = {{offset, -1, done}};
+        entry.record.files = {file};
+        if (finished)
+            entry.record.state = AbstractDownloadPersistentInfo::Finished;
+        entry.host = {{u"kind"_s, u"file"_s}, {u"output"_s, output}};
+        QString error;
+        QVERIFY2(
+            RecordStore(state()).save(entry.record.resourceUrl + u'\n' + output, entry, &error),
+            qPrintable(error));
+        const Run result = run(args(url, output));
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QVERIFY2(result.err.contains(warning), result.err.constData());
+        QCOMPARE(readFile(output), data);
+        // A record that cannot hold is set aside.
+        QCOMPARE(QDir(state()).entryList({u"*.rejected-*"_s}, QDir::Files).size(),
+                 warning == PastSize ? 1 : 0);
+        QVERIFY(!finished || m_server->accessLog().isEmpty()); // nothing fetched again
     }
 
     void playlistsCannotReachLocalFiles() {
@@ -292,7 +290,7 @@ private Q_SLOTS:
         // The error for a file that exists, with its name taken out, is the error for one that
         // does not: nothing tells them apart. Each run has its own playlist, so that none
         // resumes the state another left.
-        QByteArray withoutUri;
+        QSet<QByteArray> withoutUri;
         int runs = 0;
         for (const QString& uri :
              {QUrl::fromLocalFile(local).toString(), u"file:///etc/passwd"_s,
@@ -304,11 +302,9 @@ private Q_SLOTS:
             QCOMPARE(result.exitCode, 1);
             QVERIFY2(result.err.contains(uri.toUtf8()), result.err.constData());
             QVERIFY(!result.err.contains("hidden-line") && !result.err.contains("root:"));
-            const QByteArray rest = QByteArray(result.err).replace(uri.toUtf8(), "URI");
-            if (withoutUri.isEmpty())
-                withoutUri = rest;
-            QCOMPARE(rest, withoutUri);
+            withoutUri << QByteArray(result.err).replace(uri.toUtf8(), "URI");
         }
+        QCOMPARE(withoutUri.size(), 1);
         QVERIFY(!QFile::exists(output));
     }
 

@@ -82,8 +82,7 @@ QUrl FaultyHttpServer::url(const QString& path) const {
 
 void FaultyHttpServer::setResource(const QString& path, const QByteArray& body,
                                    const QByteArray& contentType) {
-    m_resources.insert(path, body);
-    m_contentTypes.insert(path, contentType);
+    m_resources.insert(path, {body, contentType});
 }
 
 void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
@@ -141,7 +140,7 @@ bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, cons
               "<html><body>Sorry, this stream is gone</body></html>");
         return true;
     case FaultKind::Redirect:
-        reply(socket, statusLine(302) + "Location: " + m_resources.value(path) + "\r\n");
+        reply(socket, statusLine(302) + "Location: " + m_resources.value(path).first + "\r\n");
         return true;
     default:
         return false;
@@ -161,7 +160,7 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     }
     if (fault && answerFault(socket, path, *fault))
         return;
-    const QByteArray resource = m_resources.value(path);
+    const auto [resource, contentType] = m_resources.value(path);
     qint64 first = 0, last = resource.size() - 1;
     const bool honourRange = !range.isEmpty() && !(fault && fault->kind == FaultKind::IgnoreRange);
     if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
@@ -176,8 +175,8 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
         const QByteArray body = resource.mid(first, last - first + 1);
         QByteArray head = statusLine(status) + "Accept-Ranges: bytes\r\nContent-Length: " +
                           QByteArray::number(body.size()) + "\r\n";
-        if (!m_contentTypes.value(path).isEmpty())
-            head += "Content-Type: " + m_contentTypes.value(path) + "\r\n";
+        if (!contentType.isEmpty())
+            head += "Content-Type: " + contentType + "\r\n";
         if (honourRange)
             head += "Content-Range: bytes " + QByteArray::number(first) + '-' +
                     QByteArray::number(last) + '/' + QByteArray::number(resource.size()) + "\r\n";

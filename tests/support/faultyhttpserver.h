@@ -62,8 +62,7 @@ private:
     const Fault* takeFault(const QString& path);
 
     QTcpServer* m_server;
-    QHash<QString, QByteArray> m_resources;
-    QHash<QString, QByteArray> m_contentTypes;
+    QHash<QString, std::pair<QByteArray, QByteArray>> m_resources; // body, content type
     QHash<QString, QByteArray> m_credentials;
     QHash<QString, Fault> m_faults;
     QHash<QTcpSocket*, QByteArray> m_buffers;
