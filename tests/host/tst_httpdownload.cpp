@@ -331,23 +331,21 @@ private Q_SLOTS:
         options.firstByteTimeoutMs = 300;
         m_server->setResource(u"/n"_s, pattern(1000));
         m_server->setFault(u"/n"_s, {FaultyHttpServer::FaultKind::NeverAnswer, 0, -1});
-        auto download = run(record(u"/n"_s), {}, options);
-        QVERIFY(failed(download, timeout, {u"no answer"_s}));
+        QVERIFY(failed(run(record(u"/n"_s), {}, options), timeout, {u"no answer"_s}));
         QCOMPARE(m_server->requestCount(u"/n"_s), 2);
 
         m_server->setResource(u"/t"_s, pattern(100));
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 800, -1});
         options.stallTimeoutMs = 300;
-        download = run(record(u"/t"_s), {}, options);
-        QVERIFY(failed(download, timeout, {u"no data"_s}));
+        QVERIFY(failed(run(record(u"/t"_s), {}, options), timeout, {u"no data"_s}));
 
         // Bytes keep coming, but far too slowly.
         m_server->setFault(u"/t"_s, {FaultyHttpServer::FaultKind::Trickle, 50, -1});
         options.stallTimeoutMs = 5000;
         options.lowSpeedLimit = 1000;
         options.lowSpeedTimeMs = 1000;
-        download = run(record(u"/t"_s), {}, options);
-        QVERIFY(failed(download, timeout, {u"slower than 1000 bytes/s"_s}));
+        QVERIFY(
+            failed(run(record(u"/t"_s), {}, options), timeout, {u"slower than 1000 bytes/s"_s}));
         QCOMPARE(m_server->requestCount(u"/t"_s), 4);
 
         QFile::remove(target());
@@ -355,8 +353,7 @@ private Q_SLOTS:
         options.connectTimeoutMs = 300;
         AbstractDownloadPersistentInfo info = record(u"/c"_s);
         info.resourceUrl = u"http://127.0.0.1:%1/c"_s.arg(full.server.serverPort());
-        download = run(info, {}, options);
-        QVERIFY(failed(download, timeout, {u"could not connect"_s}));
+        QVERIFY(failed(run(info, {}, options), timeout, {u"could not connect"_s}));
         QVERIFY(!QFile::exists(target()));
     }
 
@@ -364,16 +361,15 @@ private Q_SLOTS:
         // 10 000 header lines: refused at the head's size cap, not read to the end.
         m_server->setResource(u"/h"_s, pattern(1000));
         m_server->setFault(u"/h"_s, {FaultyHttpServer::FaultKind::HugeHeaders, 10000, -1});
-        auto download = run(record(u"/h"_s));
-        QVERIFY(failed(download, QNetworkReply::ProtocolFailure, {u"larger than 64 KiB"_s}));
+        QVERIFY(failed(run(record(u"/h"_s)), QNetworkReply::ProtocolFailure,
+                       {u"larger than 64 KiB"_s}));
         QVERIFY(!QFile::exists(target()));
 
         for (const char* elsewhere : {"file:///etc/passwd", "ftp://127.0.0.1/x"}) {
             m_server->setResource(u"/r"_s, elsewhere);
             m_server->setFault(u"/r"_s, {FaultyHttpServer::FaultKind::Redirect, 0, -1});
-            download = run(record(u"/r"_s));
-            QVERIFY(
-                failed(download, QNetworkReply::ProtocolUnknownError, {QLatin1String(elsewhere)}));
+            QVERIFY(failed(run(record(u"/r"_s)), QNetworkReply::ProtocolUnknownError,
+                           {QLatin1String(elsewhere)}));
             QVERIFY(!QFile::exists(target()));
         }
     }
