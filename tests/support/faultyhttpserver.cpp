@@ -80,19 +80,6 @@ QUrl FaultyHttpServer::url(const QString& path) const {
     return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server->serverPort()).arg(path));
 }
 
-void FaultyHttpServer::setResource(const QString& path, const QByteArray& body,
-                                   const QByteArray& contentType) {
-    m_resources.insert(path, {body, contentType});
-}
-
-void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
-    m_faults.insert(path, fault);
-}
-
-void FaultyHttpServer::setCredentials(const QString& path, const QByteArray& userAndPassword) {
-    m_credentials.insert(path, userAndPassword);
-}
-
 int FaultyHttpServer::requestCount(const QString& path) const {
     return int(std::count_if(m_log.cbegin(), m_log.cend(),
                              [&](const LogEntry& entry) { return entry.path == path; }));

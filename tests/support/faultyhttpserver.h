@@ -46,10 +46,14 @@ public:
     QUrl url(const QString& path) const;
 
     void setResource(const QString& path, const QByteArray& body,
-                     const QByteArray& contentType = {});
-    void setFault(const QString& path, const Fault& fault);
+                     const QByteArray& contentType = {}) {
+        m_resources.insert(path, {body, contentType});
+    }
+    void setFault(const QString& path, const Fault& fault) { m_faults.insert(path, fault); }
     // Answers 401 (Basic, realm "tern") unless the request carries these "user:password".
-    void setCredentials(const QString& path, const QByteArray& userAndPassword);
+    void setCredentials(const QString& path, const QByteArray& userAndPassword) {
+        m_credentials.insert(path, userAndPassword);
+    }
 
     QList<LogEntry> accessLog() const { return m_log; }
     int requestCount(const QString& path) const;

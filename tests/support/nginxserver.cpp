@@ -29,21 +29,9 @@ bool waitUntilListening(const QProcess& process, int port) {
     return false;
 }
 
-NginxServer::NginxServer(QString rootDir)
-    : m_root(std::move(rootDir)) {}
-
-NginxServer::~NginxServer() {
-    stop();
-}
-
 QString NginxServer::executable() {
     const QString system = QStandardPaths::findExecutable(u"nginx"_s, {u"/usr/sbin"_s, u"/sbin"_s});
     return system.isEmpty() ? QStandardPaths::findExecutable(u"nginx"_s) : system;
-}
-
-void NginxServer::setTls(const QString& certificateFile, const QString& keyFile) {
-    m_certificate = certificateFile;
-    m_key = keyFile;
 }
 
 QString NginxServer::writeConfig(qint64 limitRate) const {

@@ -19,12 +19,16 @@ public:
         QString path;
     };
 
-    explicit NginxServer(QString rootDir);
-    ~NginxServer();
+    explicit NginxServer(QString rootDir)
+        : m_root(std::move(rootDir)) {}
+    ~NginxServer() { stop(); }
 
     static QString executable(); // empty when nginx is not installed
     // Serves HTTPS, with HTTP/2 offered, from these PEM files; call before start().
-    void setTls(const QString& certificateFile, const QString& keyFile);
+    void setTls(const QString& certificateFile, const QString& keyFile) {
+        m_certificate = certificateFile;
+        m_key = keyFile;
+    }
     // limitRate: bytes per second per connection, 0 for none.
     bool start(QString* error, qint64 limitRate = 0);
     void stop();
