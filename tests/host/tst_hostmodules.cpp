@@ -15,8 +15,6 @@ AbstractDownloadPersistentInfo record(const QString& module, const QString& url)
     AbstractDownloadPersistentInfo info;
     info.moduleName = module;
     info.resourceUrl = url;
-    info.files.resize(1);
-    info.files[0].name = u"file.bin"_s;
     return info;
 }
 } // namespace
