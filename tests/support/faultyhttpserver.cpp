@@ -42,7 +42,7 @@ void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs)
 
 void sendBody(QTcpSocket* socket, const QByteArray& body, const FaultyHttpServer::Fault* fault) {
     using Kind = FaultyHttpServer::FaultKind;
-    const Kind kind = fault ? fault->kind : Kind::Status;
+    const Kind kind = fault ? fault->kind : Kind::Status; // a status fault never sends a body
     if (kind == Kind::DropAfterBytes) {
         socket->write(body.left(fault->value));
         socket->flush();
