@@ -49,22 +49,21 @@ private Q_SLOTS:
         QCOMPARE(changed.at(0), (QVariantList{onBattery, true}));
         QCOMPARE(limit.limit(), onBattery);
 
+        // A limit made on battery starts there.
+        QtLinuxBatteryInfo unplugged(noBus, root.path(), 5);
+        const BatterySpeedLimit later(&unplugged, normal, 100000);
+        QVERIFY(later.onBattery());
+        QCOMPARE(later.limit(), onBattery);
+
         QVERIFY(writeSupplies(root, true));
         QTRY_COMPARE(changed.size(), 2);
         QCOMPARE(changed.at(1), (QVariantList{normal, false}));
-    }
-
-    void startsOnBatteryAndIgnoresMachinesWithoutOne() {
-        QTemporaryDir root;
-        QVERIFY(writeSupplies(root, false));
-        QtLinuxBatteryInfo battery(noBus, root.path(), 5);
-        QVERIFY(BatterySpeedLimit(&battery, 0, 1000).onBattery());
 
         // A desktop: no battery and no mains supply folder either.
         QtLinuxBatteryInfo none(noBus, root.filePath(QStringLiteral("none")), 5);
-        const BatterySpeedLimit desktop(&none, 2000, 1000);
+        const BatterySpeedLimit desktop(&none, normal, 100000);
         QVERIFY(!desktop.onBattery());
-        QCOMPARE(desktop.limit(), qint64(2000));
+        QCOMPARE(desktop.limit(), normal);
     }
 };
 

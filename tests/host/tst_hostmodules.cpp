@@ -15,9 +15,6 @@ AbstractDownloadPersistentInfo record(const QString& module, const QString& url)
     AbstractDownloadPersistentInfo info;
     info.moduleName = module;
     info.resourceUrl = url;
-    AbstractDownloadFileInfo file;
-    file.name = u"file.bin"_s;
-    info.files.append(file);
     return info;
 }
 } // namespace

@@ -11,6 +11,11 @@ QByteArray statusLine(int status) {
     return "HTTP/1.1 " + QByteArray::number(status) + (status < 400 ? " OK\r\n" : " Failed\r\n");
 }
 
+// Writes a whole answer: the status line and headers in head, then body with its length.
+void reply(QTcpSocket* socket, const QByteArray& head, const QByteArray& body = {}) {
+    socket->write(head + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+}
+
 // Parses "bytes=a-b" / "bytes=a-" against a resource of the given size.
 bool parseRange(const QByteArray& header, qint64 size, qint64* first, qint64* last) {
     static const QRegularExpression re(QStringLiteral(R"(^bytes=(\d+)-(\d*)$)"));
@@ -21,15 +26,51 @@ bool parseRange(const QByteArray& header, qint64 size, qint64* first, qint64* la
     *last = match.captured(2).isEmpty() ? size - 1 : qMin(match.captured(2).toLongLong(), size - 1);
     return *first < size && *first <= *last;
 }
+
+// Sends chunk bytes of body every intervalMs.
+void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs) {
+    auto* timer = new QTimer(socket);
+    auto offset = std::make_shared<qint64>(0);
+    QObject::connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
+        socket->write(body.mid(*offset, chunk));
+        *offset += chunk;
+        if (*offset >= body.size())
+            timer->stop();
+    });
+    timer->start(intervalMs);
+}
+
+void sendBody(QTcpSocket* socket, const QByteArray& body, const FaultyHttpServer::Fault* fault) {
+    using Kind = FaultyHttpServer::FaultKind;
+    const Kind kind = fault ? fault->kind : Kind::Status; // a status fault never sends a body
+    if (kind == Kind::DropAfterBytes) {
+        socket->write(body.left(fault->value));
+        socket->flush();
+        socket->abort();
+    } else if (kind == Kind::Trickle) {
+        pace(socket, body, 1, fault->value);
+    } else if (kind == Kind::SlowBody && fault->value > 0) {
+        // Paced in tenths of a second so that the client sees a steady trickle.
+        pace(socket, body, qMax(1, fault->value / 10), 100);
+    } else {
+        socket->write(body);
+    }
+}
 } // namespace
 
 FaultyHttpServer::FaultyHttpServer(QObject* parent)
     : QObject(parent)
     , m_server(new QTcpServer(this)) {
-    connect(m_server, &QTcpServer::newConnection, this, &FaultyHttpServer::onNewConnection);
+    connect(m_server, &QTcpServer::newConnection, this, [this] {
+        while (QTcpSocket* socket = m_server->nextPendingConnection()) {
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+            connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+                m_buffers.remove(socket);
+                socket->deleteLater();
+            });
+        }
+    });
 }
-
-FaultyHttpServer::~FaultyHttpServer() = default;
 
 bool FaultyHttpServer::listen() {
     return m_server->listen(QHostAddress::LocalHost, 0);
@@ -39,35 +80,9 @@ QUrl FaultyHttpServer::url(const QString& path) const {
     return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server->serverPort()).arg(path));
 }
 
-void FaultyHttpServer::setResource(const QString& path, const QByteArray& body,
-                                   const QByteArray& contentType) {
-    m_resources.insert(path, body);
-    m_contentTypes.insert(path, contentType);
-}
-
-void FaultyHttpServer::setFault(const QString& path, const Fault& fault) {
-    m_faults.insert(path, fault);
-}
-
-void FaultyHttpServer::setCredentials(const QString& path, const QByteArray& userAndPassword) {
-    m_credentials.insert(path, userAndPassword);
-}
-
 int FaultyHttpServer::requestCount(const QString& path) const {
-    int count = 0;
-    for (const auto& entry : m_log)
-        count += entry.path == path ? 1 : 0;
-    return count;
-}
-
-void FaultyHttpServer::onNewConnection() {
-    while (QTcpSocket* socket = m_server->nextPendingConnection()) {
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
-        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
-            m_buffers.remove(socket);
-            socket->deleteLater();
-        });
-    }
+    return int(std::count_if(m_log.cbegin(), m_log.cend(),
+                             [&](const LogEntry& entry) { return entry.path == path; }));
 }
 
 void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
@@ -78,14 +93,12 @@ void FaultyHttpServer::onReadyRead(QTcpSocket* socket) {
         const QList<QByteArray> lines = buffer.left(end).split('\n');
         buffer.remove(0, end + 4);
         const QList<QByteArray> request = lines.value(0).trimmed().split(' ');
-        QByteArray range, authorization;
-        for (const auto& line : lines) {
-            if (line.toLower().startsWith("range:"))
-                range = line.mid(6).trimmed();
-            else if (line.toLower().startsWith("authorization:"))
-                authorization = line.mid(14).trimmed();
-        }
-        answer(socket, QString::fromLatin1(request.value(1)), range, authorization);
+        QHash<QByteArray, QByteArray> headers; // by lower-case name
+        for (const auto& line : lines.mid(1))
+            headers.insert(line.left(line.indexOf(':')).toLower(),
+                           line.mid(line.indexOf(':') + 1).trimmed());
+        answer(socket, QString::fromLatin1(request.value(1)), headers.value("range"),
+               headers.value("authorization"));
     }
 }
 
@@ -100,29 +113,25 @@ const FaultyHttpServer::Fault* FaultyHttpServer::takeFault(const QString& path) 
 
 // The faults that answer without the resource; false for those that shape its delivery.
 bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, const Fault& fault) {
-    QByteArray head;
-    QByteArray body;
+    QByteArray head = statusLine(200);
     switch (fault.kind) {
     case FaultKind::NeverAnswer:
         return true;
     case FaultKind::HugeHeaders:
-        head = statusLine(200);
         for (int i = 0; i < fault.value; ++i)
             head += "X-Filler-" + QByteArray::number(i) + ": " + QByteArray(64, 'f') + "\r\n";
-        body = "abc";
-        break;
+        reply(socket, head, "abc");
+        return true;
     case FaultKind::HtmlPage:
-        body = "<html><body>Sorry, this stream is gone</body></html>";
-        head = statusLine(200) + "Content-Type: text/html; charset=utf-8\r\n";
-        break;
+        reply(socket, head + "Content-Type: text/html; charset=utf-8\r\n",
+              "<html><body>Sorry, this stream is gone</body></html>");
+        return true;
     case FaultKind::Redirect:
-        head = statusLine(302) + "Location: " + m_resources.value(path) + "\r\n";
-        break;
+        reply(socket, statusLine(302) + "Location: " + m_resources.value(path).first + "\r\n");
+        return true;
     default:
         return false;
     }
-    socket->write(head + "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body);
-    return true;
 }
 
 void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range,
@@ -133,67 +142,32 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     const QByteArray credentials = m_credentials.value(path);
     if (!credentials.isEmpty() && authorization != "Basic " + credentials.toBase64()) {
         status = 401;
-        socket->write("HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n"
-                      "Content-Length: 0\r\n\r\n");
+        reply(socket, "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n");
         return;
     }
     if (fault && answerFault(socket, path, *fault))
         return;
-    const QByteArray resource = m_resources.value(path);
+    const auto [resource, contentType] = m_resources.value(path);
     qint64 first = 0, last = resource.size() - 1;
     const bool honourRange = !range.isEmpty() && !(fault && fault->kind == FaultKind::IgnoreRange);
     if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
         status = m_resources.contains(path) ? fault->value : 404;
-        const QByteArray body = "error page " + QByteArray::number(status);
-        socket->write(statusLine(status) + "Content-Length: " + QByteArray::number(body.size()) +
-                      "\r\n\r\n" + body);
+        reply(socket, statusLine(status), "error page " + QByteArray::number(status));
     } else if (honourRange && !parseRange(range, resource.size(), &first, &last)) {
         status = 416;
-        socket->write(statusLine(416) + "Content-Range: bytes */" +
-                      QByteArray::number(resource.size()) + "\r\nContent-Length: 0\r\n\r\n");
+        reply(socket, statusLine(416) + "Content-Range: bytes */" +
+                          QByteArray::number(resource.size()) + "\r\n");
     } else {
         status = honourRange ? 206 : 200;
         const QByteArray body = resource.mid(first, last - first + 1);
         QByteArray head = statusLine(status) + "Accept-Ranges: bytes\r\nContent-Length: " +
                           QByteArray::number(body.size()) + "\r\n";
-        if (!m_contentTypes.value(path).isEmpty())
-            head += "Content-Type: " + m_contentTypes.value(path) + "\r\n";
+        if (!contentType.isEmpty())
+            head += "Content-Type: " + contentType + "\r\n";
         if (honourRange)
             head += "Content-Range: bytes " + QByteArray::number(first) + '-' +
                     QByteArray::number(last) + '/' + QByteArray::number(resource.size()) + "\r\n";
-        sendBody(socket, head + "\r\n", body, fault);
+        socket->write(head + "\r\n");
+        sendBody(socket, body, fault);
     }
-}
-
-void FaultyHttpServer::sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
-                                const Fault* fault) {
-    socket->write(head);
-    if (fault && fault->kind == FaultKind::DropAfterBytes) {
-        socket->write(body.left(fault->value));
-        socket->flush();
-        socket->abort();
-        return;
-    }
-    if (fault && fault->kind == FaultKind::Trickle) {
-        pace(socket, body, 1, fault->value);
-        return;
-    }
-    if (!fault || fault->kind != FaultKind::SlowBody || fault->value <= 0) {
-        socket->write(body);
-        return;
-    }
-    // Paced in tenths of a second so that the client sees a steady trickle.
-    pace(socket, body, qMax(1, fault->value / 10), 100);
-}
-
-void FaultyHttpServer::pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs) {
-    auto* timer = new QTimer(socket);
-    auto offset = std::make_shared<qint64>(0);
-    connect(timer, &QTimer::timeout, socket, [socket, timer, body, chunk, offset] {
-        socket->write(body.mid(*offset, chunk));
-        *offset += chunk;
-        if (*offset >= body.size())
-            timer->stop();
-    });
-    timer->start(intervalMs);
 }

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <QByteArray>
 #include <QHash>
-#include <QList>
 #include <QObject>
-#include <QString>
 #include <QUrl>
 
 class QTcpServer;
@@ -44,35 +41,32 @@ public:
     };
 
     explicit FaultyHttpServer(QObject* parent = nullptr);
-    ~FaultyHttpServer() override;
 
     bool listen(); // on 127.0.0.1 and an ephemeral port
     QUrl url(const QString& path) const;
 
     void setResource(const QString& path, const QByteArray& body,
-                     const QByteArray& contentType = {});
-    void setFault(const QString& path, const Fault& fault);
+                     const QByteArray& contentType = {}) {
+        m_resources.insert(path, {body, contentType});
+    }
+    void setFault(const QString& path, const Fault& fault) { m_faults.insert(path, fault); }
     // Answers 401 (Basic, realm "tern") unless the request carries these "user:password".
-    void setCredentials(const QString& path, const QByteArray& userAndPassword);
+    void setCredentials(const QString& path, const QByteArray& userAndPassword) {
+        m_credentials.insert(path, userAndPassword);
+    }
 
     QList<LogEntry> accessLog() const { return m_log; }
     int requestCount(const QString& path) const;
 
 private:
-    struct Connection;
-    void onNewConnection();
     void onReadyRead(QTcpSocket* socket);
     void answer(QTcpSocket* socket, const QString& path, const QByteArray& rangeHeader,
                 const QByteArray& authorization);
     bool answerFault(QTcpSocket* socket, const QString& path, const Fault& fault);
-    void sendBody(QTcpSocket* socket, const QByteArray& head, const QByteArray& body,
-                  const Fault* fault);
-    void pace(QTcpSocket* socket, const QByteArray& body, int chunk, int intervalMs);
     const Fault* takeFault(const QString& path);
 
     QTcpServer* m_server;
-    QHash<QString, QByteArray> m_resources;
-    QHash<QString, QByteArray> m_contentTypes;
+    QHash<QString, std::pair<QByteArray, QByteArray>> m_resources; // body, content type
     QHash<QString, QByteArray> m_credentials;
     QHash<QString, Fault> m_faults;
     QHash<QTcpSocket*, QByteArray> m_buffers;

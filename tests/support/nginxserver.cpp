@@ -1,4 +1,5 @@
 #include "nginxserver.h"
+#include "testfiles.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -10,38 +11,27 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
 int freePort() {
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost, 0);
     return probe.serverPort();
 }
 
-bool accepts(int port) {
-    QTcpSocket socket;
-    socket.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(port));
-    return socket.waitForConnected(200);
-}
-} // namespace
-
-NginxServer::NginxServer(QString rootDir)
-    : m_root(std::move(rootDir)) {}
-
-NginxServer::~NginxServer() {
-    stop();
+bool waitUntilListening(const QProcess& process, int port) {
+    const QDeadlineTimer deadline(10000);
+    while (!deadline.hasExpired() && process.state() != QProcess::NotRunning) {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, quint16(port));
+        if (probe.waitForConnected(200))
+            return true;
+        QThread::msleep(20);
+    }
+    return false;
 }
 
 QString NginxServer::executable() {
-    for (const QString& candidate : {u"/usr/sbin/nginx"_s, u"/sbin/nginx"_s}) {
-        if (QFile::exists(candidate))
-            return candidate;
-    }
-    return QStandardPaths::findExecutable(u"nginx"_s);
-}
-
-void NginxServer::setTls(const QString& certificateFile, const QString& keyFile) {
-    m_certificate = certificateFile;
-    m_key = keyFile;
+    const QString system = QStandardPaths::findExecutable(u"nginx"_s, {u"/usr/sbin"_s, u"/sbin"_s});
+    return system.isEmpty() ? QStandardPaths::findExecutable(u"nginx"_s) : system;
 }
 
 QString NginxServer::writeConfig(qint64 limitRate) const {
@@ -57,7 +47,7 @@ QString NginxServer::writeConfig(qint64 limitRate) const {
     const QString tlsListen = m_certificate.isEmpty() ? QString() : u" ssl http2"_s;
     return u"daemon off;\nmaster_process off;\nworker_processes 1;\npid %1/nginx.pid;\n"
            "error_log %1/error.log warn;\nevents { worker_connections 256; }\n"
-           "http {\n    log_format tern '$uri $status \"$http_range\"';\n"
+           "http {\n    log_format tern '$uri';\n"
            "    access_log %1/access.log tern;\n%2"
            "    types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; "
            "}\n"
@@ -76,26 +66,17 @@ bool NginxServer::start(QString* error, qint64 limitRate) {
     }
     m_port = freePort();
     const QString conf = m_dir.filePath(u"nginx.conf"_s);
-    QFile file(conf);
-    if (!file.open(QIODevice::WriteOnly) || file.write(writeConfig(limitRate).toUtf8()) < 0) {
+    if (!writeFile(conf, writeConfig(limitRate).toUtf8())) {
         *error = u"cannot write %1"_s.arg(conf);
         return false;
     }
-    file.close();
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.start(
         program, {u"-p"_s, m_dir.path(), u"-e"_s, m_dir.filePath(u"error.log"_s), u"-c"_s, conf});
-    const QDeadlineTimer deadline(10000);
-    while (!deadline.hasExpired()) {
-        if (m_process.state() == QProcess::NotRunning)
-            break;
-        if (accepts(m_port))
-            return true;
-        QThread::msleep(20);
-    }
-    QFile log(m_dir.filePath(u"error.log"_s));
-    log.open(QIODevice::ReadOnly);
-    *error = u"nginx did not start: "_s + QString::fromUtf8(log.readAll());
+    if (waitUntilListening(m_process, m_port))
+        return true;
+    *error =
+        u"nginx did not start: "_s + QString::fromUtf8(readFile(m_dir.filePath(u"error.log"_s)));
     stop();
     return false;
 }
@@ -120,11 +101,7 @@ QList<NginxServer::Access> NginxServer::accessLog() const {
     QFile file(m_dir.filePath(u"access.log"_s));
     if (!file.open(QIODevice::ReadOnly))
         return entries;
-    while (!file.atEnd()) {
-        const QStringList parts =
-            QString::fromUtf8(file.readLine()).trimmed().remove(u'"').split(u' ');
-        if (parts.size() == 3)
-            entries.append({parts.at(0), parts.at(1).toInt(), parts.at(2)});
-    }
+    while (!file.atEnd())
+        entries.append({QString::fromUtf8(file.readLine()).trimmed()});
     return entries;
 }
