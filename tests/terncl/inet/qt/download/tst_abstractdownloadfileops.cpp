@@ -134,7 +134,7 @@ private Q_SLOTS:
     // Which operations a record needs, and what they do on disk. Unfinished: a file not created
     // yet is created without losing what its temporary path holds, an empty one never written
     // is created in place and a deselected one goes aside. Finished and selected again, the files
-    // move to their final names (folders created) on the writers thread; then nothing is left.
+    // move to their final names (folders created); then nothing is left.
     void filesFromCreationToTheirFinalNames() {
         AbstractDownloadPersistentInfo info;
         info.destinationPath = path("dst");
@@ -163,7 +163,6 @@ private Q_SLOTS:
         info.files[2].priority = AbstractDownloadFileInfo::NormalPriority;
         info.state = AbstractDownloadPersistentInfo::Finished;
         result = perform(AbstractDownloadFileOps::calcFilesInitOps({}, info, true));
-        QCOMPARE(result.thread, &m_writers);
         QCOMPARE(result.count, 3);
         QVERIFY(!result.error.isSet());
         QCOMPARE(read("dst/a.bin"), QByteArray("tmp/a.part"));
