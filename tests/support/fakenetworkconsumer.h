@@ -32,12 +32,9 @@ public:
     void clearLastError() override { failWith({}, {}); }
     bool isRunning() const override { return m_running; }
 
-    // Scripting.
-    // Sets the count for one endpoint and emits the delta (0 removes the endpoint).
+    // Scripting. Sets the count for one endpoint and emits the delta (0 removes the endpoint).
     void setConnections(const QtHostAndPort& endpoint, int count) {
         const int before = m_connections.value(endpoint).count;
-        if (before == count)
-            return;
         if (count == 0)
             m_connections.remove(endpoint);
         else

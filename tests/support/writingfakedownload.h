@@ -10,14 +10,10 @@
 #include <QPointer>
 #include <QTimer>
 
-// A child download for segment downloaders that really writes its bytes. Given its segment's
-// whole content, on Start it writes what its record does not count as done yet (all of it
-// without resume support) in 1000-byte chunks through a FileDataAsyncWriter on its writers
-// thread, at the file's writeOffset, without truncating. A byte counts as done only once
-// flushed, so the record never claims more than the file holds; once the planned number of
-// bytes is done, the planned outcome happens. Writers are registered with the objects tracker
-// as "FileDataAsyncWriter". Like the real children it writes at the record's tmpPath, else at
-// destinationPath + "/" + name, and names a record without a file name "segments.bin".
+// A segment child that really writes: on Start, what its record lacks (all without resume
+// support) in 1000-byte chunks through a tracked FileDataAsyncWriter on its writers thread, at
+// writeOffset, at tmpPath else destinationPath/name ("segments.bin" if unnamed). Bytes count as
+// done once flushed, so the record never claims more than the file holds.
 class WritingFakeDownload : public FakeDownload {
     Q_OBJECT
 
