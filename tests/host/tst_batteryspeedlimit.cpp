@@ -58,12 +58,6 @@ private Q_SLOTS:
         QVERIFY(writeSupplies(root, true));
         QTRY_COMPARE(changed.size(), 2);
         QCOMPARE(changed.at(1), (QVariantList{normal, false}));
-
-        // A desktop: no battery and no mains supply folder either.
-        QtLinuxBatteryInfo none(noBus, root.filePath(QStringLiteral("none")), 5);
-        const BatterySpeedLimit desktop(&none, normal, 100000);
-        QVERIFY(!desktop.onBattery());
-        QCOMPARE(desktop.limit(), normal);
     }
 };
 
