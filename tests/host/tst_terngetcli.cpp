@@ -124,7 +124,6 @@ private Q_SLOTS:
         const Run second = run(args(url, output));
         QVERIFY2(second.exitCode == 0 && second.err.contains("fewer than"), second.err.constData());
         const QStringList segments = FfmpegTestMedia::segmentFiles(m_stream + u"/index.m3u8"_s);
-        QVERIFY(segments.size() >= 20);
         QByteArray all;
         for (const auto& segment : segments)
             all += readFile(segment);
@@ -376,7 +375,6 @@ cp "$1/big.bin" "$5/result.bin"
         const QJsonDocument last = QJsonDocument::fromJson(lines.at(lines.size() - 2));
         QCOMPARE(last[u"state"_s].toString(), u"finished"_s);
         QCOMPARE(last[u"bytesDone"_s].toInteger(), body.size());
-        QCOMPARE(last[u"bytesTotal"_s].toInteger(), body.size());
         const QJsonDocument end = QJsonDocument::fromJson(lines.constLast());
         QCOMPARE(end[u"outcome"_s].toString(), u"done"_s);
         QCOMPARE(end[u"output"_s].toString(), output);
