@@ -97,8 +97,6 @@ private Q_SLOTS:
         QVERIFY(last.waitForFinished(120000));
         QVERIFY2(last.exitCode() == 0, last.readAllStandardError().constData());
         QCOMPARE(readFile(output), m_all);
-        qInfo("SIGKILL at random moments: %d/%d resumed, result byte-exact (seed %u)", kills, kills,
-              seed);
         QCOMPARE(QDir(m_dir.filePath(u"out"_s)).entryList(QDir::Files),
                  QStringList{u"s.ts"_s}); // no spill file left behind
         // A kill costs the segments in flight, and at most one finished in the moment before

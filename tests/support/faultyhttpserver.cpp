@@ -137,11 +137,9 @@ bool FaultyHttpServer::answerFault(QTcpSocket* socket, const QString& path, cons
 void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QByteArray& range,
                               const QByteArray& authorization) {
     const Fault* fault = takeFault(path);
-    m_log.append({path, range, 0});
-    int& status = m_log.last().status;
+    m_log.append({path, range});
     const QByteArray credentials = m_credentials.value(path);
     if (!credentials.isEmpty() && authorization != "Basic " + credentials.toBase64()) {
-        status = 401;
         reply(socket, "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"tern\"\r\n");
         return;
     }
@@ -151,14 +149,13 @@ void FaultyHttpServer::answer(QTcpSocket* socket, const QString& path, const QBy
     qint64 first = 0, last = resource.size() - 1;
     const bool honourRange = !range.isEmpty() && !(fault && fault->kind == FaultKind::IgnoreRange);
     if (!m_resources.contains(path) || (fault && fault->kind == FaultKind::Status)) {
-        status = m_resources.contains(path) ? fault->value : 404;
+        const int status = m_resources.contains(path) ? fault->value : 404;
         reply(socket, statusLine(status), "error page " + QByteArray::number(status));
     } else if (honourRange && !parseRange(range, resource.size(), &first, &last)) {
-        status = 416;
         reply(socket, statusLine(416) + "Content-Range: bytes */" +
                           QByteArray::number(resource.size()) + "\r\n");
     } else {
-        status = honourRange ? 206 : 200;
+        const int status = honourRange ? 206 : 200;
         const QByteArray body = resource.mid(first, last - first + 1);
         QByteArray head = statusLine(status) + "Accept-Ranges: bytes\r\nContent-Length: " +
                           QByteArray::number(body.size()) + "\r\n";

@@ -7,11 +7,9 @@
 class QTcpServer;
 class QTcpSocket;
 
-// A small HTTP/1.1 server on loopback for the failures a real server does not produce on
-// demand: error statuses, connections dropped mid-body, a 200 in answer to a range request,
-// slow or trickling bodies, endless headers, redirects elsewhere, silence after the request,
-// an HTML page answered 200. It serves in-memory resources with correct Range handling otherwise,
-// and keeps an access log. Runs in the thread of its owner (the test's event loop).
+// A loopback HTTP/1.1 server for the failures a real server does not produce on demand (see
+// FaultKind). Otherwise it serves in-memory resources with correct Range handling, and keeps an
+// access log. Runs in the thread of its owner (the test's event loop).
 class FaultyHttpServer : public QObject {
     Q_OBJECT
 
@@ -37,7 +35,6 @@ public:
     struct LogEntry {
         QString path;
         QByteArray range; // the Range header as received, empty without one
-        int status = 0;
     };
 
     explicit FaultyHttpServer(QObject* parent = nullptr);
