@@ -372,6 +372,12 @@ cp "$1/big.bin" "$5/result.bin"
         QCOMPARE(readFile(output), body); // the limit holds bytes back, never drops them
         const QList<QByteArray> lines = result.out.trimmed().split('\n');
         QVERIFY2(lines.size() >= 3, result.out.constData()); // at least 2 s at 100 KiB/s
+        qint64 done = 0;
+        for (qsizetype i = 0; i < lines.size() - 1; ++i) { // progress never goes backwards
+            const qint64 now = QJsonDocument::fromJson(lines[i])[u"bytesDone"_s].toInteger();
+            QVERIFY2(now >= done, lines[i].constData());
+            done = now;
+        }
         const QJsonDocument last = QJsonDocument::fromJson(lines.at(lines.size() - 2));
         QCOMPARE(last[u"state"_s].toString(), u"finished"_s);
         QCOMPARE(last[u"bytesDone"_s].toInteger(), body.size());
@@ -379,6 +385,14 @@ cp "$1/big.bin" "$5/result.bin"
         QCOMPARE(end[u"outcome"_s].toString(), u"done"_s);
         QCOMPARE(end[u"output"_s].toString(), output);
         QCOMPARE(QDir(logs).entryList({u"R_*.log"_s}, QDir::Files).size(), 1);
+
+        // A log folder that cannot be made (its parent is a file) costs the log, not the download,
+        // and never sends the logs somewhere else.
+        result =
+            run(args(url, out(u"unlogged.bin"_s), u"--log-requests %1/logs --quiet"_s.arg(output)));
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QVERIFY(QDir::root().entryList({u"R_*.log"_s}, QDir::Files).isEmpty());
+        QCOMPARE(result.err.count("no request log is written"), 1);
 
         m_server->setFault(u"/file.bin"_s, {FaultyHttpServer::FaultKind::Status, 404});
         result = run(args(url, out(u"json404.bin"_s), u"--progress=json --quiet"_s));
