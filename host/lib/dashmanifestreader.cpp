@@ -564,6 +564,8 @@ std::optional<Failure> Parser::fromTemplate(const Level& level, Reader::Represen
             return failureAt(at, problem);
         if (auto failure = addSource(at, level, *init, {}, rep))
             return failure;
+        if (auto failure = checkCount(at, 1)) // an init segment is fetched like any other
+            return failure;
         rep->hasInitSegment = true;
     }
     const QString media = info.attribute("media");
@@ -654,6 +656,8 @@ std::optional<Failure> Parser::fromList(const Level& level, Reader::Representati
     if (info.initialization) {
         const Element& init = *info.initialization;
         if (auto failure = addRanged(init, init.attribute("sourceURL"), init.attribute("range")))
+            return failure;
+        if (auto failure = checkCount(init, 1))
             return failure;
         rep->hasInitSegment = true;
     }

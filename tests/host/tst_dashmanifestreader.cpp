@@ -122,6 +122,12 @@ private Q_SLOTS:
                    "<SegmentTemplate media=\"$Number$\" duration=\"1\" timescale=\"1000000\"/>"
                    "<Representation id=\"1\" bandwidth=\"1\"/>"))
             << unsupported << u"more than 300000 segments"_s;
+        QTest::newRow("init segment past the cap")
+            << mpd(period("<Representation id=\"1\" bandwidth=\"1\"><SegmentTemplate "
+                          "media=\"$Number$\" initialization=\"init\"><SegmentTimeline>"
+                          "<S d=\"1\" r=\"299999\"/></SegmentTimeline></SegmentTemplate>"
+                          "</Representation>"))
+            << unsupported << u"more than 300000 segments"_s;
     }
     void refusedManifestsSayWhy() {
         QFETCH(QByteArray, text);
