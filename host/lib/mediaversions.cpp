@@ -4,6 +4,7 @@
 #include <QSet>
 #include <QVariantHash>
 #include <QVariantList>
+#include <QVariantMap>
 
 #include <algorithm>
 #include <cmath>
@@ -122,12 +123,20 @@ AbstractDownloadSourceInfo sourceFor(const QUrl& url, const Request& request) {
     return source;
 }
 
+// A stream may list hundreds of thousands of segments. A QHash reserves room for dozens of
+// entries on its first insert (kilobytes for a source of two or three fields), so each source is
+// kept as a map, which allocates only what it holds; the record it ends up in reads the same.
 void setSources(Version* version, QList<AbstractDownloadSourceInfo> sources,
                 const Request& request) {
     QVariantList list;
+    list.reserve(sources.size());
     for (auto& source : sources) {
         source.requestHeaders = request.headers;
-        list.append(source.toVariantHash());
+        const QVariantHash hash = source.toVariantHash();
+        QVariantMap map;
+        for (auto it = hash.cbegin(); it != hash.cend(); ++it)
+            map.insert(it.key(), it.value());
+        list.append(map);
     }
     setDetail(version, sourcesKey, list);
 }

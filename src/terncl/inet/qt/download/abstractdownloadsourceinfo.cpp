@@ -46,17 +46,20 @@ QVariantHash AbstractDownloadSourceInfo::toVariantHash() const {
 
 AbstractDownloadSourceInfo AbstractDownloadSourceInfo::fromVariantHash(const QVariantHash& hash) {
     AbstractDownloadSourceInfo info;
-    QVariantHash rest = hash;
-    info.url = QUrl(rest.take(kUrl).toString(), QUrl::StrictMode);
-    info.requestHeaders = headersFromList(rest.take(kHeaders).toList());
+    info.url = QUrl(hash.value(kUrl).toString(), QUrl::StrictMode);
+    info.requestHeaders = headersFromList(hash.value(kHeaders).toList());
     bool ok = false;
-    const qint64 offset = rest.value(kRangeOffset).toLongLong(&ok);
+    const qint64 offset = hash.value(kRangeOffset).toLongLong(&ok);
     info.rangeOffset = ok && offset >= 0 ? offset : 0;
-    rest.remove(kRangeOffset);
-    const qint64 size = rest.value(kRangeSize).toLongLong(&ok);
+    const qint64 size = hash.value(kRangeSize).toLongLong(&ok);
     info.rangeSize = ok && size >= -1 ? size : -1;
-    rest.remove(kRangeSize);
-    info.extra = rest;
+    // Only unknown keys are copied: a copy of the whole hash with the known keys taken out would
+    // keep the hash's full allocation (kilobytes) in every source of a stream, empty or not.
+    for (auto it = hash.cbegin(); it != hash.cend(); ++it) {
+        if (it.key() != kUrl && it.key() != kHeaders && it.key() != kRangeOffset &&
+            it.key() != kRangeSize)
+            info.extra.insert(it.key(), it.value());
+    }
     return info;
 }
 
